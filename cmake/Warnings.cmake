@@ -1,0 +1,12 @@
+# Warnings and sanitizers for the project's own targets: link them to project_options.
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+    -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
+    $<$<BOOL:${MEDIA_BACKEND_WERROR}>:-Werror>)
+
+if(MEDIA_BACKEND_SANITIZE)
+  add_compile_options(-fsanitize=${MEDIA_BACKEND_SANITIZE} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${MEDIA_BACKEND_SANITIZE})
+endif()
