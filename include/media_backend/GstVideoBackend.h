@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <lumora/FrameExport.h>
+
+#include <media_backend/Export.h>
+
+namespace media_backend {
+
+// The board's hardware video platform, and what follows from it: caps for the host's application
+// sources, buffers around exported camera frames, and GStreamer pipeline descriptions.
+//
+// A backend never changes after construction, so every member may be called from any thread, and
+// any number of them at once, without a lock. Texts returned as `const char*` are constants or live
+// as long as the backend; the caller never frees them.
+//
+// Descriptions are texts for gst_parse_launch(). A fragment begins with its own link mark and ends
+// with one blank, so fragments join by plain concatenation behind a source element that the host
+// writes. The empty string is a builder's only failure. Optional texts may be null or empty, which
+// leaves their piece out; present texts and numbers are written as they are, unchecked.
+class MEDIA_BACKEND_API GstVideoBackend {
+ public:
+  enum class Platform : std::int32_t { None = 0, Nvidia = 1, ImxVpu = 2 };
+
+  enum class Codec : std::int32_t { Unknown = 0, H264 = 1, H265 = 2, Av1 = 3, Mjpeg = 4 };
+
+  // What a board offers. An encoder's name is set with the platform whether or not the board has
+  // that encoder: only the flags say what is usable. By default the profile of no platform.
+  struct Profile {
+    Platform platform = Platform::None;
+    const char* name = "none";  // "none", "nvidia-nvmm" or "dmabuf-nv12-vpu"; a literal
+    std::string inputConverter;
+    std::string uploadConverter;
+    std::string h264Encoder;
+    std::string h265Encoder;
+    std::string jpegEncoder;
+    bool hasH264 = false;
+    bool hasH265 = false;
+    bool hasAv1 = false;
+    bool hasJpeg = false;
+  };
+
+  // Encoder settings; the library reads them during a call only. NVIDIA encoders take every field,
+  // i.MX encoders `codec`, `bitrateBps` and `idrInterval`.
+  struct EncoderConfig {
+    Codec codec = Codec::Unknown;
+    std::uint32_t bitrateBps = 4000000;  // bits per second; i.MX: whole kilobits, rounded down
+    std::int32_t controlRate = 1;        // the encoder's own code: 0 variable, 1 constant rate
+    std::int32_t presetLevel = 1;        // the encoder's own code
+    std::uint32_t iframeInterval = 30;   // frames between I frames
+    std::uint32_t idrInterval = 30;      // frames between IDR frames; i.MX: the GOP's length
+  };
+
+  // The process's one backend. The first call probes the GStreamer registry, so the host calls
+  // gst_init() before it; later calls only return. Elements that appear afterwards are not seen.
+  static const GstVideoBackend& instance() noexcept;
+
+  // A backend for a profile of the host's own making, whatever the board has.
+  explicit GstVideoBackend(Profile profile);
+
+  const char* name() const;
+  bool available() const;
+  bool supports(Codec codec) const;
+
+  // "h264", "h265" or "hevc", "av1", "mjpeg", "jpeg" or "jpg" in any case; else Unknown. No
+  // blanks are trimmed.
+  static Codec codecFromString(const std::string& text) noexcept;
+  // "h264", "h265", "av1", "mjpeg", or "unknown" for any other value.
+  static const char* codecName(Codec codec);
+
+  // Names for H.265 or H.264; only the encoder's depends on the profile ("" on no platform).
+  const char* h26xEncoder(bool h265) const;
+  const char* h26xParser(bool h265) const;
+  const char* h26xCaps(bool h265) const;
+  const char* h26xPayloader(bool h265) const;
+
+  // Caps of raw camera frames: progressive NV12 of `width` x `height` pixels at `fps` frames per
+  // second (negative counts as 0), in NVMM memory on NVIDIA. Colorimetry defaults to "bt709".
+  // Returns caps that the caller owns; null without a platform or with a size below 1.
+  GstCaps* makeInputCaps(int width, int height, int fps, bool squarePixels,
+                         const char* colorimetry) const noexcept;
+
+  // Sets those caps on `appsrc` (borrowed). False, with the source unchanged, if it is null or the
+  // caps cannot be made.
+  bool setInputCaps(GstAppSrc* appsrc, int width, int height, int fps, bool squarePixels,
+                    const char* colorimetry) const noexcept;
+
+  // Wraps an exported frame into a buffer without copying pixels: on i.MX one dma-buf memory with
+  // video meta for the two NV12 planes, on NVIDIA the block from prepareStreamingFrameMemory().
+  // The buffer has no timestamps or flags; the caller sets them.
+  //
+  // Ownership: the caller owns the buffer. One reference to `keepAlive` (may be empty) lives until
+  // GStreamer frees the buffer (i.MX) or its memory (NVIDIA), and is dropped on whichever thread
+  // does that. `handle.fd` stays the host's; the buffer works on a duplicate.
+  // Errors: null if there is no platform, the layout is not that of an NV12 frame inside the
+  // buffer, or memory or descriptors run out; then nothing is kept.
+  GstBuffer* wrapFrame(const lumora::FrameExportHandle& handle,
+                       std::shared_ptr<void> keepAlive) const noexcept;
+
+  // Fragment: from raw video to what the platform's encoder takes.
+  // Empty without a platform.
+  std::string inputConversionChain(const char* colorimetry) const;
+
+  // Fragment: the encoder, named "encoder", and its parser. `configInterval` is the parser's
+  // property of that name (H.264 and H.265 only).
+  // Empty for Mjpeg and for a codec that the profile does not support.
+  std::string transportEncoderChain(const EncoderConfig& config, const char* configInterval) const;
+
+  // Whole description of a recorder into MPEG-TS segments of at most `segmentSeconds` seconds.
+  // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
+  // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
+  // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps.
+  // Empty unless the codec is H264 or H265 and the profile supports it.
+  std::string recorderPipeline(const EncoderConfig& config, unsigned int segmentSeconds,
+                               bool withKlv, bool withAudio) const;
+
+ private:
+  Profile profile_;
+};
+
+}  // namespace media_backend

@@ -1,0 +1,151 @@
+#include <media_backend/MediaFileFrameSource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include <media_backend/GstNv12Sample.h>
+
+#include "Description.h"
+#include "SourcePipeline.h"
+
+namespace media_backend {
+namespace {
+
+constexpr SourcePipeline::Traits kTraits = {
+    "simu_file_src",
+    "location",
+    "simu_file_sink",
+    static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
+    "failed to create media file GStreamer pipeline",
+    "GStreamer filesrc not found",
+    "GStreamer appsink not found",
+    "failed to start media file GStreamer pipeline",
+    "media file GStreamer pipeline failed during state change",
+};
+
+MediaFileFrameSourceConfig normalised(const MediaFileFrameSourceConfig& config) {
+  MediaFileFrameSourceConfig result = config;
+  result.width = gst_source::even_dimension(config.width);
+  result.height = gst_source::even_dimension(config.height);
+  result.fps = std::clamp(config.fps, 0.1, 240.0);
+  return result;
+}
+
+bool isSame(const MediaFileFrameSourceConfig& a, const MediaFileFrameSourceConfig& b) {
+  return a.path == b.path && a.width == b.width && a.height == b.height &&
+         std::abs(a.fps - b.fps) < 1e-6 && a.loop == b.loop;
+}
+
+// The board's converter scales and converts in hardware, where there is one.
+const char* converter() {
+  g_autoptr(GstElementFactory) nvvidconv = gst_element_factory_find("nvvidconv");
+  return nvvidconv != nullptr ? "nvvidconv " : "videoconvert ! videoscale ";
+}
+
+std::string describe(const MediaFileFrameSourceConfig& config) {
+  Description text(320);
+  text << "filesrc name=simu_file_src "
+          "! decodebin name=simu_file_decode "
+          "! queue max-size-buffers=8 "
+          "! "
+       << converter() << "! video/x-raw,format=NV12,width=" << config.width
+       << ",height=" << config.height << " "
+       << "! appsink name=simu_file_sink emit-signals=false sync=false async=false "
+          "max-buffers=2 drop=false";
+  return text.take();
+}
+
+}  // namespace
+
+struct MediaFileFrameSource::Impl {
+  SourcePipeline pipeline{kTraits};
+  std::optional<MediaFileFrameSourceConfig> active;  // normalised; set while the pipeline runs
+  std::vector<std::uint8_t> scratch;
+
+  std::shared_ptr<lumora::LumoraPicture> capture(const MediaFileFrameSourceConfig& config,
+                                                 std::chrono::nanoseconds timeout,
+                                                 std::string& error);
+  bool start(const MediaFileFrameSourceConfig& config, std::string& error);
+  bool restart(const MediaFileFrameSourceConfig& config, std::string& error);
+  void teardown();
+};
+
+bool MediaFileFrameSource::Impl::start(const MediaFileFrameSourceConfig& config,
+                                       std::string& error) {
+  gst_source::ensure_initialized();
+  if (!pipeline.start(describe(config), config.path, error)) {
+    return false;
+  }
+  active = config;
+  return true;
+}
+
+bool MediaFileFrameSource::Impl::restart(const MediaFileFrameSourceConfig& config,
+                                         std::string& error) {
+  teardown();
+  if (!start(config, error)) {
+    teardown();
+    return false;
+  }
+  return true;
+}
+
+void MediaFileFrameSource::Impl::teardown() {
+  pipeline.teardown();
+  active.reset();
+}
+
+std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::Impl::capture(
+    const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
+    std::string& error) {
+  error.clear();
+  const MediaFileFrameSourceConfig wanted = normalised(config);
+  if (wanted.path.empty()) {
+    error = "empty media file path";
+    teardown();
+    return {};
+  }
+  if (!std::filesystem::exists(std::filesystem::status(wanted.path))) {
+    error = "media file does not exist: " + wanted.path;
+    teardown();
+    return {};
+  }
+  if ((!active || !isSame(wanted, *active)) && !restart(wanted, error)) {
+    return {};
+  }
+
+  for (int rebuilds = 2; rebuilds > 0; --rebuilds) {
+    g_autoptr(GstSample) sample = pipeline.pull(timeout);
+    if (sample != nullptr) {
+      return gst_source::picture_from_nv12_sample(sample, scratch, error);
+    }
+    const GstMessageType message = pipeline.report(error);
+    if (message == GST_MESSAGE_ERROR) {
+      teardown();
+      return {};
+    }
+    if (message != GST_MESSAGE_EOS || !wanted.loop || !restart(wanted, error)) {
+      return {};
+    }
+  }
+  return {};
+}
+
+MediaFileFrameSource::MediaFileFrameSource() : impl_(std::make_unique<Impl>()) {}
+
+MediaFileFrameSource::~MediaFileFrameSource() = default;
+
+std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::capture(
+    const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
+    std::string& error) {
+  return impl_->capture(config, timeout, error);
+}
+
+void MediaFileFrameSource::stop() {
+  impl_->teardown();
+}
+
+}  // namespace media_backend

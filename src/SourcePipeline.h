@@ -1,0 +1,161 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+
+#include "GstPtr.h"
+
+namespace media_backend {
+
+// The pipeline of a frame source, from a source element to an appsink: start, pull, bus report and
+// teardown, as every GStreamer source does them. What differs between sources is in Traits.
+// One thread at a time.
+class SourcePipeline {
+ public:
+  struct Traits {
+    const char* sourceName;      // name of the source element in the description
+    const char* sourceProperty;  // its property that takes the location
+    const char* sinkName;        // name of the appsink in the description
+    GstMessageType watched;      // what report() looks for on the bus
+
+    // error texts
+    const char* createFailed;
+    const char* sourceMissing;
+    const char* sinkMissing;
+    const char* playRefused;
+    const char* stateChangeFailed;
+  };
+
+  explicit SourcePipeline(const Traits& traits) : traits_(traits) {}
+  ~SourcePipeline() { teardown(); }
+  SourcePipeline(const SourcePipeline&) = delete;
+  SourcePipeline& operator=(const SourcePipeline&) = delete;
+
+  // Builds and plays `description` on `location`; GStreamer is initialised by then. False with a
+  // message in `error`; what was built by then stays until teardown().
+  bool start(const std::string& description, const std::string& location, std::string& error);
+
+  // The next sample within `timeout` (negative: at once), which the caller owns; null if none.
+  GstSample* pull(std::chrono::nanoseconds timeout);
+
+  // Takes one watched message from the bus and returns its type, GST_MESSAGE_UNKNOWN if there is
+  // none. An error's or a warning's text goes into `error`.
+  GstMessageType report(std::string& error);
+
+  void teardown();
+
+ private:
+  static constexpr GstClockTime kStateChangeTimeout = 500 * GST_MSECOND;
+
+  bool build(const std::string& description, const std::string& location, std::string& error);
+  bool play(std::string& error);
+  bool failWithReport(const char* fallback, std::string& error);
+
+  const Traits& traits_;
+  GstPtr<GstElement> pipeline_;
+  GstPtr<GstElement> source_;
+  GstPtr<GstElement> sink_;
+};
+
+inline bool SourcePipeline::start(const std::string& description, const std::string& location,
+                                  std::string& error) {
+  return build(description, location, error) && play(error);
+}
+
+inline bool SourcePipeline::build(const std::string& description, const std::string& location,
+                                  std::string& error) {
+  g_autoptr(GError) parseError = nullptr;
+  GstElement* const parsed = gst_parse_launch(description.c_str(), &parseError);
+  if (parsed != nullptr) {
+    pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(parsed)));
+  }
+  if (parseError != nullptr) {
+    error = parseError->message;
+    return false;
+  }
+  if (pipeline_ == nullptr) {
+    error = traits_.createFailed;
+    return false;
+  }
+  source_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), traits_.sourceName));
+  if (source_ == nullptr) {
+    error = traits_.sourceMissing;
+    return false;
+  }
+  g_object_set(source_.get(), traits_.sourceProperty, location.c_str(), nullptr);
+  sink_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), traits_.sinkName));
+  if (sink_ == nullptr) {
+    error = traits_.sinkMissing;
+    return false;
+  }
+  return true;
+}
+
+inline bool SourcePipeline::play(std::string& error) {
+  if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    return failWithReport(traits_.playRefused, error);
+  }
+  // Still changing after the wait is fine: a slow start shows as a pull that times out.
+  if (gst_element_get_state(pipeline_.get(), nullptr, nullptr, kStateChangeTimeout) ==
+      GST_STATE_CHANGE_FAILURE) {
+    return failWithReport(traits_.stateChangeFailed, error);
+  }
+  return true;
+}
+
+inline bool SourcePipeline::failWithReport(const char* fallback, std::string& error) {
+  report(error);
+  if (error.empty()) {
+    error = fallback;
+  }
+  return false;
+}
+
+inline GstSample* SourcePipeline::pull(std::chrono::nanoseconds timeout) {
+  const auto wait = std::max(timeout, std::chrono::nanoseconds::zero());
+  return gst_app_sink_try_pull_sample(GST_APP_SINK(sink_.get()),
+                                      static_cast<GstClockTime>(wait.count()));
+}
+
+inline GstMessageType SourcePipeline::report(std::string& error) {
+  if (pipeline_ == nullptr) {
+    return GST_MESSAGE_UNKNOWN;
+  }
+  g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_.get());
+  g_autoptr(GstMessage) message =
+      bus == nullptr ? nullptr : gst_bus_pop_filtered(bus, traits_.watched);
+  if (message == nullptr) {
+    return GST_MESSAGE_UNKNOWN;
+  }
+  const GstMessageType type = GST_MESSAGE_TYPE(message);
+  g_autoptr(GError) gerror = nullptr;
+  g_autofree gchar* debug = nullptr;
+  if (type == GST_MESSAGE_ERROR) {
+    gst_message_parse_error(message, &gerror, &debug);
+  } else if (type == GST_MESSAGE_WARNING) {
+    gst_message_parse_warning(message, &gerror, &debug);
+  }
+  if (gerror != nullptr) {
+    error = gerror->message;
+  }
+  if (debug != nullptr) {
+    error = error.empty() ? debug : error + " (" + debug + ")";
+  }
+  return type;
+}
+
+inline void SourcePipeline::teardown() {
+  if (pipeline_ != nullptr) {
+    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+    gst_element_get_state(pipeline_.get(), nullptr, nullptr, kStateChangeTimeout);
+  }
+  source_.reset();
+  sink_.reset();
+  pipeline_.reset();
+}
+
+}  // namespace media_backend
