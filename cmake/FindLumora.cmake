@@ -1,10 +1,15 @@
 # Finds the host's picture library: headers lumora/LumoraPicture.h and lumora/FrameExport.h, and
-# libLumoraTools.so, below LUMORA_ROOT. Makes the target lumora::LumoraTools.
+# libLumoraTools.so, below LUMORA_ROOT and nowhere else if that is set. Makes the target
+# lumora::LumoraTools.
+set(lumora_places)
+if(LUMORA_ROOT)
+  set(lumora_places PATHS ${LUMORA_ROOT} NO_DEFAULT_PATH)
+endif()
 find_path(Lumora_INCLUDE_DIR lumora/LumoraPicture.h
-          HINTS ${LUMORA_ROOT} PATH_SUFFIXES include)
+          PATH_SUFFIXES include ${lumora_places})
 find_library(Lumora_LIBRARY LumoraTools
-             HINTS ${LUMORA_ROOT} PATH_SUFFIXES lib lib64 ${CMAKE_LIBRARY_ARCHITECTURE}
-                   lib/${CMAKE_LIBRARY_ARCHITECTURE})
+             PATH_SUFFIXES lib lib64 lib/${CMAKE_LIBRARY_ARCHITECTURE} ${lumora_places})
+unset(lumora_places)
 
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(Lumora REQUIRED_VARS Lumora_LIBRARY Lumora_INCLUDE_DIR)
