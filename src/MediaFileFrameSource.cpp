@@ -127,7 +127,8 @@ std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::Impl::capture(
       teardown();
       return {};
     }
-    if (message != GST_MESSAGE_EOS || !wanted.loop || !restart(wanted, error)) {
+    const bool ended = message == GST_MESSAGE_EOS || pipeline.isAtEnd();
+    if (!ended || !wanted.loop || !restart(wanted, error)) {
       return {};
     }
   }

@@ -46,6 +46,9 @@ class SourcePipeline {
   // none. An error's or a warning's text goes into `error`.
   GstMessageType report(std::string& error);
 
+  // Whether the sink has handed out the last sample of the stream. The sink knows before the bus.
+  bool isAtEnd() const { return gst_app_sink_is_eos(GST_APP_SINK(sink_.get())) != FALSE; }
+
   void teardown();
 
  private:
