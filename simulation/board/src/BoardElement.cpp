@@ -1,0 +1,219 @@
+#include "BoardElement.h"
+
+#include <array>
+#include <string>
+#include <utility>
+
+#include "SurfaceBridge.h"
+#include "TypeRegistration.h"
+
+namespace simulated_board {
+namespace {
+
+constexpr std::size_t kMaxProperties = 8;
+
+struct BoardElement {
+  GstBin parent;
+  GValue values[kMaxProperties];  // by property id less 1; numbers only, so nothing to free
+  bool stale;                     // a value has changed since the elements inside were made
+};
+
+struct BoardElementClass {
+  GstBinClass parent;
+  const Model* model;
+  GParamSpec* specs[kMaxProperties];  // the model's, null behind the last one
+};
+
+GstBinClass* parentClass = nullptr;
+
+const Model& modelOf(gpointer element) {
+  return *reinterpret_cast<BoardElementClass*>(G_OBJECT_GET_CLASS(element))->model;
+}
+
+// Debian packages of the elements inside.
+std::string packageOf(const std::string& element) {
+  static constexpr std::array<std::pair<const char*, const char*>, 6> kPackages = {{
+      {"x264enc", "gstreamer1.0-plugins-ugly"},
+      {"x265enc", "gstreamer1.0-plugins-bad"},
+      {"av1enc", "gstreamer1.0-plugins-bad"},
+      {"jpegenc", "gstreamer1.0-plugins-good"},
+      {"videoconvert", "gstreamer1.0-plugins-base"},
+      {"videoscale", "gstreamer1.0-plugins-base"},
+  }};
+  for (const auto& [name, package] : kPackages) {
+    if (element == name) {
+      return package;
+    }
+  }
+  return "libgstreamer1.0-0";
+}
+
+void reportMissing(BoardElement* self, const char* missing) {
+  GST_ELEMENT_ERROR(self, CORE, MISSING_PLUGIN,
+                    ("%s works with the element \"%s\" inside, which is missing; the Debian "
+                     "package %s has it",
+                     modelOf(self).name, missing, packageOf(missing).c_str()),
+                    (nullptr));
+}
+
+// Floating reference, or null after an error message.
+GstElement* parseInside(BoardElement* self) {
+  const std::string text = modelOf(self).inside(G_OBJECT(self));
+  g_autoptr(GstParseContext) context = gst_parse_context_new();
+  g_autoptr(GError) error = nullptr;
+  GstElement* const inside = gst_parse_bin_from_description_full(
+      text.c_str(), TRUE, context, GST_PARSE_FLAG_FATAL_ERRORS, &error);
+  if (inside != nullptr) {
+    return inside;
+  }
+  g_auto(GStrv) missing = gst_parse_context_get_missing_elements(context);
+  if (missing != nullptr && missing[0] != nullptr) {
+    reportMissing(self, missing[0]);
+  } else {
+    GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("%s", error->message), ("%s", text.c_str()));
+  }
+  return nullptr;
+}
+
+// Adds `element` to the chain that ends at `last` (null: begins it) and returns it as the new end.
+GstElement* append(BoardElement* self, GstElement* last, GstElement* element) {
+  gst_bin_add(GST_BIN(self), element);
+  if (last != nullptr) {
+    gst_element_link(last, element);
+  }
+  return element;
+}
+
+void setTarget(BoardElement* self, const char* pad, GstElement* target) {
+  g_autoptr(GstPad) outer = gst_element_get_static_pad(GST_ELEMENT(self), pad);
+  g_autoptr(GstPad) inner = target != nullptr ? gst_element_get_static_pad(target, pad) : nullptr;
+  gst_ghost_pad_set_target(GST_GHOST_PAD(outer), inner);
+}
+
+void finishCodec(BoardElement* self, GstElement* inside) {
+  const Model& model = modelOf(self);
+  if (model.finish != nullptr) {
+    g_autoptr(GstElement) codec = gst_bin_get_by_name(GST_BIN(inside), "codec");
+    model.finish(G_OBJECT(self), codec);
+  }
+}
+
+void dismantle(BoardElement* self) {
+  setTarget(self, "sink", nullptr);
+  setTarget(self, "src", nullptr);
+  while (GST_BIN_CHILDREN(self) != nullptr) {
+    auto* const child = static_cast<GstElement*>(GST_BIN_CHILDREN(self)->data);
+    gst_element_set_state(child, GST_STATE_NULL);
+    gst_bin_remove(GST_BIN(self), child);
+  }
+}
+
+bool assemble(BoardElement* self) {
+  dismantle(self);
+  self->stale = false;
+  const Model& model = modelOf(self);
+  GstElement* const inside = parseInside(self);
+  if (inside == nullptr) {
+    return false;
+  }
+  GstElement* const first =
+      model.bridgesSink ? append(self, nullptr, makeSurfaceBridge()) : nullptr;
+  GstElement* last = append(self, first, inside);
+  if (model.bridgesSrc) {
+    last = append(self, last, makeSurfaceBridge());
+  }
+  finishCodec(self, inside);
+  setTarget(self, "sink", first != nullptr ? first : inside);
+  setTarget(self, "src", last);
+  return true;
+}
+
+GstStateChangeReturn changeState(GstElement* element, GstStateChange transition) {
+  auto* const self = reinterpret_cast<BoardElement*>(element);
+  const bool due = transition == GST_STATE_CHANGE_NULL_TO_READY ||
+                   (transition == GST_STATE_CHANGE_READY_TO_PAUSED && self->stale);
+  if (due && !assemble(self)) {
+    return GST_STATE_CHANGE_FAILURE;
+  }
+  const GstStateChangeReturn result =
+      GST_ELEMENT_CLASS(parentClass)->change_state(element, transition);
+  if (transition == GST_STATE_CHANGE_READY_TO_NULL) {
+    dismantle(self);
+  }
+  return result;
+}
+
+void setProperty(GObject* object, guint id, const GValue* value, GParamSpec*) {
+  auto* const self = reinterpret_cast<BoardElement*>(object);
+  GST_OBJECT_LOCK(object);
+  g_value_copy(value, &self->values[id - 1]);
+  self->stale = true;
+  GST_OBJECT_UNLOCK(object);
+}
+
+void getProperty(GObject* object, guint id, GValue* value, GParamSpec*) {
+  GST_OBJECT_LOCK(object);
+  g_value_copy(&reinterpret_cast<BoardElement*>(object)->values[id - 1], value);
+  GST_OBJECT_UNLOCK(object);
+}
+
+void addTemplate(GstElementClass* element, const char* name, GstPadDirection direction,
+                 const char* capsText) {
+  g_autoptr(GstCaps) caps = gst_caps_from_string(capsText);
+  gst_element_class_add_pad_template(element,
+                                     gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
+}
+
+void initClass(gpointer klass, gpointer data) {
+  const auto* const model = static_cast<const Model*>(data);
+  parentClass = static_cast<GstBinClass*>(g_type_class_peek_parent(klass));
+  static_cast<BoardElementClass*>(klass)->model = model;
+
+  auto* const object = static_cast<GObjectClass*>(klass);
+  object->set_property = setProperty;
+  object->get_property = getProperty;
+  guint id = 0;
+  for (const Model::Property property : model->properties) {
+    GParamSpec* const spec = property();
+    static_cast<BoardElementClass*>(klass)->specs[id] = spec;
+    g_object_class_install_property(object, ++id, spec);
+  }
+  auto* const element = static_cast<GstElementClass*>(klass);
+  element->change_state = changeState;
+  addTemplate(element, "sink", GST_PAD_SINK, model->sinkCaps);
+  addTemplate(element, "src", GST_PAD_SRC, model->srcCaps);
+  gst_element_class_set_metadata(element, model->title, model->klass,
+                                 "Does in software what the hardware element does on its board",
+                                 "-");
+}
+
+void addGhostPad(GstElement* element, GstElementClass* klass, const char* name) {
+  GstPadTemplate* const padTemplate = gst_element_class_get_pad_template(klass, name);
+  gst_element_add_pad(element, gst_ghost_pad_new_no_target_from_template(name, padTemplate));
+}
+
+void initInstance(GTypeInstance* instance, gpointer klass) {
+  auto* const self = reinterpret_cast<BoardElement*>(instance);
+  GParamSpec* const* const specs = static_cast<BoardElementClass*>(klass)->specs;
+  for (std::size_t i = 0; i < kMaxProperties && specs[i] != nullptr; ++i) {
+    g_value_init(&self->values[i], specs[i]->value_type);
+    g_param_value_set_default(specs[i], &self->values[i]);
+  }
+  auto* const element = reinterpret_cast<GstElement*>(instance);
+  addGhostPad(element, static_cast<GstElementClass*>(klass), "sink");
+  addGhostPad(element, static_cast<GstElementClass*>(klass), "src");
+}
+
+}  // namespace
+
+GType boardElementType(const Model& model) {
+  GTypeInfo info = {};
+  info.class_size = sizeof(BoardElementClass);
+  info.class_init = initClass;
+  info.class_data = &model;
+  info.instance_size = sizeof(BoardElement);
+  info.instance_init = initInstance;
+  return typeOnce(GST_TYPE_BIN, (std::string("SimulatedBoard-") + model.name).c_str(), info);
+}
+
+}  // namespace simulated_board

@@ -1,0 +1,27 @@
+#include <cstdlib>
+
+#include <simulated_board/SimulatedBoard.h>
+
+namespace {
+
+constexpr const char* kSelectionVariable = "SIMULATED_BOARD";
+
+// True also for a selection that cannot be had: GStreamer would put the plugin on its black list
+// and not look again when the variable is corrected.
+gboolean initPlugin(GstPlugin* plugin) {
+  gst_plugin_add_dependency_simple(plugin, kSelectionVariable, nullptr, nullptr,
+                                   GST_PLUGIN_DEPENDENCY_FLAG_NONE);
+  const char* const selection = std::getenv(kSelectionVariable);
+  std::string error;
+  if (selection != nullptr && *selection != '\0' &&
+      !simulated_board::registerElements(plugin, selection, error)) {
+    g_printerr("%s=%s: %s\n", kSelectionVariable, selection, error.c_str());
+  }
+  return TRUE;
+}
+
+}  // namespace
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, simulatedboard,
+                  "Video elements of camera boards, simulated in software", initPlugin,
+                  BOARD_VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "-")

@@ -1,0 +1,160 @@
+#include "Record.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <thread>
+
+#include <media_backend/GstNv12Sample.h>
+#include <media_backend/MediaFileFrameSource.h>
+
+#include "MisbSt0601.h"
+#include "OutputFolder.h"
+#include "Progress.h"
+#include "Recorder.h"
+#include "SensorModel.h"
+#include "StationError.h"
+#include "StopSignal.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+
+constexpr std::chrono::seconds kSourceTimeout{5};
+constexpr std::chrono::milliseconds kEncoderTimeout{3000};
+
+// The media file as a camera.
+class FileCamera {
+ public:
+  explicit FileCamera(const RecordOptions& options) {
+    config_.path = options.source;
+    config_.width = options.width;
+    config_.height = options.height;
+    config_.fps = options.fps;
+    config_.loop = options.loop;
+  }
+
+  // The next picture; empty at the end of a file that does not loop.
+  std::shared_ptr<lumora::LumoraPicture> next() {
+    const auto begin = steady_clock::now();
+    std::string error;
+    auto picture = capture(error);
+    if (picture == nullptr && !error.empty()) {
+      throw StationError(ExitCode::Source, "source failed: " + error);
+    }
+    // The end of a file is told from a time-out by not having taken the time.
+    const bool timedOut = steady_clock::now() - begin >= kSourceTimeout;
+    if (picture == nullptr && (config_.loop || timedOut)) {
+      throw StationError(ExitCode::Source, "source gives no pictures: " + config_.path);
+    }
+    return picture;
+  }
+
+ private:
+  std::shared_ptr<lumora::LumoraPicture> capture(std::string& error) {
+    try {
+      return source_.capture(config_, kSourceTimeout, error);
+    } catch (const std::filesystem::filesystem_error& failure) {
+      error = failure.code().message() + ": " + config_.path;
+      return {};
+    }
+  }
+
+  media_backend::MediaFileFrameSource source_;
+  media_backend::MediaFileFrameSourceConfig config_;
+};
+
+std::uint64_t frameLimit(const RecordOptions& options) {
+  if (options.durationSeconds <= 0) {
+    return std::numeric_limits<std::uint64_t>::max();
+  }
+  return static_cast<std::uint64_t>(std::llround(std::ceil(options.durationSeconds * options.fps)));
+}
+
+nanoseconds timeOf(std::uint64_t index, unsigned int fps) {
+  return nanoseconds(gst_util_uint64_scale(index, GST_SECOND, fps));
+}
+
+// Everything that a host does for one frame.
+void recordFrame(Recorder& recorder, lumora::LumoraPicture& picture, std::uint64_t index,
+                 system_clock::time_point start, const RecordOptions& options) {
+  const nanoseconds elapsed = timeOf(index, options.fps);
+  std::vector<std::uint8_t> klv;
+  if (options.klv) {
+    writeSensorMetadata(
+        picture, start + std::chrono::duration_cast<system_clock::duration>(elapsed), elapsed);
+    klv = encodeMisbSt0601(picture);
+  }
+  std::shared_ptr<lumora::ExportedFrame> frame = lumora::ExportedFrame::fromPicture(picture);
+  if (frame == nullptr) {
+    throw StationError(ExitCode::Pipeline, "no memory for a frame");
+  }
+  recorder.push(std::move(frame), index, klv);
+}
+
+void printSummary(const Recorder& recorder, nanoseconds recorded, const RecordOptions& options) {
+  const Recorder::Statistics statistics = recorder.statistics();
+  std::printf("recorded %llu frames, %llu dropped, %llu segments, %.1f s, %s in %s\n",
+              static_cast<unsigned long long>(statistics.pushed),
+              static_cast<unsigned long long>(statistics.dropped),
+              static_cast<unsigned long long>(statistics.segments),
+              std::chrono::duration<double>(recorded).count(),
+              Progress::bitRate(statistics.bytes, recorded).c_str(),
+              options.folder.string().c_str());
+}
+
+}  // namespace
+
+void record(const GstVideoBackend& backend, const RecordOptions& requested) {
+  RecordOptions options = requested;
+  options.width = media_backend::gst_source::even_dimension(requested.width);
+  options.height = media_backend::gst_source::even_dimension(requested.height);
+
+  FileCamera camera(options);
+  std::shared_ptr<lumora::LumoraPicture> picture = camera.next();
+  if (picture == nullptr) {
+    throw StationError(ExitCode::Source, "source has no pictures: " + options.source);
+  }
+  prepareOutputFolder(options.folder);
+
+  const StopSignal stop;
+  Recorder recorder(backend, {options.encoder, options.segmentSeconds, options.klv, options.width,
+                              options.height, options.fps, options.folder});
+  const system_clock::time_point start = system_clock::now();
+  recorder.setStart(start);
+
+  Progress progress;
+  const std::uint64_t limit = frameLimit(options);
+  steady_clock::time_point base = steady_clock::now();
+  std::uint64_t index = 0;
+  try {
+    for (; picture != nullptr && index < limit && !stop.requested(); ++index) {
+      std::this_thread::sleep_until(base + timeOf(index, options.fps));
+      recordFrame(recorder, *picture, index, start, options);
+      if (index == 0) {
+        recorder.awaitEncoder(kEncoderTimeout);
+        base = steady_clock::now();
+      }
+      recorder.check();
+      progress.update(recorder, timeOf(index + 1, options.fps));
+      picture = index + 1 < limit ? camera.next() : nullptr;
+    }
+  } catch (const StationError& error) {
+    progress.end();
+    // A source that fails leaves what was recorded so far to be ended properly.
+    if (error.code() == ExitCode::Source) {
+      recorder.finish();
+    }
+    throw;
+  }
+  recorder.finish();
+  progress.end();
+  printSummary(recorder, timeOf(index, options.fps), options);
+}
+
+}  // namespace station

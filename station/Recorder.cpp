@@ -1,0 +1,200 @@
+#include "Recorder.h"
+
+#include <thread>
+#include <utility>
+
+#include <gst/video/video.h>
+
+#include "OutputFolder.h"
+#include "StationError.h"
+
+namespace station {
+namespace {
+
+constexpr GstClockTime kFinishTimeout = 20 * GST_SECOND;
+constexpr GstClockTime kErrorTimeout = 2 * GST_SECOND;
+constexpr auto kErrorOrEos = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS);
+
+}  // namespace
+
+Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings)
+    : backend_(backend), settings_(settings) {
+  const std::string description = backend.recorderPipeline(
+      settings.encoder, settings.segmentSeconds, settings.klv, /*withAudio=*/false);
+  g_autoptr(GError) error = nullptr;
+  GstElement* const parsed = gst_parse_launch(description.c_str(), &error);
+  if (parsed != nullptr) {
+    pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(parsed)));
+  }
+  if (error != nullptr || pipeline_ == nullptr) {
+    throw StationError(ExitCode::Pipeline, std::string("cannot build the recorder: ") +
+                                               (error != nullptr ? error->message : "no pipeline"));
+  }
+  bus_.reset(gst_element_get_bus(pipeline_.get()));
+  video_ = find("mysrc");
+  if (settings.klv) {
+    klv_ = find("klvsrc");
+  }
+  backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
+                       static_cast<int>(settings.height), static_cast<int>(settings.fps),
+                       /*squarePixels=*/true, nullptr);
+  watchEncoder();
+  g_signal_connect(find("sink").get(), "format-location-full", G_CALLBACK(onSegment), this);
+
+  if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    waitForError();
+  }
+}
+
+Recorder::~Recorder() {
+  if (pipeline_ != nullptr) {
+    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  }
+}
+
+Recorder::Ptr<GstElement> Recorder::find(const char* name) const {
+  Ptr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
+  if (element == nullptr) {
+    throw StationError(ExitCode::Pipeline,
+                       std::string("the recorder has no element \"") + name + "\"");
+  }
+  return element;
+}
+
+void Recorder::watchEncoder() {
+  const Ptr<GstElement> encoder = find("enc");
+  const Ptr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
+  const Ptr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
+  gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderInput, this, nullptr);
+  gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderOutput, this, nullptr);
+}
+
+GstPadProbeReturn Recorder::onEncoderInput(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer self) {
+  auto* const recorder = static_cast<Recorder*>(self);
+  const GstClockTime pts = GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info));
+  // Rounded, since the time stamp was cut to whole nanoseconds.
+  const std::uint64_t index = gst_util_uint64_scale_round(pts, recorder->settings_.fps, GST_SECOND);
+  ++recorder->entered_;
+  recorder->nextIndex_ = index + 1;
+  return GST_PAD_PROBE_OK;
+}
+
+GstPadProbeReturn Recorder::onEncoderOutput(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer self) {
+  auto* const recorder = static_cast<Recorder*>(self);
+  recorder->bytes_ += gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info));
+  ++recorder->encoded_;
+  return GST_PAD_PROBE_OK;
+}
+
+gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* first,
+                           gpointer self) {
+  auto* const recorder = static_cast<Recorder*>(self);
+  // Encoders may shift time stamps; the running time is what counts from the first frame.
+  const GstClockTime elapsed = gst_segment_to_running_time(
+      gst_sample_get_segment(first), GST_FORMAT_TIME, GST_BUFFER_PTS(gst_sample_get_buffer(first)));
+  const auto time =
+      recorder->start_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                             std::chrono::nanoseconds(elapsed));
+  const std::filesystem::path path = segmentPath(recorder->settings_.folder, time);
+  const std::lock_guard lock(recorder->mutex_);
+  recorder->segments_.push_back(path);
+  return g_strdup(path.c_str());
+}
+
+void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
+                    const std::vector<std::uint8_t>& klv) {
+  const lumora::FrameExportHandle& handle = frame->handle();
+  GstBuffer* const buffer = backend_.wrapFrame(handle, std::move(frame));
+  if (buffer == nullptr) {
+    throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
+  }
+  ++pushed_;
+  pushTo(video_.get(), buffer, index);
+  if (klv_ != nullptr) {
+    GstBuffer* const packet = gst_buffer_new_allocate(nullptr, klv.size(), nullptr);
+    gst_buffer_fill(packet, 0, klv.data(), klv.size());
+    pushTo(klv_.get(), packet, index);
+  }
+}
+
+// Takes the buffer.
+void Recorder::pushTo(GstElement* source, GstBuffer* buffer, std::uint64_t index) {
+  const GstClockTime begin = gst_util_uint64_scale(index, GST_SECOND, settings_.fps);
+  const GstClockTime end = gst_util_uint64_scale(index + 1, GST_SECOND, settings_.fps);
+  GST_BUFFER_PTS(buffer) = begin;
+  GST_BUFFER_DURATION(buffer) = end - begin;
+  if (gst_app_src_push_buffer(GST_APP_SRC(source), buffer) != GST_FLOW_OK) {
+    waitForError();
+  }
+}
+
+void Recorder::awaitEncoder(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (encoded_ == 0 && std::chrono::steady_clock::now() < deadline) {
+    check();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+void Recorder::check() {
+  g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus_.get(), GST_MESSAGE_ERROR);
+  if (message != nullptr) {
+    throwError(message);
+  }
+}
+
+// The pipeline has failed; its own words for it may take a moment to come.
+void Recorder::waitForError() {
+  g_autoptr(GstMessage) message =
+      gst_bus_timed_pop_filtered(bus_.get(), kErrorTimeout, GST_MESSAGE_ERROR);
+  if (message != nullptr) {
+    throwError(message);
+  }
+  throw StationError(ExitCode::Pipeline, "the recorder stopped without saying why");
+}
+
+void Recorder::throwError(GstMessage* message) const {
+  g_autoptr(GError) error = nullptr;
+  g_autofree gchar* debug = nullptr;
+  gst_message_parse_error(message, &error, &debug);
+  const std::string element = GST_OBJECT_NAME(GST_MESSAGE_SRC(message));
+  if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT)) {
+    throw StationError(ExitCode::DiskFull, "the disk of " + settings_.folder.string() + " is full");
+  }
+  const bool outputFailed =
+      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
+      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
+  throw StationError(outputFailed ? ExitCode::Output : ExitCode::Pipeline,
+                     "pipeline error from " + element + ": " + error->message);
+}
+
+void Recorder::finish() {
+  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
+  if (klv_ != nullptr) {
+    gst_app_src_end_of_stream(GST_APP_SRC(klv_.get()));
+  }
+  g_autoptr(GstMessage) message =
+      gst_bus_timed_pop_filtered(bus_.get(), kFinishTimeout, kErrorOrEos);
+  if (message == nullptr) {
+    throw StationError(ExitCode::Pipeline, "the recorder did not finish its last segment in time");
+  }
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    throwError(message);
+  }
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  nextIndex_ = pushed_;  // what has not come out by now was dropped
+}
+
+std::string Recorder::segmentName() const {
+  const std::lock_guard lock(mutex_);
+  return segments_.empty() ? std::string() : segments_.back().filename().string();
+}
+
+Recorder::Statistics Recorder::statistics() const {
+  const std::uint64_t entered = entered_;
+  const std::uint64_t next = nextIndex_;
+  const std::lock_guard lock(mutex_);
+  return {pushed_, next > entered ? next - entered : 0, bytes_, segments_.size()};
+}
+
+}  // namespace station

@@ -1,0 +1,133 @@
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include <gst/gst.h>
+#include <media_backend/GstVideoBackend.h>
+#include <CLI/CLI.hpp>
+
+#include "Board.h"
+#include "Inspect.h"
+#include "Record.h"
+#include "StationError.h"
+
+namespace {
+
+using media_backend::GstVideoBackend;
+using station::ExitCode;
+using station::StationError;
+
+constexpr const char* kExitCodes =
+    "Exit codes: 0 done, 1 internal error, 2 wrong arguments, 3 no hardware video platform,\n"
+    "4 codec not usable on this board, 5 source missing or unreadable, 6 output not writable,\n"
+    "7 disk full, 8 pipeline error, 130 ended by a second Ctrl-C.";
+
+// The options that several commands take.
+struct EncoderOptions {
+  std::string board;
+  std::string codec = "h264";
+  GstVideoBackend::EncoderConfig config;
+
+  void addTo(CLI::App& command) {
+    command.add_option("--board", board,
+                       "Simulate a board instead of using the machine's: nvidia, imx, or GStreamer "
+                       "element names with commas between them");
+    command.add_option("--codec", codec, "h264 or h265 (hevc)")->capture_default_str();
+    command.add_option("--bitrate", config.bitrateBps, "Video bit rate in bits per second")
+        ->check(CLI::Range(std::uint32_t{1000}, std::uint32_t{1000000000}))
+        ->capture_default_str();
+  }
+
+  void resolveCodec() {
+    config.codec = GstVideoBackend::codecFromString(codec);
+    if (config.codec == GstVideoBackend::Codec::Unknown) {
+      throw StationError(ExitCode::Usage, "unknown codec: " + codec);
+    }
+  }
+};
+
+void requireRecordable(const GstVideoBackend& backend,
+                       const GstVideoBackend::EncoderConfig& config) {
+  if (backend.recorderPipeline(config, 1, false, false).empty()) {
+    throw StationError(ExitCode::CodecNotUsable, std::string("codec not usable for recording on ") +
+                                                     backend.name() + ": " +
+                                                     GstVideoBackend::codecName(config.codec));
+  }
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Example host of media_backend: video from a camera board.");
+  app.require_subcommand(1);
+  app.footer(kExitCodes);
+
+  EncoderOptions encoder;
+  station::InspectOptions inspect;
+  CLI::App* const inspectCommand = app.add_subcommand(
+      "inspect", "Show the board's video platform, its codecs, and what the library makes of it");
+  encoder.addTo(*inspectCommand);
+  inspectCommand->add_option("--segment-seconds", inspect.segmentSeconds)->capture_default_str();
+  inspectCommand->add_flag("--klv", inspect.klv, "Describe the recorder with its KLV track");
+  inspectCommand->add_flag("--json", inspect.json, "Print JSON");
+  inspectCommand->add_option("--graph", inspect.graph,
+                             "Draw the recorder's pipeline into this SVG file (takes Graphviz)");
+
+  station::RecordOptions record;
+  CLI::App* const recordCommand = app.add_subcommand(
+      "record", "Record a media file, played as a camera, into MPEG-TS segments");
+  encoder.addTo(*recordCommand);
+  recordCommand->add_option("source", record.source, "Media file")->required();
+  recordCommand->add_option("-o,--output", record.folder, "Folder for the segments")->required();
+  recordCommand->add_option("--segment-seconds", record.segmentSeconds, "Longest segment")
+      ->check(CLI::Range(1U, 86400U))
+      ->capture_default_str();
+  recordCommand->add_flag("--klv", record.klv, "Record a KLV track (MISB ST 0601)");
+  recordCommand
+      ->add_option("--duration", record.durationSeconds,
+                   "Seconds to record; until Ctrl-C if not given")
+      ->check(CLI::Range(0.001, 1e9));
+  recordCommand->add_flag_callback(
+      "--no-loop", [&record] { record.loop = false; }, "End with the file, do not repeat it");
+  recordCommand->add_option("--width", record.width)
+      ->check(CLI::Range(2U, 8192U))
+      ->capture_default_str();
+  recordCommand->add_option("--height", record.height)
+      ->check(CLI::Range(2U, 8192U))
+      ->capture_default_str();
+  recordCommand->add_option("--fps", record.fps, "Frames per second")
+      ->check(CLI::Range(1U, 240U))
+      ->capture_default_str();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+  }
+
+  gst_init(nullptr, nullptr);
+  encoder.resolveCodec();
+  const GstVideoBackend& backend = station::openBoard(encoder.board);
+  if (*inspectCommand) {
+    inspect.encoder = encoder.config;
+    station::inspect(backend, inspect);
+  } else {
+    record.encoder = encoder.config;
+    requireRecordable(station::requirePlatform(backend), record.encoder);
+    station::record(backend, record);
+  }
+  return static_cast<int>(ExitCode::Ok);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const StationError& error) {
+    std::fprintf(stderr, "media-station: %s\n", error.what());
+    return static_cast<int>(error.code());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "media-station: internal error: %s\n", error.what());
+    return static_cast<int>(ExitCode::Internal);
+  }
+}
