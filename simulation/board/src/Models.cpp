@@ -222,7 +222,9 @@ std::string aom(const EncoderSettings& settings) {
        << " end-usage=" << (settings.constantRate ? "cbr" : "vbr")
        << " cpu-used=" << 10 - settings.effort << " keyframe-max-dist=" << settings.keyDistance
        << " target-bitrate=" << settings.kbits << " lag-in-frames=0 min-quantizer=2"
-       << " max-quantizer=63" << capsFilter(kAv1);
+       << " max-quantizer=63 buf-sz=" << rateWindow(settings)
+       << " buf-initial-sz=" << rateWindow(settings) / 2
+       << " buf-optimal-sz=" << rateWindow(settings) / 2 << capsFilter(kAv1);
   return text.str();
 }
 

@@ -49,11 +49,11 @@ GstBuffer* withoutRepeatedSets(GstBuffer* buffer, std::string_view stream, Filte
   g_autoptr(GstBuffer) rest = gst_buffer_new();
   gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_METADATA, 0, G_MAXSIZE);
   for (const NalUnit& unit : splitNalUnits(stream)) {
-    const std::size_t size = unit.end - unit.begin;
-    if (isParameterSet(unit, filter.h265)) {
-      sets.append(stream.substr(unit.begin, size));
-    } else {
-      gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_MEMORY, unit.begin, size);
+    const std::string_view bytes = stream.substr(unit.begin, unit.end - unit.begin);
+    if (!isParameterSet(unit, filter.h265)) {
+      gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_MEMORY, unit.begin, bytes.size());
+    } else if (sets.find(bytes) == std::string::npos) {  // an encoder may begin with them twice
+      sets.append(bytes);
     }
   }
   if (sets.empty()) {
