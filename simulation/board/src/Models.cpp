@@ -210,7 +210,7 @@ std::string x265(const EncoderSettings& settings) {
     text << " bitrate=" << settings.kbits << " option-string=\"vbv-maxrate=" << settings.kbits
          << ":vbv-bufsize=" << settings.kbits * rateWindow(settings) / 1000;
   }
-  text << ":scenecut=0:open-gop=0:repeat-headers=1\"" << capsFilter(kH265);
+  text << ":open-gop=0:repeat-headers=1\"" << capsFilter(kH265);
   return text.str();
 }
 

@@ -1,0 +1,30 @@
+# Shared by the checks of this folder: a scratch folder outside the tree, and ways to fail.
+# shellcheck shell=bash
+scratch=$(mktemp -d)
+trap 'status=$?; [[ $status -eq 0 ]] || tail -n 50 "$scratch"/*.log; rm -rf "$scratch"' EXIT
+
+fail() {
+  echo "FAIL: $1" >&2
+  exit 1
+}
+
+find_one() {
+  local found
+  found=$(find "$1" -name "$2" -type f)
+  [[ -n $found && $found != *$'\n'* ]] || fail "not exactly one $2 below $1: $found"
+  echo "$found"
+}
+
+# Names of what a library shows to the outside.
+symbols() {
+  nm -DC --defined-only "$1" | cut -d ' ' -f 3-
+}
+
+# Only this library's namespace and the key constants of the host's header may be seen from outside.
+check_symbols() {
+  local others
+  others=$(symbols "$1" |
+    grep -vE '^(media_backend::|(guard variable for )?lumora::LumoraPicture::BaseMetadata::Keys::)' || true)
+  [[ -z $others ]] || fail "symbols that should not leave the library: $others"
+  readelf -d "$1" | grep -q 'SONAME.*\[libmedia_backend\.so\]' || fail "wrong soname"
+}

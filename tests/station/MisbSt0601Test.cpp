@@ -1,0 +1,111 @@
+#include "MisbSt0601.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
+using Bytes = std::vector<std::uint8_t>;
+
+std::shared_ptr<lumora::LumoraPicture> blankPicture() {
+  const Bytes pixels(6, 0);
+  return lumora::LumoraPicture::fromNv12Host(pixels.data(), 2, 2, 2);
+}
+
+std::uint64_t number(const Bytes& bytes) {
+  std::uint64_t value = 0;
+  for (const std::uint8_t byte : bytes) {
+    value = value << 8 | byte;
+  }
+  return value;
+}
+
+// Takes a packet apart; checks key, lengths, first and last item and checksum on the way.
+std::map<int, Bytes> decode(const Bytes& packet) {
+  const Bytes key = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
+                     0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
+  EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 16), key);
+  EXPECT_LT(packet.at(16), 0x80) << "length in the short form";
+  std::size_t at = 17;
+  EXPECT_EQ(at + packet.at(16), packet.size());
+
+  std::map<int, Bytes> items;
+  int lastTag = 0;
+  while (at < packet.size()) {
+    lastTag = packet.at(at);
+    const std::size_t size = packet.at(at + 1);
+    const auto begin = packet.begin() + static_cast<std::ptrdiff_t>(at) + 2;
+    items[lastTag] = Bytes(begin, begin + static_cast<std::ptrdiff_t>(size));
+    at += 2 + size;
+  }
+  EXPECT_EQ(at, packet.size());
+  EXPECT_EQ(lastTag, 1);
+
+  std::uint16_t sum = 0;
+  for (std::size_t i = 0; i + 2 < packet.size(); ++i) {
+    sum = static_cast<std::uint16_t>(sum + (packet[i] << (8 * ((i + 1) % 2))));
+  }
+  EXPECT_EQ(number(items[1]), sum);
+  return items;
+}
+
+// The standard's own worked example of each item.
+TEST(MisbSt0601, EncodesTheStandardsExamples) {
+  struct Row {
+    int tag;
+    const std::string& key;
+    double value;
+    std::uint64_t encoded;
+  };
+  const Row rows[] = {
+      {5, Keys::kYawDeg, 159.9744, 0x71C2},
+      {6, Keys::kPitchDeg, -0.4315317, 0xFD3D},
+      {7, Keys::kRollDeg, 3.405814, 0x08B8},
+      {13, Keys::kSensorLatDeg, 60.1768229669783, 0x5595B66D},
+      {14, Keys::kSensorLonDeg, 128.426759042045, 0x5B5360C4},
+      {15, Keys::kSensorAltM, 14190.72, 0xC221},
+      {16, Keys::kHfovDeg, 144.5713, 0xCD9C},
+      {17, Keys::kVfovDeg, 152.6436, 0xD917},
+      {18, Keys::kPanDeg, 160.719211474396, 0x724A0A20},
+      {19, Keys::kTiltDeg, -168.792324833941, 0x87F84B86},
+      {21, Keys::kMeasuredSlantRangeM, 68590.983298744, 0x03830926},
+      {23, Keys::kFrameCenterLatDeg, -10.5423886331461, 0xF101A229},
+      {24, Keys::kFrameCenterLonDeg, 29.157890122923, 0x14BC082B},
+      {25, Keys::kFrameCenterElevM, 3216.037, 0x34F3},
+  };
+  const auto picture = blankPicture();
+  picture->setMetadata(Keys::kUtcTimestampUs, std::int64_t{1224807209913000});
+  for (const Row& row : rows) {
+    picture->setMetadata(row.key, row.value);
+  }
+  const Bytes packet = station::encodeMisbSt0601(*picture);
+  EXPECT_EQ(packet.at(17), 2) << "the time stamp comes first";
+  auto items = decode(packet);
+  EXPECT_EQ(number(items[2]), 1224807209913000U);
+  for (const Row& row : rows) {
+    EXPECT_EQ(number(items[row.tag]), row.encoded) << row.key;
+  }
+}
+
+TEST(MisbSt0601, MarksOrLeavesOutWhatDoesNotFit) {
+  const auto picture = blankPicture();
+  EXPECT_EQ(decode(station::encodeMisbSt0601(*picture)).size(), 2U) << "version and checksum only";
+
+  picture->setMetadata(Keys::kRollDeg, 50.1);
+  picture->setMetadata(Keys::kSensorLatDeg, -90.5);
+  picture->setMetadata(Keys::kSensorAltM, 19000.5);
+  picture->setMetadata(Keys::kHfovDeg, -1.0);
+  picture->setMetadata(Keys::kYawDeg, -90.0);
+  picture->setMetadata(Keys::kVfovDeg, std::string("wide"));
+  auto items = decode(station::encodeMisbSt0601(*picture));
+  EXPECT_EQ(number(items[7]), 0x8000U);
+  EXPECT_EQ(number(items[13]), 0x80000000U);
+  EXPECT_EQ(number(items[5]), 0xBFFFU) << "270 degrees";
+  EXPECT_EQ(items.count(15) + items.count(16) + items.count(17), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <lumora/LumoraPicture.h>
+
+// Picture `number` of a moving scene: soft waves that wander, each picture told from its
+// neighbours.
+inline std::shared_ptr<lumora::LumoraPicture> movingPicture(unsigned width, unsigned height,
+                                                            int number) {
+  std::vector<std::uint8_t> pixels(std::size_t{width} * height * 3 / 2);
+  const auto wave = [](double phase) {
+    return static_cast<std::uint8_t>(128 + 90 * std::sin(phase));
+  };
+  for (unsigned y = 0; y < height; ++y) {
+    for (unsigned x = 0; x < width; ++x) {
+      pixels[y * width + x] = wave(x * 0.05 + y * 0.02 + number * 0.15);
+    }
+  }
+  for (unsigned y = 0; y < height / 2; ++y) {
+    for (unsigned x = 0; x < width; ++x) {
+      pixels[(height + y) * width + x] = wave((x / 2) * 0.03 + y * 0.07 + x % 2 - number * 0.15);
+    }
+  }
+  auto picture = lumora::LumoraPicture::fromNv12Host(pixels.data(), width, height, width);
+  if (picture == nullptr) {
+    throw std::runtime_error("no picture");
+  }
+  return picture;
+}
+
+// Peak signal-to-noise ratio in dB of packed NV12 against a picture, over both planes.
+inline double psnr(const std::uint8_t* nv12, const lumora::LumoraPicture& picture) {
+  const std::size_t size = std::size_t{picture.width()} * picture.height() * 3 / 2;
+  double squares = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    const double difference = nv12[i] - picture.luma()[i];  // chroma follows luma
+    squares += difference * difference;
+  }
+  return squares == 0 ? std::numeric_limits<double>::infinity()
+                      : 10 * std::log10(255.0 * 255.0 * static_cast<double>(size) / squares);
+}

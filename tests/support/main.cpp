@@ -1,0 +1,11 @@
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  if (!testing::GTEST_FLAG(list_tests)) {
+    gst_init(&argc, &argv);
+  }
+  return RUN_ALL_TESTS();
+}
