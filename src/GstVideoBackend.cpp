@@ -227,7 +227,7 @@ GstBuffer* wrapStreamingMemory(const lumora::FrameExportHandle& handle,
   if (wrapped == nullptr) {
     return nullptr;
   }
-  holder.release();
+  static_cast<void>(holder.release());
   gst_buffer_append_memory(buffer, wrapped);
   return std::exchange(buffer, nullptr);
 }

@@ -18,6 +18,9 @@ constexpr std::uint32_t kStrideAlignment = 256;  // bytes
 
 // A surface that owns its descriptor.
 struct OwnedSurface : Surface {
+  OwnedSurface() = default;
+  OwnedSurface(const OwnedSurface&) = delete;
+  OwnedSurface& operator=(const OwnedSurface&) = delete;
   ~OwnedSurface() {
     if (fd >= 0) {
       close(fd);
