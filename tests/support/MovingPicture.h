@@ -17,14 +17,10 @@ inline std::shared_ptr<lumora::LumoraPicture> movingPicture(unsigned width, unsi
   const auto wave = [](double phase) {
     return static_cast<std::uint8_t>(128 + 90 * std::sin(phase));
   };
-  for (unsigned y = 0; y < height; ++y) {
+  for (unsigned y = 0; y < height * 3 / 2; ++y) {  // chroma follows luma
     for (unsigned x = 0; x < width; ++x) {
-      pixels[y * width + x] = wave(x * 0.05 + y * 0.02 + number * 0.15);
-    }
-  }
-  for (unsigned y = 0; y < height / 2; ++y) {
-    for (unsigned x = 0; x < width; ++x) {
-      pixels[(height + y) * width + x] = wave((x / 2) * 0.03 + y * 0.07 + x % 2 - number * 0.15);
+      const unsigned shift = y < height ? 0 : x % 2;
+      pixels[y * width + x] = wave(x * 0.03 + y * 0.03 + number * 0.15 + shift);
     }
   }
   auto picture = lumora::LumoraPicture::fromNv12Host(pixels.data(), width, height, width);
@@ -39,7 +35,7 @@ inline double psnr(const std::uint8_t* nv12, const lumora::LumoraPicture& pictur
   const std::size_t size = std::size_t{picture.width()} * picture.height() * 3 / 2;
   double squares = 0;
   for (std::size_t i = 0; i < size; ++i) {
-    const double difference = nv12[i] - picture.luma()[i];  // chroma follows luma
+    const double difference = nv12[i] - picture.luma()[i];
     squares += difference * difference;
   }
   return squares == 0 ? std::numeric_limits<double>::infinity()

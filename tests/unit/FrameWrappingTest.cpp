@@ -1,34 +1,91 @@
-// Exported frames as buffers: what is refused, what the buffer holds, and for how long it keeps the
-// host's frame.
+// Exported frames as buffers: what is refused, what the buffer holds, for how long it keeps the
+// host's frame, and what is left when memory or descriptors run out.
 
-#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
 #include <thread>
-#include <vector>
 
 #include <gst/allocators/gstdmabuf.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
+#include <lumora/LumoraPicture.h>
 #include <media_backend/GstVideoBackend.h>
-#include <sys/stat.h>
+#include <simulated_board/Surface.h>
+#include <unistd.h>
 
+#include "support/Interpose.h"
 #include "support/ProcessState.h"
 #include "support/Profiles.h"
-#include "support/TestFrame.h"
+
+namespace {
+
+std::string_view g_failing;  // the function below that fails
+int g_failed = 0;
+
+bool fails(std::string_view function) {
+  g_failed += g_failing == function ? 1 : 0;
+  return g_failing == function;
+}
+
+template <typename Result, typename... Arguments>
+Result* callUnlessFailing(const char* function, Arguments... arguments) {
+  return fails(function) ? nullptr : nextDefinition<Result*(Arguments...)>(function)(arguments...);
+}
+
+}  // namespace
+
+extern "C" {
+
+int dup(int fd) noexcept {
+  return fails("dup") ? -1 : nextDefinition<int(int)>("dup")(fd);
+}
+
+GstBuffer* gst_buffer_new(void) {
+  return callUnlessFailing<GstBuffer>("gst_buffer_new");
+}
+
+GstAllocator* gst_dmabuf_allocator_new(void) {
+  return callUnlessFailing<GstAllocator>("gst_dmabuf_allocator_new");
+}
+
+GstMemory* gst_dmabuf_allocator_alloc(GstAllocator* allocator, gint fd, gsize size) {
+  return callUnlessFailing<GstMemory>("gst_dmabuf_allocator_alloc", allocator, fd, size);
+}
+
+GstMemory* gst_memory_new_wrapped(GstMemoryFlags flags, gpointer data, gsize maxsize, gsize offset,
+                                  gsize size, gpointer userData, GDestroyNotify notify) {
+  return callUnlessFailing<GstMemory>("gst_memory_new_wrapped", flags, data, maxsize, offset, size,
+                                      userData, notify);
+}
+
+}  // extern "C"
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return fails("new") ? nullptr : ::operator new(size);
+}
 
 namespace {
 
 using lumora::FrameExportHandle;
 using media_backend::GstVideoBackend;
 
-const GstVideoBackend& imx() {
-  static const GstVideoBackend backend(imxProfile());
-  return backend;
-}
+class FrameWrapping : public testing::Test {
+ protected:
+  // Whatever a test wrapped is gone by now.
+  void TearDown() override {
+    EXPECT_EQ(keepAlive_.use_count(), 1);
+    EXPECT_EQ(openDescriptors(), descriptors_);
+  }
 
-const GstVideoBackend& nvidia() {
-  static const GstVideoBackend backend(nvidiaProfile());
-  return backend;
-}
+  const GstVideoBackend imx_{imxProfile()};
+  const GstVideoBackend nvidia_{nvidiaProfile()};
+  const std::shared_ptr<int> keepAlive_ = std::make_shared<int>();
+  const std::shared_ptr<lumora::ExportedFrame> frame_ = lumora::ExportedFrame::fromPicture(
+      *lumora::LumoraPicture::fromNv12Host(std::string(768, 'x').data(), 32, 16, 32));
+  const FrameExportHandle handle_ = frame_->handle();
+  const std::ptrdiff_t descriptors_ = openDescriptors();
+};
 
 struct LayoutRow {
   const char* name;
@@ -73,14 +130,9 @@ const LayoutRow kLayouts[] = {
 
 void expectNv12(GstBuffer* buffer, const FrameExportHandle& handle) {
   ASSERT_EQ(gst_buffer_n_memory(buffer), 1U);
-  gsize offset = 1;
-  gsize maxSize = 0;
-  EXPECT_EQ(gst_buffer_get_sizes(buffer, &offset, &maxSize), handle.size);
-  EXPECT_EQ(offset, 0U);
-  EXPECT_EQ(maxSize, handle.size);
+  EXPECT_EQ(gst_buffer_get_size(buffer), handle.size);
   const GstVideoMeta* const meta = gst_buffer_get_video_meta(buffer);
   ASSERT_NE(meta, nullptr);
-  EXPECT_EQ(meta->flags, GST_VIDEO_FRAME_FLAG_NONE);
   EXPECT_EQ(meta->format, GST_VIDEO_FORMAT_NV12);
   EXPECT_EQ(meta->width, handle.width);
   EXPECT_EQ(meta->height, handle.height);
@@ -91,133 +143,89 @@ void expectNv12(GstBuffer* buffer, const FrameExportHandle& handle) {
   }
 }
 
-TEST(DmaBufFrames, BecomeOneMemoryWithVideoMetaIfTheirLayoutHolds) {
-  const TestFrame frame;
-  const auto keepAlive = std::make_shared<int>();
-  const std::ptrdiff_t descriptors = openDescriptors();
+TEST_F(FrameWrapping, DmaBufBecomesOneMemoryWithVideoMetaIfItsLayoutHolds) {
   for (const LayoutRow& row : kLayouts) {
     SCOPED_TRACE(row.name);
-    FrameExportHandle handle = frame.handle();
+    FrameExportHandle handle = handle_;
     handle.width = row.width;
     handle.height = row.height;
     handle.size = row.size;
     handle.planes[0] = row.luma;
     handle.planes[1] = row.chroma;
-    {
-      g_autoptr(GstBuffer) buffer = imx().wrapFrame(handle, keepAlive);
-      EXPECT_EQ(buffer != nullptr, row.accepted);
-      EXPECT_EQ(keepAlive.use_count(), row.accepted ? 2 : 1);
-      if (buffer != nullptr) {
-        expectNv12(buffer, handle);
-      }
+    g_autoptr(GstBuffer) buffer = imx_.wrapFrame(handle, keepAlive_);
+    EXPECT_EQ(buffer != nullptr, row.accepted);
+    EXPECT_EQ(keepAlive_.use_count(), row.accepted ? 2 : 1);
+    if (buffer != nullptr) {
+      expectNv12(buffer, handle);
     }
-    EXPECT_EQ(keepAlive.use_count(), 1);
-    EXPECT_EQ(openDescriptors(), descriptors);
   }
 }
 
-struct HandleRow {
-  const char* name;
-  void (*change)(FrameExportHandle&);
-};
-
-TEST(DmaBufFrames, AreRefusedForWhatTheyAre) {
-  const TestFrame frame;
-  const HandleRow rows[] = {
-      {"not valid", [](FrameExportHandle& h) { h.valid = false; }},
-      {"no descriptor", [](FrameExportHandle& h) { h.fd = -1; }},
-      {"closed descriptor", [](FrameExportHandle& h) { h.fd = 1 << 20; }},
-      {"no dma-buf", [](FrameExportHandle& h) { h.isDmaBuf = false; }},
-      {"one plane", [](FrameExportHandle& h) { h.planeCount = 1; }},
-      {"three planes", [](FrameExportHandle& h) { h.planeCount = 3; }},
+// On NVIDIA the host's function alone judges a handle.
+TEST_F(FrameWrapping, LooksAtWhatTheHandleIs) {
+  const struct {
+    const char* name;
+    void (*change)(FrameExportHandle&);
+    bool onImx;
+    bool onNvidia;
+  } rows[] = {
+      {"nothing", [](FrameExportHandle&) {}, true, true},
+      {"not valid", [](FrameExportHandle& h) { h.valid = false; }, false, false},
+      {"no descriptor", [](FrameExportHandle& h) { h.fd = -1; }, false, true},
+      {"closed descriptor", [](FrameExportHandle& h) { h.fd = 1 << 20; }, false, true},
+      {"no dma-buf", [](FrameExportHandle& h) { h.isDmaBuf = false; }, false, true},
+      {"one plane", [](FrameExportHandle& h) { h.planeCount = 1; }, false, true},
+      {"three planes", [](FrameExportHandle& h) { h.planeCount = 3; }, false, true},
+      {"odd size", [](FrameExportHandle& h) { h.width = 31; }, false, true},
+      {"no surface", [](FrameExportHandle& h) { h.surface = nullptr; }, true, false},
   };
-  for (const HandleRow& row : rows) {
-    FrameExportHandle handle = frame.handle();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    FrameExportHandle handle = handle_;
     row.change(handle);
-    EXPECT_EQ(imx().wrapFrame(handle, nullptr), nullptr) << row.name;
+    g_autoptr(GstBuffer) imx = imx_.wrapFrame(handle, keepAlive_);
+    EXPECT_EQ(imx != nullptr, row.onImx);
+    g_autoptr(GstBuffer) nvidia = nvidia_.wrapFrame(handle, keepAlive_);
+    EXPECT_EQ(nvidia != nullptr, row.onNvidia);
+    EXPECT_EQ(GstVideoBackend({}).wrapFrame(handle, keepAlive_), nullptr);
+    EXPECT_EQ(keepAlive_.use_count(), 1 + row.onImx + row.onNvidia);
   }
 }
 
 // Whoever writes through the host's descriptor changes what GStreamer reads.
-TEST(DmaBufFrames, ShareTheHostsPixels) {
-  const TestFrame frame;
-  g_autoptr(GstBuffer) buffer = imx().wrapFrame(frame.handle(), nullptr);
+TEST_F(FrameWrapping, DmaBufSharesTheHostsPixels) {
+  g_autoptr(GstBuffer) buffer = imx_.wrapFrame(handle_, nullptr);
   ASSERT_NE(buffer, nullptr);
   GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);
   ASSERT_TRUE(gst_is_dmabuf_memory(memory));
-  const int fd = gst_dmabuf_memory_get_fd(memory);
-  EXPECT_NE(fd, frame.handle().fd);
-  struct stat theirs = {};
-  struct stat ours = {};
-  ASSERT_EQ(fstat(fd, &theirs), 0);
-  ASSERT_EQ(fstat(frame.handle().fd, &ours), 0);
-  EXPECT_EQ(theirs.st_ino, ours.st_ino);
-  EXPECT_EQ(theirs.st_dev, ours.st_dev);
-
-  ASSERT_EQ(pwrite(frame.handle().fd, "late", 4, 764), 4);
-  char read[4] = {};
-  EXPECT_EQ(gst_buffer_extract(buffer, 764, read, 4), 4U);
-  EXPECT_EQ(std::memcmp(read, "late", 4), 0);
+  EXPECT_NE(gst_dmabuf_memory_get_fd(memory), handle_.fd);
+  ASSERT_EQ(pwrite(handle_.fd, "late", 4, 764), 4);
+  EXPECT_EQ(gst_buffer_memcmp(buffer, 764, "late", 4), 0);
 }
 
-TEST(StreamingFrames, AreTheHostsOwnBlock) {
-  const TestFrame frame;
-  g_autoptr(GstBuffer) buffer = nvidia().wrapFrame(frame.handle(), nullptr);
+TEST_F(FrameWrapping, StreamingMemoryIsTheHostsOwnBlock) {
+  g_autoptr(GstBuffer) buffer = nvidia_.wrapFrame(handle_, nullptr);
   ASSERT_NE(buffer, nullptr);
-  EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(buffer), 1);
-  ASSERT_EQ(gst_buffer_n_memory(buffer), 1U);
+  EXPECT_EQ(gst_buffer_n_memory(buffer), 1U);
   EXPECT_EQ(gst_buffer_get_video_meta(buffer), nullptr);
   GstMapInfo map;
   ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
-  EXPECT_EQ(map.data, frame.handle().surface);
+  EXPECT_EQ(map.data, handle_.surface);
   EXPECT_EQ(map.size, sizeof(simulated_board::Surface));
   EXPECT_EQ(map.maxsize, sizeof(simulated_board::Surface));
   gst_buffer_unmap(buffer, &map);
 }
 
-// The host's function alone judges a handle there.
-TEST(StreamingFrames, AreRefusedByTheHostAlone) {
-  const TestFrame frame;
-  const void* const block = frame.handle().surface;
-  const struct {
-    FrameExportHandle handle;
-    bool accepted;
-  } rows[] = {
-      {{true, -1, 0, 31, 0, false, 0, {}, const_cast<void*>(block)}, true},
-      {{false, -1, 0, 32, 16, true, 2, {}, const_cast<void*>(block)}, false},
-      {{true, -1, 768, 32, 16, true, 2, {}, nullptr}, false},
-  };
-  for (const auto& row : rows) {
-    const auto keepAlive = std::make_shared<int>();
-    g_autoptr(GstBuffer) buffer = nvidia().wrapFrame(row.handle, keepAlive);
-    EXPECT_EQ(buffer != nullptr, row.accepted);
-    EXPECT_EQ(keepAlive.use_count(), row.accepted ? 2 : 1);
-  }
-}
-
-TEST(WrappedFrames, NeedAPlatform) {
-  const TestFrame frame;
-  const auto keepAlive = std::make_shared<int>();
-  EXPECT_EQ(GstVideoBackend({}).wrapFrame(frame.handle(), keepAlive), nullptr);
-  EXPECT_EQ(keepAlive.use_count(), 1);
-}
-
 // Where the one reference hangs decides what may go before the frame does: a memory that outlives
 // its buffer keeps the frame on NVIDIA only.
-TEST(WrappedFrames, KeepTheHostsFrameJustLongEnough) {
-  const struct {
-    const GstVideoBackend& backend;
-    bool memoryKeepsFrame;
-  } rows[] = {{imx(), false}, {nvidia(), true}};
+TEST_F(FrameWrapping, KeepsTheHostsFrameJustLongEnough) {
   const GQuark key = g_quark_from_string("kelvarion.media_backend.keep_alive");
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.backend.name());
-    const TestFrame frame;
-    auto keepAlive = std::make_shared<int>();
-    const std::weak_ptr<int> watch = keepAlive;
-    GstBuffer* buffer = row.backend.wrapFrame(frame.handle(), std::move(keepAlive));
+  for (const GstVideoBackend* const backend : {&imx_, &nvidia_}) {
+    SCOPED_TRACE(backend->name());
+    const bool memoryKeepsFrame = backend == &nvidia_;
+    GstBuffer* buffer = backend->wrapFrame(handle_, keepAlive_);
     ASSERT_NE(buffer, nullptr);
-    EXPECT_EQ(watch.use_count(), 1);
+    EXPECT_EQ(keepAlive_.use_count(), 2);
     EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(buffer), 1);
     EXPECT_EQ(GST_BUFFER_PTS(buffer), GST_CLOCK_TIME_NONE);
     EXPECT_EQ(GST_BUFFER_DTS(buffer), GST_CLOCK_TIME_NONE);
@@ -225,39 +233,37 @@ TEST(WrappedFrames, KeepTheHostsFrameJustLongEnough) {
     // Appending the memory marks every buffer so.
     EXPECT_EQ(GST_BUFFER_FLAGS(buffer) & ~static_cast<guint>(GST_BUFFER_FLAG_TAG_MEMORY), 0U);
     EXPECT_EQ(gst_mini_object_get_qdata(GST_MINI_OBJECT(buffer), key) != nullptr,
-              !row.memoryKeepsFrame);
+              !memoryKeepsFrame);
 
-    GstBuffer* const second = gst_buffer_ref(buffer);
-    gst_clear_buffer(&buffer);
-    EXPECT_EQ(watch.use_count(), 1);
-    GstMemory* const memory = gst_buffer_get_memory(second, 0);
+    GstMemory* const memory = gst_buffer_get_memory(buffer, 0);
     // The last reference may go on any thread.
-    std::thread([second] { gst_buffer_unref(second); }).join();
-    EXPECT_EQ(watch.use_count(), row.memoryKeepsFrame ? 1 : 0);
+    std::thread([buffer] { gst_buffer_unref(buffer); }).join();
+    EXPECT_EQ(keepAlive_.use_count(), memoryKeepsFrame ? 2 : 1);
     gst_memory_unref(memory);
-    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(keepAlive_.use_count(), 1);
   }
 }
 
-TEST(WrappedFrames, LeaveNoDescriptorBehind) {
-  const TestFrame frame;
-  for (const GstVideoBackend* backend : {&imx(), &nvidia()}) {
-    const auto keepAlive = std::make_shared<int>();
-    const std::ptrdiff_t before = openDescriptors();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&frame, &keepAlive, backend] {
-        for (int n = 0; n < 2500; ++n) {
-          g_autoptr(GstBuffer) buffer = backend->wrapFrame(frame.handle(), keepAlive);
-          ASSERT_NE(buffer, nullptr);
-        }
-      });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
-    EXPECT_EQ(keepAlive.use_count(), 1) << backend->name();
-    EXPECT_EQ(openDescriptors(), before) << backend->name();
+TEST_F(FrameWrapping, LeavesNothingBehindWhenItFails) {
+  const std::pair<const GstVideoBackend*, const char*> rows[] = {
+      {&imx_, "gst_buffer_new"},
+      {&imx_, "gst_dmabuf_allocator_new"},
+      {&imx_, "dup"},
+      {&imx_, "gst_dmabuf_allocator_alloc"},
+      {&imx_, "new"},
+      {&nvidia_, "gst_buffer_new"},
+      {&nvidia_, "new"},
+      {&nvidia_, "gst_memory_new_wrapped"}};
+  for (const auto& [backend, function] : rows) {
+    SCOPED_TRACE(std::string(backend->name()) + " " + function);
+    g_failed = 0;
+    g_failing = function;
+    GstBuffer* const buffer = backend->wrapFrame(handle_, keepAlive_);
+    g_failing = {};
+    EXPECT_EQ(g_failed, 1);
+    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(keepAlive_.use_count(), 1);
+    EXPECT_EQ(openDescriptors(), descriptors_);
   }
 }
 
