@@ -1,0 +1,126 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include <media_backend/Export.h>
+
+struct OpusEncoder;
+
+namespace media_backend {
+
+// One Opus packet on the host's media timeline. In a received frame, 0 in `durationNs`,
+// `sampleRate` or `channels` means that the sender did not say.
+struct EncodedAudioFrame {
+  std::vector<std::uint8_t> payload;
+  std::uint64_t ptsNs = 0;                // nanoseconds
+  std::uint64_t durationNs = 20'000'000;  // nanoseconds
+  std::uint32_t sampleRate = 48000;       // Hz
+  std::uint8_t channels = 1;
+};
+
+// Keeps one Opus track free of gaps. The host notes every frame that it receives, drains them
+// downstream, and asks for fallback frames whenever it needs audio up to some point: while frames
+// arrive it gets none, and once they have stopped for longer than the watchdog's timeout it gets
+// silence or noise that continues the track without gap or overlap. Fallback frames have the
+// format of the last received frame; a format that Opus does not encode yields none.
+//
+// The guard has no thread and no timer: "now" comes from the caller.
+// Errors: an operation that cannot lock throws std::system_error before anything changes;
+// allocation failures propagate.
+// Threads: any thread may call any operation; one mutex, held throughout, serialises them. The
+// guard must not be destroyed during a call.
+class MEDIA_BACKEND_API AudioContinuityGuard {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  enum class FallbackMode : std::int32_t { Disabled = 0, Silence = 1, Noise = 2 };
+
+  AudioContinuityGuard();
+  ~AudioContinuityGuard();
+  AudioContinuityGuard(const AudioContinuityGuard&) = delete;
+  AudioContinuityGuard& operator=(const AudioContinuityGuard&) = delete;
+
+  // Starts the track in this format (0: 48000 Hz, 1 channel, 20 ms): fallback frames may be made
+  // at once, before any frame was received. Leaves timeline and queue alone.
+  void prime(std::uint32_t sampleRate, std::uint8_t channels, std::uint64_t frameDurationNs);
+
+  void setFallbackMode(FallbackMode mode);
+  // Clamped to 6000 to 256000; an encoder that exists keeps its rate.
+  void setFallbackBitrate(int bitsPerSecond);
+  // At least 1 ms. A timeout too long to count in nanoseconds never runs out.
+  void setWatchdogTimeout(std::chrono::milliseconds timeout);
+
+  // Queues a copy of the frame and moves the timeline to the frame's end. The queue is not
+  // limited.
+  void noteReceived(const EncodedAudioFrame& frame, TimePoint now);
+
+  // Hands over the queued frames in order of arrival, in constant time.
+  std::deque<EncodedAudioFrame> drainReceived();
+
+  // One fallback frame at the end of the track; on a timeline not yet known it starts at `now`,
+  // counted from the clock's epoch. Nothing while the watchdog has not run out, unless primed, with
+  // the mode Disabled, or if the frame cannot be encoded.
+  std::optional<EncodedAudioFrame> maybeMakeFallback(TimePoint now);
+
+  // Fallback frames from the end of the track up to the one that spans `untilPtsNs`, `maxFrames`
+  // at most. A timeline that is not known, or that is more than a frame ahead, starts at
+  // `untilPtsNs`. None under the conditions above, or if either argument is 0; a frame that cannot
+  // be encoded ends the run.
+  std::deque<EncodedAudioFrame> makeFallbackUntil(std::uint64_t untilPtsNs, std::uint64_t maxFrames,
+                                                  TimePoint now);
+
+  // Ends the track: forgets queue, timeline, format and encoder. Mode, bit rate and timeout stay,
+  // and the noise goes on where it was.
+  void reset();
+
+ private:
+  struct EncoderDeleter {
+    void operator()(OpusEncoder* encoder) const;
+  };
+
+  // What the encoder was made for, apart from the stream's format, which may have moved on.
+  struct EncoderFormat {
+    std::uint32_t sampleRate = 48000;
+    std::uint8_t channels = 1;
+    std::uint32_t frameSamples = 960;  // per channel
+  };
+
+  // These expect the mutex to be held.
+  bool mayFallBackLocked(TimePoint now) const;
+  bool watchdogExpiredLocked(TimePoint now) const;
+  void alignTimelineLocked(std::uint64_t untilPtsNs);
+  bool ensureEncoderLocked(std::uint32_t sampleRate, std::uint8_t channels,
+                           std::uint64_t frameDurationNs);
+  bool generateFallbackLocked(EncodedAudioFrame& frame);
+  std::int16_t nextNoiseSampleLocked();
+
+  std::mutex mutex_;
+  std::deque<EncodedAudioFrame> received_;
+  TimePoint lastReceived_{};
+  std::chrono::milliseconds watchdogTimeout_{40};
+  bool expiredUntilReceived_ = false;  // primed under a timeout that never runs out
+  bool primed_ = false;
+  FallbackMode mode_ = FallbackMode::Silence;
+  std::int32_t bitrate_ = 64000;
+
+  // the stream
+  std::uint64_t nextPtsNs_ = 0;  // where the track ends; 0: not known
+  std::uint64_t frameDurationNs_ = 20'000'000;
+  std::uint32_t sampleRate_ = 48000;
+  std::uint8_t channels_ = 1;
+
+  // the fallback
+  std::unique_ptr<OpusEncoder, EncoderDeleter> encoder_;
+  EncoderFormat encoderFormat_;
+  std::vector<std::int16_t> pcm_;     // one frame, channels interleaved
+  std::vector<std::uint8_t> packet_;  // the encoder's output
+  std::uint32_t noiseState_ = 0x12345678;
+};
+
+}  // namespace media_backend
