@@ -4,12 +4,14 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <optional>
 #include <thread>
 
 #include <media_backend/GstNv12Sample.h>
 #include <media_backend/MediaFileFrameSource.h>
 
 #include "MisbSt0601.h"
+#include "OpusFile.h"
 #include "OutputFolder.h"
 #include "Progress.h"
 #include "Recorder.h"
@@ -27,6 +29,8 @@ using std::chrono::system_clock;
 
 constexpr std::chrono::seconds kSourceTimeout{5};
 constexpr std::chrono::milliseconds kEncoderTimeout{3000};
+// How far fallback sound stays behind the video: packets may be that late, less one of them.
+constexpr std::chrono::milliseconds kAudioLag{250};
 
 // The media file as a camera.
 class FileCamera {
@@ -67,6 +71,55 @@ class FileCamera {
 
   media_backend::MediaFileFrameSource source_;
   media_backend::MediaFileFrameSourceConfig config_;
+};
+
+// The recording's sound: the track, and who delivers it.
+class Sound {
+ public:
+  // Reads the file; throws StationError (Source).
+  explicit Sound(const AudioOptions& options) : options_(options), track_(options.track) {
+    if (!options.file.empty()) {
+      packets_ = readOpusFile(options.file);
+    }
+  }
+
+  void start(steady_clock::time_point time) {
+    if (!packets_.empty()) {
+      receiver_.emplace(std::move(packets_), options_.reception, track_, time);
+    }
+  }
+
+  // Pushes what there is of the track while the video has come to `videoTime`.
+  void feed(Recorder& recorder, nanoseconds videoTime) {
+    push(recorder, track_.take(videoTime - kAudioLag, steady_clock::now()));
+  }
+
+  void finish(Recorder& recorder, nanoseconds end) {
+    if (receiver_) {
+      receiver_->stopAt(end);
+    }
+    push(recorder, track_.finish(end));
+  }
+
+  void printSummary() const {
+    const AudioTrack::Statistics statistics = track_.statistics();
+    std::printf("audio: %llu packets received, %llu late, %llu fallback frames\n",
+                static_cast<unsigned long long>(statistics.received),
+                static_cast<unsigned long long>(statistics.late),
+                static_cast<unsigned long long>(statistics.fallback));
+  }
+
+ private:
+  static void push(Recorder& recorder, const AudioTrack::Frames& frames) {
+    for (const media_backend::EncodedAudioFrame& frame : frames) {
+      recorder.pushAudio(frame);
+    }
+  }
+
+  const AudioOptions& options_;
+  AudioTrack track_;
+  std::vector<OpusPacket> packets_;
+  std::optional<AudioReceiver> receiver_;
 };
 
 std::uint64_t frameLimit(const RecordOptions& options) {
@@ -115,6 +168,10 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
   options.width = media_backend::gst_source::even_dimension(requested.width);
   options.height = media_backend::gst_source::even_dimension(requested.height);
 
+  std::optional<Sound> sound;
+  if (options.audio.isWanted()) {
+    sound.emplace(options.audio);
+  }
   FileCamera camera(options);
   std::shared_ptr<lumora::LumoraPicture> picture = camera.next();
   if (picture == nullptr) {
@@ -123,8 +180,9 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
   prepareOutputFolder(options.folder);
 
   const StopSignal stop;
-  Recorder recorder(backend, {options.encoder, options.segmentSeconds, options.klv, options.width,
-                              options.height, options.fps, options.folder});
+  Recorder recorder(backend,
+                    {options.encoder, options.segmentSeconds, options.klv, sound.has_value(),
+                     options.width, options.height, options.fps, options.folder});
   const system_clock::time_point start = system_clock::now();
   recorder.setStart(start);
 
@@ -132,6 +190,13 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
   const std::uint64_t limit = frameLimit(options);
   steady_clock::time_point base = steady_clock::now();
   std::uint64_t index = 0;
+  const auto finish = [&] {
+    if (sound) {
+      sound->finish(recorder, timeOf(index, options.fps));
+    }
+    recorder.finish();
+    progress.end();
+  };
   try {
     for (; picture != nullptr && index < limit && !stop.requested(); ++index) {
       std::this_thread::sleep_until(base + timeOf(index, options.fps));
@@ -139,6 +204,12 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
       if (index == 0) {
         recorder.awaitEncoder(kEncoderTimeout);
         base = steady_clock::now();
+        if (sound) {
+          sound->start(base);
+        }
+      }
+      if (sound) {
+        sound->feed(recorder, timeOf(index, options.fps));
       }
       recorder.check();
       progress.update(recorder, timeOf(index + 1, options.fps));
@@ -148,12 +219,14 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
     progress.end();
     // A source that fails leaves what was recorded so far to be ended properly.
     if (error.code() == ExitCode::Source) {
-      recorder.finish();
+      finish();
     }
     throw;
   }
-  recorder.finish();
-  progress.end();
+  finish();
+  if (sound) {
+    sound->printSummary();
+  }
   printSummary(recorder, timeOf(index, options.fps), options);
 }
 

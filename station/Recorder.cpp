@@ -15,12 +15,18 @@ constexpr GstClockTime kFinishTimeout = 20 * GST_SECOND;
 constexpr GstClockTime kErrorTimeout = 2 * GST_SECOND;
 constexpr auto kErrorOrEos = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS);
 
+GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
+  GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, bytes.size(), nullptr);
+  gst_buffer_fill(buffer, 0, bytes.data(), bytes.size());
+  return buffer;
+}
+
 }  // namespace
 
 Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings)
     : backend_(backend), settings_(settings) {
   const std::string description = backend.recorderPipeline(
-      settings.encoder, settings.segmentSeconds, settings.klv, /*withAudio=*/false);
+      settings.encoder, settings.segmentSeconds, settings.klv, settings.audio);
   g_autoptr(GError) error = nullptr;
   GstElement* const parsed = gst_parse_launch(description.c_str(), &error);
   if (parsed != nullptr) {
@@ -34,6 +40,9 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   video_ = find("mysrc");
   if (settings.klv) {
     klv_ = find("klvsrc");
+  }
+  if (settings.audio) {
+    audio_ = find("audiosrc");
   }
   backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
@@ -109,20 +118,30 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
     throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
   }
   ++pushed_;
-  pushTo(video_.get(), buffer, index);
+  pushTo(video_.get(), stamped(buffer, index));
   if (klv_ != nullptr) {
-    GstBuffer* const packet = gst_buffer_new_allocate(nullptr, klv.size(), nullptr);
-    gst_buffer_fill(packet, 0, klv.data(), klv.size());
-    pushTo(klv_.get(), packet, index);
+    pushTo(klv_.get(), stamped(copyOf(klv), index));
   }
 }
 
-// Takes the buffer.
-void Recorder::pushTo(GstElement* source, GstBuffer* buffer, std::uint64_t index) {
+void Recorder::pushAudio(const media_backend::EncodedAudioFrame& packet) {
+  GstBuffer* const buffer = copyOf(packet.payload);
+  GST_BUFFER_PTS(buffer) = packet.ptsNs;
+  GST_BUFFER_DURATION(buffer) = packet.durationNs;
+  pushTo(audio_.get(), buffer);
+}
+
+// The same buffer with the times of frame number `index`.
+GstBuffer* Recorder::stamped(GstBuffer* buffer, std::uint64_t index) const {
   const GstClockTime begin = gst_util_uint64_scale(index, GST_SECOND, settings_.fps);
   const GstClockTime end = gst_util_uint64_scale(index + 1, GST_SECOND, settings_.fps);
   GST_BUFFER_PTS(buffer) = begin;
   GST_BUFFER_DURATION(buffer) = end - begin;
+  return buffer;
+}
+
+// Takes the buffer.
+void Recorder::pushTo(GstElement* source, GstBuffer* buffer) {
   if (gst_app_src_push_buffer(GST_APP_SRC(source), buffer) != GST_FLOW_OK) {
     waitForError();
   }
@@ -169,9 +188,10 @@ void Recorder::throwError(GstMessage* message) const {
 }
 
 void Recorder::finish() {
-  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
-  if (klv_ != nullptr) {
-    gst_app_src_end_of_stream(GST_APP_SRC(klv_.get()));
+  for (GstElement* const source : {video_.get(), klv_.get(), audio_.get()}) {
+    if (source != nullptr) {
+      gst_app_src_end_of_stream(GST_APP_SRC(source));
+    }
   }
   g_autoptr(GstMessage) message =
       gst_bus_timed_pop_filtered(bus_.get(), kFinishTimeout, kErrorOrEos);

@@ -12,6 +12,7 @@
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <lumora/FrameExport.h>
+#include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstVideoBackend.h>
 
 namespace station {
@@ -27,6 +28,7 @@ class Recorder {
     media_backend::GstVideoBackend::EncoderConfig encoder;
     unsigned int segmentSeconds;
     bool klv;
+    bool audio;
     unsigned int width;   // pixels, even
     unsigned int height;  // pixels, even
     unsigned int fps;
@@ -53,6 +55,9 @@ class Recorder {
   void push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
             const std::vector<std::uint8_t>& klv);
 
+  // Hands over an Opus packet; only when recording with audio.
+  void pushAudio(const media_backend::EncodedAudioFrame& packet);
+
   // Waits until a first encoded frame came out, `timeout` at most: an encoder that is still
   // starting would miss frames of a camera that is already running.
   void awaitEncoder(std::chrono::milliseconds timeout);
@@ -76,7 +81,8 @@ class Recorder {
 
   Ptr<GstElement> find(const char* name) const;
   void watchEncoder();
-  void pushTo(GstElement* source, GstBuffer* buffer, std::uint64_t index);
+  GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
+  void pushTo(GstElement* source, GstBuffer* buffer);
   void waitForError();
   [[noreturn]] void throwError(GstMessage* message) const;
 
@@ -99,6 +105,7 @@ class Recorder {
   Ptr<GstElement> pipeline_;
   Ptr<GstElement> video_;
   Ptr<GstElement> klv_;
+  Ptr<GstElement> audio_;
   Ptr<GstBus> bus_;
 };
 

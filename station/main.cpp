@@ -1,7 +1,10 @@
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <string>
+#include <vector>
 
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
@@ -56,6 +59,46 @@ void requireRecordable(const GstVideoBackend& backend,
   }
 }
 
+void addAudioOptions(CLI::App& command, station::AudioOptions& audio) {
+  using Mode = media_backend::AudioContinuityGuard::FallbackMode;
+  static const std::map<std::string, Mode> kModes = {
+      {"disabled", Mode::Disabled}, {"silence", Mode::Silence}, {"noise", Mode::Noise}};
+
+  CLI::Option* const file = command.add_option(
+      "--audio", audio.file, "Record sound: the Opus packets of this Ogg or Matroska file");
+  command.add_flag("--audio-silence", audio.silence, "Record a silent sound track")->excludes(file);
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--drop",
+          [&audio](const std::vector<std::string>& texts) {
+            for (const std::string& text : texts) {
+              audio.reception.dropouts.push_back(station::parseDropout(text));
+            }
+          },
+          "START-END in seconds: no sound is received in that time; may be repeated")
+      ->needs(file);
+  command
+      .add_option("--loss", audio.reception.lossPercent,
+                  "Percent of the sound's packets to lose at random")
+      ->check(CLI::Range(0.0, 100.0))
+      ->needs(file);
+  command.add_option("--seed", audio.reception.seed, "For --loss")->capture_default_str();
+  command
+      .add_option_function<std::string>(
+          "--fallback",
+          [&audio](const std::string& mode) { audio.track.fallback = kModes.at(mode); },
+          "What fills the sound's gaps: silence (as if not given), noise or disabled")
+      ->check(CLI::IsMember({"silence", "noise", "disabled"}));
+  command
+      .add_option_function<std::int64_t>(
+          "--watchdog",
+          [&audio](std::int64_t timeout) {
+            audio.track.watchdog = std::chrono::milliseconds(timeout);
+          },
+          "Milliseconds without sound before it is filled (40 if not given)")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}));
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Example host of media_backend: video from a camera board.");
   app.require_subcommand(1);
@@ -97,6 +140,7 @@ int run(int argc, char** argv) {
   recordCommand->add_option("--fps", record.fps, "Frames per second")
       ->check(CLI::Range(1U, 240U))
       ->capture_default_str();
+  addAudioOptions(*recordCommand, record.audio);
 
   try {
     app.parse(argc, argv);
