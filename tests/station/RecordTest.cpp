@@ -232,9 +232,30 @@ TEST_F(Record, KeepsWhatWasRecordedWhenTheFolderVanishes) {
   }
 }
 
+// A file system of its own, of two mebibytes, while the object lives.
+class SmallDisk {
+ public:
+  explicit SmallDisk(const fs::path& folder)
+      : folder_(folder), mounted_(mount("none", folder.c_str(), "tmpfs", 0, "size=2m") == 0) {}
+  ~SmallDisk() {
+    if (mounted_) {
+      umount(folder_.c_str());
+    }
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+  bool isMounted() const { return mounted_; }
+
+ private:
+  const fs::path folder_;
+  const bool mounted_;
+};
+
 TEST_F(Record, SaysThatTheDiskIsFull) {
   fs::create_directories(output());
-  if (mount("none", output().c_str(), "tmpfs", 0, "size=1m") != 0) {
+  const SmallDisk disk(output());
+  if (!disk.isMounted()) {
     GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
   }
   const Result result = run(recordCommand(
@@ -244,7 +265,6 @@ TEST_F(Record, SaysThatTheDiskIsFull) {
   const std::vector<fs::path> files = segments(output());
   ASSERT_FALSE(files.empty());
   EXPECT_EQ(decodedFrames(files.front()), 30U);
-  umount(output().c_str());
 }
 
 }  // namespace
