@@ -120,7 +120,18 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
   ++pushed_;
   pushTo(video_.get(), stamped(buffer, index));
   if (klv_ != nullptr) {
-    pushTo(klv_.get(), stamped(copyOf(klv), index));
+    waitingKlv_.push_back({index, klv});
+    pushKlvBefore(nextIndex_);
+  }
+}
+
+// The muxer does not take metadata that runs ahead of the video, and the queue in front of it
+// leaks: while an encoder falls behind, the packets wait here.
+void Recorder::pushKlvBefore(std::uint64_t index) {
+  while (!waitingKlv_.empty() && waitingKlv_.front().index < index) {
+    const KlvPacket& packet = waitingKlv_.front();
+    pushTo(klv_.get(), stamped(copyOf(packet.bytes), packet.index));
+    waitingKlv_.pop_front();
   }
 }
 
@@ -188,6 +199,7 @@ void Recorder::throwError(GstMessage* message) const {
 }
 
 void Recorder::finish() {
+  pushKlvBefore(pushed_);
   for (GstElement* const source : {video_.get(), klv_.get(), audio_.get()}) {
     if (source != nullptr) {
       gst_app_src_end_of_stream(GST_APP_SRC(source));

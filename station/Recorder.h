@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -83,6 +84,7 @@ class Recorder {
   void watchEncoder();
   GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
   void pushTo(GstElement* source, GstBuffer* buffer);
+  void pushKlvBefore(std::uint64_t index);
   void waitForError();
   [[noreturn]] void throwError(GstMessage* message) const;
 
@@ -93,6 +95,12 @@ class Recorder {
   const media_backend::GstVideoBackend& backend_;
   const Settings settings_;
   std::chrono::system_clock::time_point start_{};
+
+  struct KlvPacket {
+    std::uint64_t index;  // of its frame
+    std::vector<std::uint8_t> bytes;
+  };
+  std::deque<KlvPacket> waitingKlv_;  // for their frames to reach the encoder
 
   std::uint64_t pushed_ = 0;
   std::atomic<std::uint64_t> entered_{0};    // frames that reached the encoder
