@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -65,7 +66,7 @@ class Pipeline {
 
 struct Unit {
   bool key;
-  gsize bytes;
+  std::string bytes;
 };
 
 // What comes out of `frames` frames of `pattern`, moving, through `chain`.
@@ -75,12 +76,19 @@ std::vector<Unit> encode(const std::string& pattern, int frames, const std::stri
   std::vector<Unit> units;
   while (GstSample* const sample = pipeline.pull()) {
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
-    units.push_back(
-        {!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), gst_buffer_get_size(buffer)});
+    units.push_back({!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT),
+                     std::string(gst_buffer_get_size(buffer), '\0')});
+    gst_buffer_extract(buffer, 0, units.back().bytes.data(), units.back().bytes.size());
     gst_sample_unref(sample);
   }
   EXPECT_EQ(units.size(), static_cast<std::size_t>(frames));
   return units;
+}
+
+double totalBytes(const std::vector<Unit>& units) {
+  return std::accumulate(units.begin(), units.end(), 0.0, [](double total, const Unit& unit) {
+    return total + static_cast<double>(unit.bytes.size());
+  });
 }
 
 class SimulatedBoardTest : public testing::Test {
@@ -112,11 +120,8 @@ TEST_F(SimulatedBoardTest, BitRateFollowsItsProperty) {
     for (const int target : {500000, 1000000}) {
       SCOPED_TRACE(chain + " " + std::to_string(target));
       const std::string full = chain + " bitrate=" + std::to_string(target / step);
-      gsize bytes = 0;
-      for (const Unit& unit : encode("zone-plate kx2=10 ky2=10 kt=1", 300, full)) {
-        bytes += unit.bytes;
-      }
-      EXPECT_NEAR(static_cast<double>(bytes) * 8 / 10, target, 0.2 * target);
+      const double bytes = totalBytes(encode("zone-plate kx2=10 ky2=10 kt=1", 300, full));
+      EXPECT_NEAR(bytes * 8 / 10, target, 0.2 * target);
     }
   }
 }
@@ -142,6 +147,32 @@ TEST_F(SimulatedBoardTest, KeyFramesComeAtTheirDistanceAndNotAtCuts) {
   }
 }
 
+TEST_F(SimulatedBoardTest, ParameterSetsRepeatOnlyWhenAskedFor) {
+  for (const bool h265 : {false, true}) {
+    const std::string sps = h265 ? std::string("\0\0\1\x42\1", 5) : std::string("\0\0\1\x67", 4);
+    for (const bool repeat : {false, true}) {
+      const auto units = encode("ball", 40,
+                                kToBoardMemory + (h265 ? "nvv4l2h265enc" : "nvv4l2h264enc") +
+                                    " iframeinterval=10" + (repeat ? " insert-sps-pps=true" : ""));
+      for (std::size_t i = 0; i < units.size(); ++i) {
+        const bool found = units[i].bytes.find(sps) != std::string::npos;
+        EXPECT_EQ(found, i == 0 || (repeat && i % 10 == 0)) << "H.265 " << h265 << ", frame " << i;
+      }
+    }
+  }
+}
+
+TEST_F(SimulatedBoardTest, JpegQualityChangesTheSize) {
+  double previous = 0;
+  for (const char* const quality : {"5", "50", "80", "95"}) {
+    const std::string encoder = std::string("nvjpegenc quality=") + quality;
+    const auto system = totalBytes(encode("smpte", 1, " ! " + encoder));
+    EXPECT_GT(system, previous) << quality;
+    EXPECT_EQ(totalBytes(encode("smpte", 1, kToBoardMemory + encoder)), system);
+    previous = system;
+  }
+}
+
 TEST_F(SimulatedBoardTest, RefusesOtherMemoryWhenItIsParsed) {
   for (const char* const encoder : {"nvv4l2h264enc", "nvv4l2h265enc", "nvv4l2av1enc"}) {
     for (const char* const source :
@@ -153,6 +184,18 @@ TEST_F(SimulatedBoardTest, RefusesOtherMemoryWhenItIsParsed) {
       EXPECT_TRUE(g_error_matches(error, GST_PARSE_ERROR, GST_PARSE_ERROR_LINK)) << text;
     }
   }
+}
+
+TEST_F(SimulatedBoardTest, SaysWhichElementIsMissingInside) {
+  GstRegistry* const registry = gst_registry_get();
+  g_autoptr(GstPluginFeature) feature = gst_registry_lookup_feature(registry, "x264enc");
+  ASSERT_NE(feature, nullptr);
+  gst_registry_remove_feature(registry, feature);
+  Pipeline pipeline("appsrc name=in ! vpuenc_h264 ! appsink name=out");
+  g_autoptr(GError) error = pipeline.error();
+  ASSERT_TRUE(g_error_matches(error, GST_CORE_ERROR, GST_CORE_ERROR_MISSING_PLUGIN));
+  EXPECT_THAT(error->message, AllOf(HasSubstr("x264enc"), HasSubstr("gstreamer1.0-plugins-ugly")));
+  gst_registry_add_feature(registry, GST_PLUGIN_FEATURE(gst_object_ref(feature)));
 }
 
 // A picture with odd strides and room before, between and behind its planes.
