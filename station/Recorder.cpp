@@ -12,6 +12,7 @@ namespace station {
 namespace {
 
 constexpr GstClockTime kFinishTimeout = 20 * GST_SECOND;
+constexpr std::chrono::seconds kDrainTimeout{5};
 constexpr GstClockTime kErrorTimeout = 2 * GST_SECOND;
 constexpr auto kErrorOrEos = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS);
 
@@ -40,6 +41,9 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   video_ = find("mysrc");
   if (settings.klv) {
     klv_ = find("klvsrc");
+    const Ptr<GstPad> source(gst_element_get_static_pad(klv_.get(), "src"));
+    const Ptr<GstPad> queue(gst_pad_get_peer(source.get()));
+    klvQueue_.reset(gst_pad_get_parent_element(queue.get()));
   }
   if (settings.audio) {
     audio_ = find("audiosrc");
@@ -128,10 +132,31 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
 // The muxer does not take metadata that runs ahead of the video, and the queue in front of it
 // leaks: while an encoder falls behind, the packets wait here.
 void Recorder::pushKlvBefore(std::uint64_t index) {
-  while (!waitingKlv_.empty() && waitingKlv_.front().index < index) {
+  while (!waitingKlv_.empty() && waitingKlv_.front().index < index && hasRoomForKlv()) {
     const KlvPacket& packet = waitingKlv_.front();
     pushTo(klv_.get(), stamped(copyOf(packet.bytes), packet.index));
     waitingKlv_.pop_front();
+  }
+}
+
+bool Recorder::hasRoomForKlv() const {
+  guint64 inSource = 0;
+  guint inQueue = 0;
+  guint most = 0;
+  g_object_get(klv_.get(), "current-level-buffers", &inSource, nullptr);
+  g_object_get(klvQueue_.get(), "current-level-buffers", &inQueue, "max-size-buffers", &most,
+               nullptr);
+  return inSource + inQueue + 2 < most;  // one may be between the two
+}
+
+// Pushes the rest of the metadata, behind the end of the video.
+void Recorder::drainKlv() {
+  const auto deadline = std::chrono::steady_clock::now() + kDrainTimeout;
+  pushKlvBefore(pushed_);
+  while (!waitingKlv_.empty() && std::chrono::steady_clock::now() < deadline) {
+    check();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    pushKlvBefore(pushed_);
   }
 }
 
@@ -199,11 +224,13 @@ void Recorder::throwError(GstMessage* message) const {
 }
 
 void Recorder::finish() {
-  pushKlvBefore(pushed_);
-  for (GstElement* const source : {video_.get(), klv_.get(), audio_.get()}) {
-    if (source != nullptr) {
-      gst_app_src_end_of_stream(GST_APP_SRC(source));
-    }
+  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
+  if (audio_ != nullptr) {
+    gst_app_src_end_of_stream(GST_APP_SRC(audio_.get()));
+  }
+  if (klv_ != nullptr) {
+    drainKlv();
+    gst_app_src_end_of_stream(GST_APP_SRC(klv_.get()));
   }
   g_autoptr(GstMessage) message =
       gst_bus_timed_pop_filtered(bus_.get(), kFinishTimeout, kErrorOrEos);

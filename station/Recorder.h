@@ -85,6 +85,8 @@ class Recorder {
   GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
   void pushTo(GstElement* source, GstBuffer* buffer);
   void pushKlvBefore(std::uint64_t index);
+  bool hasRoomForKlv() const;
+  void drainKlv();
   void waitForError();
   [[noreturn]] void throwError(GstMessage* message) const;
 
@@ -113,6 +115,7 @@ class Recorder {
   Ptr<GstElement> pipeline_;
   Ptr<GstElement> video_;
   Ptr<GstElement> klv_;
+  Ptr<GstElement> klvQueue_;  // behind klv_
   Ptr<GstElement> audio_;
   Ptr<GstBus> bus_;
 };

@@ -179,7 +179,7 @@ TEST_F(SimulatedBoardTest, RefusesOtherMemoryWhenItIsParsed) {
          {"videotestsrc", "videotestsrc ! nvvidconv ! video/x-raw,format=NV12"}) {
       g_autoptr(GError) error = nullptr;
       const std::string text = std::string(source) + " ! " + encoder + " ! fakesink";
-      g_autoptr(GstElement) pipeline = gst_parse_launch(text.c_str(), &error);
+      const media_backend::GstPtr<GstElement> pipeline(gst_parse_launch(text.c_str(), &error));
       ASSERT_NE(error, nullptr) << text;
       EXPECT_TRUE(g_error_matches(error, GST_PARSE_ERROR, GST_PARSE_ERROR_LINK)) << text;
     }
@@ -203,7 +203,7 @@ class OddPicture {
  public:
   OddPicture() {
     std::vector<std::uint8_t> bytes(kSize, 0xee);
-    for (unsigned y = 0; y < kHeight; ++y) {
+    for (std::size_t y = 0; y < kHeight; ++y) {
       std::copy_n(picture_->luma() + y * picture_->stride(), kWidth,
                   &bytes[kLumaOffset + y * kLumaStride]);
       std::copy_n(picture_->chroma() + y / 2 * picture_->stride(), kWidth,
@@ -237,8 +237,9 @@ class OddPicture {
   static constexpr unsigned kLumaStride = 365;
   static constexpr unsigned kChromaStride = 333;
   static constexpr std::size_t kLumaOffset = 77;
-  static constexpr std::size_t kChromaOffset = kLumaOffset + kLumaStride * kHeight + 19;
-  static constexpr std::size_t kSize = kChromaOffset + kChromaStride * kHeight / 2 + 5;
+  static constexpr std::size_t kChromaOffset =
+      kLumaOffset + std::size_t{kLumaStride} * kHeight + 19;
+  static constexpr std::size_t kSize = kChromaOffset + std::size_t{kChromaStride} * kHeight / 2 + 5;
   static constexpr Surface::Plane kLuma = {kLumaOffset, kLumaStride, kHeight};
   static constexpr Surface::Plane kChroma = {kChromaOffset, kChromaStride, kHeight / 2};
 

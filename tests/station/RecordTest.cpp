@@ -117,7 +117,10 @@ TEST_F(Record, WritesPlayableSegmentsOnBothBoards) {
     EXPECT_EQ(summary.frames, 150U);
     const std::vector<fs::path> files = segments(output());
     EXPECT_EQ(files.size(), summary.segments);
-    EXPECT_GE(files.size(), 3U);
+    // Frames that a busy machine drops make the key frames come later.
+    if (summary.dropped == 0) {
+      EXPECT_EQ(files.size(), 3U);
+    }
 
     unsigned int frames = 0;
     unsigned int klvPackets = 0;

@@ -195,7 +195,7 @@ TEST_F(MediaFile, NamesAPathThatIsNotThere) {
 
 TEST_F(MediaFile, SaysWhyAFileCannotBePlayed) {
   std::ofstream(folder_ / "text.mp4") << std::string(20000, 'x');
-  std::ofstream(folder_ / "nothing.mp4");
+  std::ofstream(folder_ / "nothing.mp4") << "";
   fs::create_directory(folder_ / "folder.mp4");
   const MediaFileFrameSourceConfig good = clip();
   const std::pair<const char*, const char*> rows[] = {

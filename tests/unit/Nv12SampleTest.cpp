@@ -100,8 +100,9 @@ GstSample* makeSample(const char* caps, const Layout& layout, unsigned width, un
   std::vector<std::uint8_t> bytes(size);
   for (unsigned y = 0; y < height; ++y) {
     for (unsigned x = 0; x < width; ++x) {
-      bytes.at(layout.lumaOffset + y * layout.lumaStride + x) = lumaAt(x, y);
-      bytes.at(layout.chromaOffset + y / 2 * layout.chromaStride + x) = chromaAt(x, y / 2);
+      bytes.at(layout.lumaOffset + std::size_t{y} * layout.lumaStride + x) = lumaAt(x, y);
+      bytes.at(layout.chromaOffset + std::size_t{y / 2} * layout.chromaStride + x) =
+          chromaAt(x, y / 2);
     }
   }
   g_autoptr(GstBuffer) buffer = gst_buffer_new_memdup(bytes.data(), bytes.size());
