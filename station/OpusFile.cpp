@@ -1,12 +1,12 @@
 #include "OpusFile.h"
 
 #include <atomic>
-#include <memory>
 
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <opus.h>
 
+#include "GstPtr.h"
 #include "StationError.h"
 
 namespace station {
@@ -16,20 +16,12 @@ constexpr GstClockTime kPoll = 50 * GST_MSECOND;
 constexpr int kChannels = 1;
 constexpr int kRate = 48000;  // Hz
 
-struct StopAndUnref {
-  void operator()(GstElement* pipeline) const {
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(pipeline);
-  }
-};
-using Pipeline = std::unique_ptr<GstElement, StopAndUnref>;
-
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
   throw StationError(ExitCode::Source, "audio file " + path + ": " + reason);
 }
 
 // Sets `tracksKnown` once every track of the file has been found.
-Pipeline play(const std::string& path, std::atomic<bool>& tracksKnown) {
+PipelinePtr play(const std::string& path, std::atomic<bool>& tracksKnown) {
   g_autoptr(GError) error = nullptr;
   GstElement* const parsed = gst_parse_launch(
       "filesrc name=file ! parsebin name=tracks ! audio/x-opus ! appsink name=packets sync=false",
@@ -37,7 +29,7 @@ Pipeline play(const std::string& path, std::atomic<bool>& tracksKnown) {
   if (error != nullptr) {
     fail(path, error->message);
   }
-  Pipeline pipeline(GST_ELEMENT(gst_object_ref_sink(parsed)));
+  PipelinePtr pipeline(GST_ELEMENT(gst_object_ref_sink(parsed)));
   g_autoptr(GstElement) file = gst_bin_get_by_name(GST_BIN(parsed), "file");
   g_object_set(file, "location", path.c_str(), nullptr);
   g_autoptr(GstElement) tracks = gst_bin_get_by_name(GST_BIN(parsed), "tracks");
@@ -90,7 +82,7 @@ OpusPacket packetOf(const std::string& path, GstBuffer* buffer) {
 
 std::vector<OpusPacket> readOpusFile(const std::string& path) {
   std::atomic<bool> tracksKnown{false};
-  const Pipeline pipeline = play(path, tracksKnown);
+  const PipelinePtr pipeline = play(path, tracksKnown);
   g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(pipeline.get()), "packets");
   GstAppSink* const sink = GST_APP_SINK(element);
   std::vector<OpusPacket> packets;

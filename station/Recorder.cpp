@@ -41,8 +41,8 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   video_ = find("mysrc");
   if (settings.klv) {
     klv_ = find("klvsrc");
-    const Ptr<GstPad> source(gst_element_get_static_pad(klv_.get(), "src"));
-    const Ptr<GstPad> queue(gst_pad_get_peer(source.get()));
+    const GstPtr<GstPad> source(gst_element_get_static_pad(klv_.get(), "src"));
+    const GstPtr<GstPad> queue(gst_pad_get_peer(source.get()));
     klvQueue_.reset(gst_pad_get_parent_element(queue.get()));
   }
   if (settings.audio) {
@@ -59,14 +59,8 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   }
 }
 
-Recorder::~Recorder() {
-  if (pipeline_ != nullptr) {
-    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
-  }
-}
-
-Recorder::Ptr<GstElement> Recorder::find(const char* name) const {
-  Ptr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
+GstPtr<GstElement> Recorder::find(const char* name) const {
+  GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
   if (element == nullptr) {
     throw StationError(ExitCode::Pipeline,
                        std::string("the recorder has no element \"") + name + "\"");
@@ -75,9 +69,9 @@ Recorder::Ptr<GstElement> Recorder::find(const char* name) const {
 }
 
 void Recorder::watchEncoder() {
-  const Ptr<GstElement> encoder = find("enc");
-  const Ptr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
-  const Ptr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
+  const GstPtr<GstElement> encoder = find("enc");
+  const GstPtr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
+  const GstPtr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
   gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderInput, this, nullptr);
   gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderOutput, this, nullptr);
 }

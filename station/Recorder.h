@@ -16,13 +16,15 @@
 #include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "GstPtr.h"
+
 namespace station {
 
 // Records camera frames into MPEG-TS segments: runs the library's recorder description as it is
 // and feeds its application sources.
 //
 // Failures throw StationError (Pipeline, DiskFull, Output).
-// Threads: one thread calls; segmentName() and statistics() may come from any.
+// Threads: one thread at a time.
 class Recorder {
  public:
   struct Settings {
@@ -45,7 +47,7 @@ class Recorder {
 
   // Builds the pipeline and sets it playing.
   Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings);
-  ~Recorder();
+  ~Recorder() = default;
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
@@ -74,13 +76,7 @@ class Recorder {
   Statistics statistics() const;
 
  private:
-  struct Unref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-  };
-  template <typename Object>
-  using Ptr = std::unique_ptr<Object, Unref>;
-
-  Ptr<GstElement> find(const char* name) const;
+  GstPtr<GstElement> find(const char* name) const;
   void watchEncoder();
   GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
   void pushTo(GstElement* source, GstBuffer* buffer);
@@ -112,12 +108,12 @@ class Recorder {
   mutable std::mutex mutex_;
   std::vector<std::filesystem::path> segments_;
 
-  Ptr<GstElement> pipeline_;
-  Ptr<GstElement> video_;
-  Ptr<GstElement> klv_;
-  Ptr<GstElement> klvQueue_;  // behind klv_
-  Ptr<GstElement> audio_;
-  Ptr<GstBus> bus_;
+  PipelinePtr pipeline_;  // behind what its threads use
+  GstPtr<GstElement> video_;
+  GstPtr<GstElement> klv_;
+  GstPtr<GstElement> klvQueue_;  // behind klv_
+  GstPtr<GstElement> audio_;
+  GstPtr<GstBus> bus_;
 };
 
 }  // namespace station
