@@ -4,6 +4,7 @@
 #include <cctype>
 #include <limits>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include <gst/allocators/gstdmabuf.h>
@@ -234,14 +235,22 @@ GstBuffer* wrapStreamingMemory(const lumora::FrameExportHandle& handle,
 
 // Pieces of descriptions that several builders write
 
+constexpr std::string_view kNvmmCaps = "video/x-raw(memory:NVMM),format=NV12";
+constexpr std::string_view kVpuCaps = "video/x-raw,format=NV12,interlace-mode=progressive";
+constexpr std::string_view kWholeUnits =
+    ",stream-format=byte-stream,alignment=au ";  // H.264, H.265
+constexpr std::string_view kAv1Caps =
+    "video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ";
+constexpr std::string_view kHttpSink = "! appsink name=sink emit-signals=true sync=false";
+
 void writeInputConversion(Description& text, const Profile& profile, const char* colorimetry) {
   switch (profile.platform) {
     case Platform::Nvidia:
-      text << "  ! " << profile.inputConverter << " ";
-      text << "  ! video/x-raw(memory:NVMM),format=NV12";
+      text << "  ! " << profile.inputConverter << " "
+           << "  ! " << kNvmmCaps;
       break;
     case Platform::ImxVpu:
-      text << "  ! video/x-raw,format=NV12,interlace-mode=progressive,pixel-aspect-ratio=1/1";
+      text << "  ! " << kVpuCaps << ",pixel-aspect-ratio=1/1";
       break;
     default:
       return;
@@ -406,8 +415,68 @@ std::string GstVideoBackend::transportEncoderChain(const EncoderConfig& config,
     writeNvidiaTransportSettings(text, config);
     text << " "
          << "  ! av1parse name=parser "
-         << "  ! video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ";
+         << "  ! " << kAv1Caps;
   }
+  return text.take();
+}
+
+std::string GstVideoBackend::rtspPayloaderChain(Codec codec, unsigned int mtu) const {
+  Description text(128);
+  if (isH26x(codec)) {
+    const bool h265 = codec == Codec::H265;
+    text << "  ! " << h26xCaps(h265) << kWholeUnits << "  ! " << h26xPayloader(h265)
+         << " name=pay0 pt=96 mtu=" << mtu << " config-interval=1 ";
+  } else if (codec == Codec::Av1) {
+    text << "  ! rtpav1pay name=pay0 pt=96 mtu=" << mtu << " clock-rate=90000 ";
+  }
+  return text.take();
+}
+
+std::string GstVideoBackend::httpUploadChain(const char* colorimetry) const {
+  Description text(128);
+  switch (profile_.platform) {
+    case Platform::Nvidia:
+      text << "! " << profile_.uploadConverter << " nvbuf-memory-type=0 "
+           << "! " << kNvmmCaps;
+      break;
+    case Platform::ImxVpu:
+      if (profile_.uploadConverter != "identity") {
+        text << "! " << profile_.uploadConverter << " ";
+      }
+      text << "! " << kVpuCaps;
+      break;
+    default:
+      return {};
+  }
+  text.optional(",colorimetry=", colorimetry) << " ";
+  return text.take();
+}
+
+std::string GstVideoBackend::httpEncoderChain(const EncoderConfig& config) const {
+  if (!supports(config.codec)) {
+    return {};
+  }
+  Description text(256);
+  if (config.codec == Codec::Mjpeg) {
+    text << "! " << profile_.jpegEncoder << " name=encoder quality=80 ";
+  } else if (config.codec == Codec::Av1) {
+    text << "! nvv4l2av1enc name=encoder maxperf-enable=1 bitrate=" << config.bitrateBps
+         << " iframeinterval=30 "
+         << "! av1parse "
+         << "! " << kAv1Caps;
+  } else {
+    const bool h265 = config.codec == Codec::H265;
+    text << "! " << h26xEncoder(h265) << " name=encoder ";
+    if (profile_.platform == Platform::ImxVpu) {
+      text << "! " << h26xParser(h265) << " "
+           << "! " << h26xCaps(h265) << kWholeUnits;
+    } else {
+      text << "bitrate=" << config.bitrateBps
+           << " insert-sps-pps=true maxperf-enable=1 iframeinterval=30 "
+           << "! " << h26xCaps(h265) << ",stream-format=byte-stream ";
+    }
+  }
+  text << kHttpSink;
   return text.take();
 }
 

@@ -25,6 +25,9 @@ std::vector<std::pair<std::string, std::string>> describeAll(const GstVideoBacke
   return {
       {"inputConversionChain", backend.inputConversionChain(nullptr)},
       {"transportEncoderChain", backend.transportEncoderChain(options.encoder, "-1")},
+      {"rtspPayloaderChain", backend.rtspPayloaderChain(options.encoder.codec, options.mtu)},
+      {"httpUploadChain", backend.httpUploadChain(nullptr)},
+      {"httpEncoderChain", backend.httpEncoderChain(options.encoder)},
       {"recorderPipeline", backend.recorderPipeline(options.encoder, options.segmentSeconds,
                                                     options.klv, /*withAudio=*/false)},
   };

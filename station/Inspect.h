@@ -10,6 +10,7 @@ struct InspectOptions {
   media_backend::GstVideoBackend::EncoderConfig encoder;
   unsigned int segmentSeconds = 60;
   bool klv = false;
+  unsigned int mtu = 1400;  // bytes, of RTP packets
   bool json = false;
   std::string graph;  // SVG file for a drawing of the recorder's pipeline; empty for none
 };

@@ -111,6 +111,22 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // Empty for Mjpeg and for a codec that the profile does not support.
   std::string transportEncoderChain(const EncoderConfig& config, const char* configInterval) const;
 
+  // Fragment: RTP payloader, named "pay0" as the GStreamer RTSP server asks, of payload type 96 and
+  // packets of at most `mtu` bytes. Follows transportEncoderChain().
+  // Empty unless the codec is H264, H265 or Av1; the profile is not consulted.
+  std::string rtspPayloaderChain(Codec codec, unsigned int mtu) const;
+
+  // Fragment: from raw video to what the platform's encoder takes, on the HTTP path. This one and
+  // httpEncoderChain() begin with "! ", so the source element in front has to end with a blank.
+  // Empty without a platform.
+  std::string httpUploadChain(const char* colorimetry) const;
+
+  // Rest of a description behind httpUploadChain(): the encoder, named "encoder", and an appsink
+  // named "sink" that emits a signal for every encoded picture. Reads only `codec` and `bitrateBps`
+  // of the settings, and no bit rate for Mjpeg or on i.MX, where the encoder's own default holds.
+  // Empty for a codec that the profile does not support.
+  std::string httpEncoderChain(const EncoderConfig& config) const;
+
   // Whole description of a recorder into MPEG-TS segments of at most `segmentSeconds` seconds.
   // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and

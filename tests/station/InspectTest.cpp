@@ -22,6 +22,9 @@ TEST(Inspect, TellsWhatTheBoardOffers) {
   const std::string recorder = report["descriptions"]["recorderPipeline"];
   EXPECT_NE(recorder.find("nvv4l2h264enc name=enc"), std::string::npos);
   EXPECT_NE(recorder.find("klvsrc"), std::string::npos);
+  EXPECT_EQ(report["descriptions"].size(), 6U);
+  EXPECT_NE(report["descriptions"]["rtspPayloaderChain"].get<std::string>().find("mtu=1400"),
+            std::string::npos);
 }
 
 TEST(Inspect, NamesWhatIsMissing) {

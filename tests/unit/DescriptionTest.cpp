@@ -96,6 +96,92 @@ TEST_F(Descriptions, TransportEncoder) {
   }
 }
 
+TEST_F(Descriptions, RtspPayloader) {
+  const std::tuple<Profile, Codec, unsigned int, const char*> rows[] = {
+      {nvidiaProfile(), Codec::H264, 1400,
+       "  ! video/x-h264,stream-format=byte-stream,alignment=au   ! rtph264pay name=pay0 pt=96 "
+       "mtu=1400 config-interval=1 "},
+      {Profile{}, Codec::H264, 0,
+       "  ! video/x-h264,stream-format=byte-stream,alignment=au   ! rtph264pay name=pay0 pt=96 "
+       "mtu=0 config-interval=1 "},
+      {imxProfile(), Codec::H265, 4294967295,
+       "  ! video/x-h265,stream-format=byte-stream,alignment=au   ! rtph265pay name=pay0 pt=96 "
+       "mtu=4294967295 config-interval=1 "},
+      {Profile{}, Codec::Av1, 1400, "  ! rtpav1pay name=pay0 pt=96 mtu=1400 clock-rate=90000 "},
+      {nvidiaProfile(), Codec::Mjpeg, 1400, ""},
+      {nvidiaProfile(), Codec::Unknown, 1400, ""},
+      {nvidiaProfile(), static_cast<Codec>(5), 1400, ""},
+  };
+  for (const auto& [profile, codec, mtu, text] : rows) {
+    EXPECT_EQ(GstVideoBackend(profile).rtspPayloaderChain(codec, mtu), text);
+  }
+}
+
+TEST_F(Descriptions, HttpUpload) {
+  Profile nvidia = nvidiaProfile();
+  nvidia.uploadConverter = "nvvideoconvert";
+  Profile nvidiaVidconv = nvidiaProfile();
+  nvidiaVidconv.uploadConverter = "nvvidconv";
+  Profile imx = imxProfile();
+  imx.uploadConverter = "imxvideoconvert_g2d";
+  Profile imxIdentity = imxProfile();
+  imxIdentity.uploadConverter = "identity";
+  Profile imxCase = imxProfile();
+  imxCase.uploadConverter = "Identity";
+  Profile strange = nvidia;
+  strange.platform = static_cast<Platform>(3);
+  const std::tuple<Profile, const char*, const char*> rows[] = {
+      {nvidia, "bt709",
+       "! nvvideoconvert nvbuf-memory-type=0 ! "
+       "video/x-raw(memory:NVMM),format=NV12,colorimetry=bt709 "},
+      {nvidiaVidconv, nullptr,
+       "! nvvidconv nvbuf-memory-type=0 ! video/x-raw(memory:NVMM),format=NV12 "},
+      {imx, "bt709",
+       "! imxvideoconvert_g2d ! "
+       "video/x-raw,format=NV12,interlace-mode=progressive,colorimetry=bt709 "},
+      {imxIdentity, "", "! video/x-raw,format=NV12,interlace-mode=progressive "},
+      {imxCase, nullptr, "! Identity ! video/x-raw,format=NV12,interlace-mode=progressive "},
+      {Profile{}, "bt709", ""},
+      {strange, "bt709", ""},
+  };
+  for (const auto& [profile, colorimetry, text] : rows) {
+    EXPECT_EQ(GstVideoBackend(profile).httpUploadChain(colorimetry), text);
+  }
+}
+
+TEST_F(Descriptions, HttpEncoder) {
+  const std::tuple<Profile, Codec, const char*> rows[] = {
+      {nvidiaProfile(), Codec::H264,
+       "! nvv4l2h264enc name=encoder bitrate=4000000 insert-sps-pps=true maxperf-enable=1 "
+       "iframeinterval=30 ! video/x-h264,stream-format=byte-stream ! appsink name=sink "
+       "emit-signals=true sync=false"},
+      {nvidiaProfile(), Codec::H265,
+       "! nvv4l2h265enc name=encoder bitrate=4000000 insert-sps-pps=true maxperf-enable=1 "
+       "iframeinterval=30 ! video/x-h265,stream-format=byte-stream ! appsink name=sink "
+       "emit-signals=true sync=false"},
+      {nvidiaProfile(), Codec::Av1,
+       "! nvv4l2av1enc name=encoder maxperf-enable=1 bitrate=4000000 iframeinterval=30 ! av1parse "
+       "! video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ! appsink name=sink "
+       "emit-signals=true sync=false"},
+      {nvidiaProfile(), Codec::Mjpeg,
+       "! nvjpegenc name=encoder quality=80 ! appsink name=sink emit-signals=true sync=false"},
+      {imxProfile(), Codec::H264,
+       "! vpuenc_h264 name=encoder ! h264parse ! "
+       "video/x-h264,stream-format=byte-stream,alignment=au ! appsink name=sink emit-signals=true "
+       "sync=false"},
+      {imxProfile(), Codec::H265,
+       "! vpuenc_hevc name=encoder ! h265parse ! "
+       "video/x-h265,stream-format=byte-stream,alignment=au ! appsink name=sink emit-signals=true "
+       "sync=false"},
+      {imxProfile(), Codec::Mjpeg,
+       "! jpegenc name=encoder quality=80 ! appsink name=sink emit-signals=true sync=false"},
+  };
+  for (const auto& [profile, codec, text] : rows) {
+    // Only the codec and the bit rate count.
+    EXPECT_EQ(GstVideoBackend(profile).httpEncoderChain({codec, 4000000, -1, 7, 1, 2}), text);
+  }
+}
+
 TEST_F(Descriptions, WholeRecorders) {
   EXPECT_EQ(
       GstVideoBackend(nvidiaProfile()).recorderPipeline(config(Codec::H264), 60, true, true),
@@ -149,24 +235,27 @@ TEST_F(Descriptions, Guards) {
   notH264.hasH264 = false;
   Profile notH265 = imxProfile();
   notH265.hasH265 = false;
-  const std::tuple<Profile, const char*, const char*> rows[] = {
-      {nvidiaProfile(), "h264 h265 av1 ", "h264 h265 "},
-      {imxProfile(), "h264 h265 ", "h264 h265 "},
-      {notH264, "h265 av1 ", "h265 "},
-      {notH265, "h264 ", "h264 "},
-      {Profile{}, "", ""},
+  const std::tuple<Profile, const char*, const char*, const char*> rows[] = {
+      {nvidiaProfile(), "h264 h265 av1 ", "h264 h265 av1 mjpeg ", "h264 h265 "},
+      {imxProfile(), "h264 h265 ", "h264 h265 mjpeg ", "h264 h265 "},
+      {notH264, "h265 av1 ", "h265 av1 mjpeg ", "h265 "},
+      {notH265, "h264 ", "h264 mjpeg ", "h264 "},
+      {Profile{}, "", "", ""},
   };
-  for (const auto& [profile, forTransport, forRecorder] : rows) {
+  for (const auto& [profile, forTransport, forHttp, forRecorder] : rows) {
     const GstVideoBackend backend(profile);
     std::string transport;
+    std::string http;
     std::string recorder;
     for (int value = -1; value <= 5; ++value) {
       const auto codec = static_cast<Codec>(value);
       const std::string name = std::string(GstVideoBackend::codecName(codec)) + " ";
       transport += backend.transportEncoderChain(config(codec), "1").empty() ? "" : name;
+      http += backend.httpEncoderChain(config(codec)).empty() ? "" : name;
       recorder += backend.recorderPipeline(config(codec), 60, true, true).empty() ? "" : name;
     }
     EXPECT_EQ(transport, forTransport);
+    EXPECT_EQ(http, forHttp);
     EXPECT_EQ(recorder, forRecorder);
   }
 }
