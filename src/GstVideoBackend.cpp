@@ -424,8 +424,9 @@ std::string GstVideoBackend::rtspPayloaderChain(Codec codec, unsigned int mtu) c
   Description text(128);
   if (isH26x(codec)) {
     const bool h265 = codec == Codec::H265;
-    text << "  ! " << h26xCaps(h265) << kWholeUnits << "  ! " << h26xPayloader(h265)
-         << " name=pay0 pt=96 mtu=" << mtu << " config-interval=1 ";
+    text << "  ! " << h26xCaps(h265) << kWholeUnits;
+    text << "  ! " << h26xPayloader(h265) << " name=pay0 pt=96 mtu=" << mtu
+         << " config-interval=1 ";
   } else if (codec == Codec::Av1) {
     text << "  ! rtpav1pay name=pay0 pt=96 mtu=" << mtu << " clock-rate=90000 ";
   }

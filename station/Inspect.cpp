@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Board.h"
+#include "Pipeline.h"
 #include "StationError.h"
 
 namespace station {
@@ -92,13 +93,10 @@ void drawGraph(const GstVideoBackend& backend, const InspectOptions& options) {
                        std::string("no recorder to draw: this board does not record ") +
                            GstVideoBackend::codecName(options.encoder.codec));
   }
+  const PipelinePtr pipeline = buildPipeline(description, "the recorder");
+  g_autofree gchar* dot =
+      gst_debug_bin_to_dot_data(GST_BIN(pipeline.get()), GST_DEBUG_GRAPH_SHOW_ALL);
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GstElement) pipeline = gst_parse_launch(description.c_str(), &error);
-  if (error != nullptr || pipeline == nullptr) {
-    throw StationError(ExitCode::Pipeline, std::string("cannot build the recorder: ") +
-                                               (error != nullptr ? error->message : "no pipeline"));
-  }
-  g_autofree gchar* dot = gst_debug_bin_to_dot_data(GST_BIN(pipeline), GST_DEBUG_GRAPH_SHOW_ALL);
   g_autoptr(GSubprocess) graphviz = g_subprocess_new(G_SUBPROCESS_FLAGS_STDIN_PIPE, &error, "dot",
                                                      "-Tsvg", "-o", options.graph.c_str(), nullptr);
   if (graphviz == nullptr) {

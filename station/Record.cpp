@@ -7,9 +7,6 @@
 #include <optional>
 #include <thread>
 
-#include <media_backend/GstNv12Sample.h>
-#include <media_backend/MediaFileFrameSource.h>
-
 #include "MisbSt0601.h"
 #include "OpusFile.h"
 #include "OutputFolder.h"
@@ -27,51 +24,9 @@ using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
-constexpr std::chrono::seconds kSourceTimeout{5};
 constexpr std::chrono::milliseconds kEncoderTimeout{3000};
 // How far fallback sound stays behind the video: packets may be that late, less one of them.
 constexpr std::chrono::milliseconds kAudioLag{250};
-
-// The media file as a camera.
-class FileCamera {
- public:
-  explicit FileCamera(const RecordOptions& options) {
-    config_.path = options.source;
-    config_.width = options.width;
-    config_.height = options.height;
-    config_.fps = options.fps;
-    config_.loop = options.loop;
-  }
-
-  // The next picture; empty at the end of a file that does not loop.
-  std::shared_ptr<lumora::LumoraPicture> next() {
-    const auto begin = steady_clock::now();
-    std::string error;
-    auto picture = capture(error);
-    if (picture == nullptr && !error.empty()) {
-      throw StationError(ExitCode::Source, "source failed: " + error);
-    }
-    // The end of a file is told from a time-out by not having taken the time.
-    const bool timedOut = steady_clock::now() - begin >= kSourceTimeout;
-    if (picture == nullptr && (config_.loop || timedOut)) {
-      throw StationError(ExitCode::Source, "source gives no pictures: " + config_.path);
-    }
-    return picture;
-  }
-
- private:
-  std::shared_ptr<lumora::LumoraPicture> capture(std::string& error) {
-    try {
-      return source_.capture(config_, kSourceTimeout, error);
-    } catch (const std::filesystem::filesystem_error& failure) {
-      error = failure.code().message() + ": " + config_.path;
-      return {};
-    }
-  }
-
-  media_backend::MediaFileFrameSource source_;
-  media_backend::MediaFileFrameSourceConfig config_;
-};
 
 // The recording's sound: the track, and who delivers it.
 class Sound {
@@ -126,7 +81,8 @@ std::uint64_t frameLimit(const RecordOptions& options) {
   if (options.durationSeconds <= 0) {
     return std::numeric_limits<std::uint64_t>::max();
   }
-  return static_cast<std::uint64_t>(std::llround(std::ceil(options.durationSeconds * options.fps)));
+  return static_cast<std::uint64_t>(
+      std::llround(std::ceil(options.durationSeconds * options.camera.fps)));
 }
 
 nanoseconds timeOf(std::uint64_t index, unsigned int fps) {
@@ -136,7 +92,7 @@ nanoseconds timeOf(std::uint64_t index, unsigned int fps) {
 // Everything that a host does for one frame.
 void recordFrame(Recorder& recorder, lumora::LumoraPicture& picture, std::uint64_t index,
                  system_clock::time_point start, const RecordOptions& options) {
-  const nanoseconds elapsed = timeOf(index, options.fps);
+  const nanoseconds elapsed = timeOf(index, options.camera.fps);
   std::vector<std::uint8_t> klv;
   if (options.klv) {
     writeSensorMetadata(
@@ -163,26 +119,22 @@ void printSummary(const Recorder& recorder, nanoseconds recorded, const RecordOp
 
 }  // namespace
 
-void record(const GstVideoBackend& backend, const RecordOptions& requested) {
-  RecordOptions options = requested;
-  options.width = media_backend::gst_source::even_dimension(requested.width);
-  options.height = media_backend::gst_source::even_dimension(requested.height);
-
+void record(const GstVideoBackend& backend, const RecordOptions& options) {
   std::optional<Sound> sound;
   if (options.audio.isWanted()) {
     sound.emplace(options.audio);
   }
-  FileCamera camera(options);
+  Camera camera(options.camera);
   std::shared_ptr<lumora::LumoraPicture> picture = camera.next();
   if (picture == nullptr) {
-    throw StationError(ExitCode::Source, "source has no pictures: " + options.source);
+    throw StationError(ExitCode::Source, "source has no pictures: " + options.camera.source);
   }
   prepareOutputFolder(options.folder);
 
   const StopSignal stop;
-  Recorder recorder(backend,
-                    {options.encoder, options.segmentSeconds, options.klv, sound.has_value(),
-                     options.width, options.height, options.fps, options.folder});
+  Recorder recorder(
+      backend, {options.encoder, options.segmentSeconds, options.klv, sound.has_value(),
+                options.camera.width, options.camera.height, options.camera.fps, options.folder});
   const system_clock::time_point start = system_clock::now();
   recorder.setStart(start);
 
@@ -192,14 +144,14 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
   std::uint64_t index = 0;
   const auto finish = [&] {
     if (sound) {
-      sound->finish(recorder, timeOf(index, options.fps));
+      sound->finish(recorder, timeOf(index, options.camera.fps));
     }
     recorder.finish();
     progress.end();
   };
   try {
     for (; picture != nullptr && index < limit && !stop.requested(); ++index) {
-      std::this_thread::sleep_until(base + timeOf(index, options.fps));
+      std::this_thread::sleep_until(base + timeOf(index, options.camera.fps));
       recordFrame(recorder, *picture, index, start, options);
       if (index == 0) {
         recorder.awaitEncoder(kEncoderTimeout);
@@ -209,10 +161,10 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
         }
       }
       if (sound) {
-        sound->feed(recorder, timeOf(index, options.fps));
+        sound->feed(recorder, timeOf(index, options.camera.fps));
       }
       recorder.check();
-      progress.update(recorder, timeOf(index + 1, options.fps));
+      progress.update(recorder, timeOf(index + 1, options.camera.fps));
       picture = index + 1 < limit ? camera.next() : nullptr;
     }
   } catch (const StationError& error) {
@@ -227,7 +179,7 @@ void record(const GstVideoBackend& backend, const RecordOptions& requested) {
   if (sound) {
     sound->printSummary();
   }
-  printSummary(recorder, timeOf(index, options.fps), options);
+  printSummary(recorder, timeOf(index, options.camera.fps), options);
 }
 
 }  // namespace station

@@ -8,6 +8,7 @@
 
 #include "AudioReceiver.h"
 #include "AudioTrack.h"
+#include "Camera.h"
 
 namespace station {
 
@@ -21,22 +22,17 @@ struct AudioOptions {
 };
 
 struct RecordOptions {
-  std::string source;  // media file
+  CameraOptions camera;
   std::filesystem::path folder;
   media_backend::GstVideoBackend::EncoderConfig encoder;
   unsigned int segmentSeconds = 60;
   bool klv = false;
   double durationSeconds = 0;  // 0: until stopped
-  bool loop = true;            // play the source again after its end
-  unsigned int width = 1280;
-  unsigned int height = 720;
-  unsigned int fps = 30;
   AudioOptions audio;
 };
 
-// The command "record": pictures of a media file, paced at the frame rate as from a camera, into
-// MPEG-TS segments. Returns when the duration is over, the source has ended, or on Ctrl-C; throws
-// StationError.
-void record(const media_backend::GstVideoBackend& backend, const RecordOptions& requested);
+// The command "record": pictures of a camera, paced at the frame rate, into MPEG-TS segments.
+// Returns when the duration is over, the source has ended, or on Ctrl-C; throws StationError.
+void record(const media_backend::GstVideoBackend& backend, const RecordOptions& options);
 
 }  // namespace station

@@ -6,6 +6,7 @@
 #include <gst/video/video.h>
 
 #include "OutputFolder.h"
+#include "Pipeline.h"
 #include "StationError.h"
 
 namespace station {
@@ -28,48 +29,32 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
     : backend_(backend), settings_(settings) {
   const std::string description = backend.recorderPipeline(
       settings.encoder, settings.segmentSeconds, settings.klv, settings.audio);
-  g_autoptr(GError) error = nullptr;
-  GstElement* const parsed = gst_parse_launch(description.c_str(), &error);
-  if (parsed != nullptr) {
-    pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(parsed)));
-  }
-  if (error != nullptr || pipeline_ == nullptr) {
-    throw StationError(ExitCode::Pipeline, std::string("cannot build the recorder: ") +
-                                               (error != nullptr ? error->message : "no pipeline"));
-  }
+  pipeline_ = buildPipeline(description, "the recorder");
   bus_.reset(gst_element_get_bus(pipeline_.get()));
-  video_ = find("mysrc");
+  video_ = findElement(pipeline_.get(), "mysrc");
   if (settings.klv) {
-    klv_ = find("klvsrc");
+    klv_ = findElement(pipeline_.get(), "klvsrc");
     const GstPtr<GstPad> source(gst_element_get_static_pad(klv_.get(), "src"));
     const GstPtr<GstPad> queue(gst_pad_get_peer(source.get()));
     klvQueue_.reset(gst_pad_get_parent_element(queue.get()));
   }
   if (settings.audio) {
-    audio_ = find("audiosrc");
+    audio_ = findElement(pipeline_.get(), "audiosrc");
   }
   backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
                        /*squarePixels=*/true, nullptr);
   watchEncoder();
-  g_signal_connect(find("sink").get(), "format-location-full", G_CALLBACK(onSegment), this);
+  g_signal_connect(findElement(pipeline_.get(), "sink").get(), "format-location-full",
+                   G_CALLBACK(onSegment), this);
 
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
   }
 }
 
-GstPtr<GstElement> Recorder::find(const char* name) const {
-  GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
-  if (element == nullptr) {
-    throw StationError(ExitCode::Pipeline,
-                       std::string("the recorder has no element \"") + name + "\"");
-  }
-  return element;
-}
-
 void Recorder::watchEncoder() {
-  const GstPtr<GstElement> encoder = find("enc");
+  const GstPtr<GstElement> encoder = findElement(pipeline_.get(), "enc");
   const GstPtr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
   const GstPtr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
   gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderInput, this, nullptr);
@@ -204,17 +189,15 @@ void Recorder::waitForError() {
 
 void Recorder::throwError(GstMessage* message) const {
   g_autoptr(GError) error = nullptr;
-  g_autofree gchar* debug = nullptr;
-  gst_message_parse_error(message, &error, &debug);
-  const std::string element = GST_OBJECT_NAME(GST_MESSAGE_SRC(message));
+  gst_message_parse_error(message, &error, nullptr);
   if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT)) {
     throw StationError(ExitCode::DiskFull, "the disk of " + settings_.folder.string() + " is full");
   }
-  const bool outputFailed =
-      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
-      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
-  throw StationError(outputFailed ? ExitCode::Output : ExitCode::Pipeline,
-                     "pipeline error from " + element + ": " + error->message);
+  if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
+      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE)) {
+    throw StationError(ExitCode::Output, pipelineError(message).what());
+  }
+  throw pipelineError(message);
 }
 
 void Recorder::finish() {

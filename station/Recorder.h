@@ -76,7 +76,6 @@ class Recorder {
   Statistics statistics() const;
 
  private:
-  GstPtr<GstElement> find(const char* name) const;
   void watchEncoder();
   GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
   void pushTo(GstElement* source, GstBuffer* buffer);

@@ -7,12 +7,14 @@
 #include <vector>
 
 #include <gst/gst.h>
+#include <media_backend/GstNv12Sample.h>
 #include <media_backend/GstVideoBackend.h>
 #include <CLI/CLI.hpp>
 
 #include "Board.h"
 #include "Inspect.h"
 #include "Record.h"
+#include "Serve.h"
 #include "StationError.h"
 
 namespace {
@@ -26,7 +28,28 @@ constexpr const char* kExitCodes =
     "4 codec not usable on this board, 5 source missing or unreadable, 6 output not writable,\n"
     "7 disk full, 8 pipeline error, 130 ended by a second Ctrl-C.";
 
-// The options that several commands take.
+// Options that several commands take.
+
+void addCameraOptions(CLI::App& command, station::CameraOptions& camera) {
+  const auto even = [](unsigned int& value) {
+    value = media_backend::gst_source::even_dimension(value);
+  };
+  command.add_option("source", camera.source, "Media file")->required();
+  command.add_option("--width", camera.width, "Pixels, rounded down to even")
+      ->check(CLI::Range(2U, 8192U))
+      ->capture_default_str();
+  command.add_option("--height", camera.height, "Pixels, rounded down to even")
+      ->check(CLI::Range(2U, 8192U))
+      ->capture_default_str();
+  command.add_option("--fps", camera.fps, "Frames per second")
+      ->check(CLI::Range(1U, 240U))
+      ->capture_default_str();
+  command.parse_complete_callback([&camera, even] {
+    even(camera.width);
+    even(camera.height);
+  });
+}
+
 struct EncoderOptions {
   std::string board;
   std::string codec = "h264";
@@ -36,7 +59,8 @@ struct EncoderOptions {
     command.add_option("--board", board,
                        "Simulate a board instead of using the machine's: nvidia, imx, or GStreamer "
                        "element names with commas between them");
-    command.add_option("--codec", codec, "h264 or h265 (hevc)")->capture_default_str();
+    command.add_option("--codec", codec, "h264, h265 (hevc), av1 or mjpeg, as the command can")
+        ->capture_default_str();
     command.add_option("--bitrate", config.bitrateBps, "Video bit rate in bits per second")
         ->check(CLI::Range(std::uint32_t{1000}, std::uint32_t{1000000000}))
         ->capture_default_str();
@@ -99,6 +123,16 @@ void addAudioOptions(CLI::App& command, station::AudioOptions& audio) {
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}));
 }
 
+void addServeOptions(CLI::App& command, station::ServeOptions& serve, std::string& auth) {
+  command.add_option("--port", serve.port, "TCP port; 0 for any free one")->capture_default_str();
+  command.add_option("--bind", serve.address, "Numeric address to serve on")->capture_default_str();
+  command.add_option("--auth", auth,
+                     "USER:FILE, to ask for a password, which is the file's first line");
+  command.add_option("--max-clients", serve.maxClients, "Clients that may watch at once")
+      ->check(CLI::Range(1U, 10000U))
+      ->capture_default_str();
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Example host of media_backend: video from a camera board.");
   app.require_subcommand(1);
@@ -119,7 +153,7 @@ int run(int argc, char** argv) {
   CLI::App* const recordCommand = app.add_subcommand(
       "record", "Record a media file, played as a camera, into MPEG-TS segments");
   encoder.addTo(*recordCommand);
-  recordCommand->add_option("source", record.source, "Media file")->required();
+  addCameraOptions(*recordCommand, record.camera);
   recordCommand->add_option("-o,--output", record.folder, "Folder for the segments")->required();
   recordCommand->add_option("--segment-seconds", record.segmentSeconds, "Longest segment")
       ->check(CLI::Range(1U, 86400U))
@@ -130,17 +164,32 @@ int run(int argc, char** argv) {
                    "Seconds to record; until Ctrl-C if not given")
       ->check(CLI::Range(0.001, 1e9));
   recordCommand->add_flag_callback(
-      "--no-loop", [&record] { record.loop = false; }, "End with the file, do not repeat it");
-  recordCommand->add_option("--width", record.width)
-      ->check(CLI::Range(2U, 8192U))
-      ->capture_default_str();
-  recordCommand->add_option("--height", record.height)
-      ->check(CLI::Range(2U, 8192U))
-      ->capture_default_str();
-  recordCommand->add_option("--fps", record.fps, "Frames per second")
-      ->check(CLI::Range(1U, 240U))
-      ->capture_default_str();
+      "--no-loop", [&record] { record.camera.loop = false; },
+      "End with the file, do not repeat it");
   addAudioOptions(*recordCommand, record.audio);
+
+  station::ServeOptions rtsp;
+  rtsp.port = 8554;
+  station::ServeOptions http;
+  http.port = 8080;
+  std::string auth;
+  CLI::App* const serveCommand =
+      app.add_subcommand("serve", "Show a media file, played as a camera, live on the network");
+  serveCommand->require_subcommand(1);
+  CLI::App* const rtspCommand = serveCommand->add_subcommand("rtsp", "Serve RTSP");
+  CLI::App* const httpCommand =
+      serveCommand->add_subcommand("http", "Serve a page, streams and snapshots over HTTP");
+  const auto addOptions = [&encoder, &auth](CLI::App& command, station::ServeOptions& serve) {
+    encoder.addTo(command);
+    addCameraOptions(command, serve.camera);
+    addServeOptions(command, serve, auth);
+  };
+  addOptions(*rtspCommand, rtsp);
+  addOptions(*httpCommand, http);
+  rtspCommand->add_option("--path", rtsp.path, "Path of the stream")->capture_default_str();
+  rtspCommand->add_option("--mtu", rtsp.mtu, "Most bytes of an RTP packet")
+      ->check(CLI::Range(64U, 65535U))
+      ->capture_default_str();
 
   try {
     app.parse(argc, argv);
@@ -154,6 +203,14 @@ int run(int argc, char** argv) {
   if (*inspectCommand) {
     inspect.encoder = encoder.config;
     station::inspect(backend, inspect);
+  } else if (*serveCommand) {
+    station::ServeOptions& serve = *rtspCommand ? rtsp : http;
+    serve.encoder = encoder.config;
+    if (!auth.empty()) {
+      serve.credentials = station::Credentials::fromOption(auth);
+    }
+    station::requirePlatform(backend);
+    (*rtspCommand ? station::serveRtsp : station::serveHttp)(backend, serve);
   } else {
     record.encoder = encoder.config;
     requireRecordable(station::requirePlatform(backend), record.encoder);

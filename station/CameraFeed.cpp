@@ -1,0 +1,30 @@
+#include "CameraFeed.h"
+
+#include "Pipeline.h"
+
+namespace station {
+
+CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+                       GstElement* bin)
+    : backend_(backend),
+      source_([&] {
+        GstPtr<GstElement> source = findElement(bin, "camera");
+        const CameraOptions& options = camera.options();
+        backend.setInputCaps(GST_APP_SRC(source.get()), static_cast<int>(options.width),
+                             static_cast<int>(options.height), static_cast<int>(options.fps),
+                             /*squarePixels=*/true, nullptr);
+        return source;
+      }()),
+      duration_(GST_SECOND / camera.options().fps),
+      subscription_(camera, [this](const auto& frame) { push(frame); }) {}
+
+void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {
+  GstBuffer* const buffer = backend_.wrapFrame(frame->handle(), frame);
+  if (buffer == nullptr) {
+    throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
+  }
+  GST_BUFFER_DURATION(buffer) = duration_;
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
+}
+
+}  // namespace station

@@ -1,0 +1,148 @@
+#include "RtspServer.h"
+
+#include <utility>
+
+#include "RtspAuth.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+
+// Longer than a session lives without its client's keep-alive, which the server library sees to.
+constexpr std::chrono::seconds kIdle{90};
+constexpr guint kSetupSeconds = 15;            // that a client has to set up its session
+constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
+// Below the ports that the kernel gives out by itself.
+constexpr guint16 kFirstUdpPort = 16384;
+constexpr guint16 kLastUdpPort = 32767;
+
+// The station's source element, then the three chains.
+std::string describe(const GstVideoBackend& backend, const ServeOptions& options) {
+  const std::string encoder = backend.transportEncoderChain(options.encoder, "-1");
+  if (encoder.empty()) {
+    throw StationError(ExitCode::CodecNotUsable,
+                       std::string("codec not usable for RTSP on ") + backend.name() + ": " +
+                           GstVideoBackend::codecName(options.encoder.codec));
+  }
+  return std::string("( ") + CameraFeed::kElement + backend.inputConversionChain(nullptr) +
+         encoder + backend.rtspPayloaderChain(options.encoder.codec, options.mtu) + ")";
+}
+
+// Closes a client that has still no session.
+gboolean checkClient(gpointer reference) {
+  g_autoptr(GstRTSPClient) client =
+      GST_RTSP_CLIENT(g_weak_ref_get(static_cast<GWeakRef*>(reference)));
+  if (client == nullptr) {
+    return G_SOURCE_REMOVE;
+  }
+  GList* const sessions = gst_rtsp_client_session_filter(client, nullptr, nullptr);
+  if (sessions == nullptr) {
+    gst_rtsp_client_close(client);
+  }
+  g_list_free_full(sessions, g_object_unref);
+  return G_SOURCE_REMOVE;
+}
+
+void dropReference(gpointer reference) {
+  g_weak_ref_clear(static_cast<GWeakRef*>(reference));
+  delete static_cast<GWeakRef*>(reference);
+}
+
+void dropFeed(gpointer feed) {
+  delete static_cast<CameraFeed*>(feed);
+}
+
+// The pipeline stops: no more frames for it.
+void onUnprepared(GstRTSPMedia* media, gpointer /*unused*/) {
+  g_object_set_data(G_OBJECT(media), "camera-feed", nullptr);
+}
+
+GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*client*/,
+                                 gpointer /*unused*/) {
+  return GST_RTSP_FILTER_REMOVE;
+}
+
+}  // namespace
+
+RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
+                       const ServeOptions& options)
+    : backend_(backend),
+      camera_(camera),
+      options_(options),
+      description_(describe(backend, options)),
+      server_(gst_rtsp_server_new()),
+      listener_(options.address, options.port, {options.maxClients, kIdle},
+                [this](GSocketConnection* connection) { accept(connection); }) {
+  gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
+  gst_rtsp_session_pool_set_max_sessions(sessions.get(), options.maxClients);
+  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(onClient), this);
+  addCamera();
+}
+
+RtspServer::~RtspServer() {
+  gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr);
+}
+
+void RtspServer::addCamera() {
+  GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
+  gst_rtsp_media_factory_set_launch(factory, description_.c_str());
+  gst_rtsp_media_factory_set_shared(factory, TRUE);
+  gst_rtsp_media_factory_set_protocols(
+      factory, static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
+  g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), this);
+  restrictPorts(factory);
+  if (options_.credentials) {
+    requirePassword(server_.get(), factory, *options_.credentials);
+  }
+  const GstPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
+  gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it
+}
+
+// RTP over UDP leaves from the address that was asked for, too.
+void RtspServer::restrictPorts(GstRTSPMediaFactory* factory) const {
+  g_autoptr(GInetAddress) address = g_inet_address_new_from_string(options_.address.c_str());
+  if (g_inet_address_get_is_any(address)) {
+    return;
+  }
+  g_autoptr(GstRTSPAddressPool) pool = gst_rtsp_address_pool_new();
+  gst_rtsp_address_pool_add_range(pool, options_.address.c_str(), options_.address.c_str(),
+                                  kFirstUdpPort, kLastUdpPort, /*ttl=*/0);
+  gst_rtsp_media_factory_set_address_pool(factory, pool);
+}
+
+void RtspServer::accept(GSocketConnection* connection) {
+  g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
+  if (remote == nullptr) {
+    return;
+  }
+  g_autofree gchar* address =
+      g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(remote)));
+  auto* const socket = G_SOCKET(g_object_ref(g_socket_connection_get_socket(connection)));
+  gst_rtsp_server_transfer_connection(server_.get(), socket, address,
+                                      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)),
+                                      nullptr);
+}
+
+void RtspServer::onClient(GstRTSPServer* /*server*/, GstRTSPClient* client, gpointer /*self*/) {
+  auto* const reference = new GWeakRef;
+  g_weak_ref_init(reference, client);
+  g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient, reference,
+                             dropReference);
+}
+
+void RtspServer::onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer self) {
+  auto* const server = static_cast<RtspServer*>(self);
+  const GstPtr<GstElement> bin(gst_rtsp_media_get_element(media));
+  g_object_set_data_full(G_OBJECT(media), "camera-feed",
+                         new CameraFeed(server->backend_, server->camera_, bin.get()), dropFeed);
+  g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
+}
+
+void RtspServer::tick() {
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
+  gst_rtsp_session_pool_cleanup(sessions.get());
+}
+
+}  // namespace station

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <gst/rtsp-server/rtsp-server.h>
+#include <media_backend/GstVideoBackend.h>
+
+#include "CameraFeed.h"
+#include "Listener.h"
+#include "LiveCamera.h"
+#include "Serve.h"
+
+namespace station {
+
+// A camera over RTSP: one pipeline for all who watch, which is there only while somebody does.
+//
+// Threads: made, used and ended on that of the default main context.
+class RtspServer {
+ public:
+  // Listens from now on; throws StationError (CodecNotUsable, and as Listener does).
+  RtspServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             const ServeOptions& options);
+  ~RtspServer();
+  RtspServer(const RtspServer&) = delete;
+  RtspServer& operator=(const RtspServer&) = delete;
+
+  const Listener& listener() const { return listener_; }
+
+  // To be called a few times a second: ends sessions that are not kept alive.
+  void tick();
+
+ private:
+  void addCamera();
+  void restrictPorts(GstRTSPMediaFactory* factory) const;
+  void accept(GSocketConnection* connection);
+
+  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer self);
+  static void onMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media, gpointer self);
+
+  const media_backend::GstVideoBackend& backend_;
+  LiveCamera& camera_;
+  const ServeOptions options_;
+  const std::string description_;
+  const GstPtr<GstRTSPServer> server_;
+  Listener listener_;
+};
+
+}  // namespace station

@@ -1,0 +1,71 @@
+"use strict";
+
+const find = (id) => document.getElementById(id);
+const frameRate = (value) => `${value.toFixed(1)} fps`;
+const bitRate = (value) =>
+  value >= 1e6 ? `${(value / 1e6).toFixed(2)} Mbit/s` : `${Math.round(value / 1e3)} kbit/s`;
+
+let watching = false;
+
+function watch(status) {
+  const jpeg = status.streams.find((stream) => stream.codec === "mjpeg");
+  if (watching || !jpeg) {
+    if (!jpeg) find("caption").textContent = "This board has no JPEG encoder for a live picture here.";
+    return;
+  }
+  watching = true;
+  const picture = find("picture");
+  picture.width = status.width;
+  picture.height = status.height;
+  picture.onerror = () => { watching = false; };
+  picture.src = `${jpeg.path}?${Date.now()}`;
+  find("caption").textContent = `Live, ${status.width} × ${status.height}`;
+}
+
+function row(stream) {
+  const cells = [null, stream.running ? "running" : "asleep",
+    stream.running ? frameRate(stream.frame_rate) : "–",
+    stream.running ? bitRate(stream.bit_rate) : "–", stream.viewers];
+  const line = document.createElement("tr");
+  for (const text of cells) line.insertCell().textContent = text ?? "";
+  const link = document.createElement("a");
+  link.href = stream.path;
+  link.textContent = stream.path.slice(1);
+  line.cells[0].append(link);
+  return line;
+}
+
+function show(status) {
+  const main = status.streams[0];
+  const shown = main.running ? main : status.streams.find((stream) => stream.running) ?? main;
+  find("source").textContent = status.source.split("/").pop();
+  find("profile").textContent = status.profile;
+  find("codec").textContent = shown.codec;
+  find("frame-rate").textContent = frameRate(shown.frame_rate);
+  find("bit-rate").textContent = bitRate(shown.bit_rate);
+  find("viewers").textContent =
+    `${status.streams.reduce((sum, stream) => sum + stream.viewers, 0)} of ${status.max_clients}`;
+  find("streams").replaceChildren(...status.streams.map(row));
+}
+
+function setState(name, text) {
+  find("state").className = name;
+  find("state").textContent = text;
+}
+
+async function poll() {
+  try {
+    const response = await fetch("/status.json");
+    if (!response.ok) throw new Error(response.statusText);
+    const status = await response.json();
+    show(status);
+    watch(status);
+    setState("live", "live");
+  } catch (error) {
+    watching = false;
+    setState("lost", "connection lost");
+  }
+  setTimeout(poll, 1000);
+}
+
+poll();
