@@ -17,11 +17,36 @@ Program::Program(const std::vector<std::string>& arguments) {
     ADD_FAILURE() << arguments.front() << ": " << error->message;
     std::abort();
   }
+  out_ = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
+  err_ = g_data_input_stream_new(g_subprocess_get_stderr_pipe(process_));
+  for (GDataInputStream* const stream : {out_, err_}) {
+    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(stream), FALSE);
+  }
 }
 
 Program::~Program() {
+  g_object_unref(out_);
+  g_object_unref(err_);
   g_subprocess_force_exit(process_);
   g_object_unref(process_);
+}
+
+std::string Program::readLine() {
+  g_autofree gchar* line = g_data_input_stream_read_line(out_, nullptr, nullptr, nullptr);
+  return line != nullptr ? line : "";
+}
+
+void Program::awaitErrorLine(const std::string& line) {
+  while (true) {
+    g_autofree gchar* next = g_data_input_stream_read_line(err_, nullptr, nullptr, nullptr);
+    if (next == nullptr) {
+      ADD_FAILURE() << "the program ended without the line: " << line;
+      return;
+    }
+    if (line == next) {
+      return;
+    }
+  }
 }
 
 void Program::signal(int number) {

@@ -20,11 +20,20 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
+  // What identifies it in /proc.
+  std::string pid() const { return g_subprocess_get_identifier(process_); }
+  // Next line of its standard output, without the end of line; empty at its end.
+  std::string readLine();
+  // Reads standard error up to this line, or fails the test at its end.
+  void awaitErrorLine(const std::string& line);
   void signal(int number);
+  // The rest of its output.
   Result wait();
 
  private:
   GSubprocess* process_;
+  GDataInputStream* out_;
+  GDataInputStream* err_;
 };
 
 Result run(const std::vector<std::string>& arguments);

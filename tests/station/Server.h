@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "Program.h"
+#include "support/TempFolder.h"
+
+// `media-station serve` on a simulated board and a port of its own, showing a moving clip of
+// 320 x 180 at 30 frames per second: small, so that encoders keep up on a busy machine.
+class Server {
+ public:
+  // `kind`: "rtsp" or "http". Fails the test if the server does not start.
+  Server(const std::string& kind, const std::vector<std::string>& more);
+
+  // "rtsp://127.0.0.1:1234/camera"; HTTP without the last slash.
+  const std::string& url() const { return url_; }
+  int port() const { return port_; }
+
+  // Waits for a line of this text on standard error, after those already read.
+  void awaitLine(const std::string& line) { program_.awaitErrorLine(line); }
+
+  // Entries of /proc/PID/`folder`.
+  std::ptrdiff_t entries(const std::string& folder) const;
+  // Resident memory in bytes.
+  long memory() const;
+
+  // Ctrl-C; the exit code has to be 0.
+  void stop();
+
+ private:
+  TempFolder folder_;
+  Program program_;
+  std::string url_;
+  int port_ = 0;
+};
+
+// Makes the clip that servers show.
+std::string makeClip(const TempFolder& folder);
