@@ -6,7 +6,7 @@
 namespace station {
 namespace {
 
-constexpr gint64 kSnapshotTimeout = 5 * G_USEC_PER_SEC;
+constexpr gint64 kSnapshotTimeout = 5000000;  // microseconds
 
 struct BytesUnref {
   void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }

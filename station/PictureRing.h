@@ -17,8 +17,8 @@ namespace station {
 class PictureRing {
  public:
   static constexpr std::size_t kMaxPictures = 120;
-  static constexpr std::size_t kMaxBytes = 16 * 1024 * 1024;
-  static constexpr std::size_t kMaxPictureBytes = 8 * 1024 * 1024;
+  static constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
+  static constexpr std::size_t kMaxPictureBytes = std::size_t{8} << 20;
 
   // How far a reader has come; starts with nothing read.
   struct Cursor {
