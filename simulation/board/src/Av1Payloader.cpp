@@ -29,8 +29,8 @@ constexpr unsigned kNewSequence = 0x08;
 struct Av1Payloader {
   GstRTPBasePayload parent;
   guint clockRate;
-  bool described;              // the caps have gone out
-  Av1SequenceHeader sequence;  // that they told
+  bool described;              // the caps say what is in a sequence header,
+  Av1SequenceHeader sequence;  // this one
 };
 
 // A unit or a part of one, in a packet.
@@ -228,19 +228,15 @@ bool setOutputCaps(GstRTPBasePayload* payload, const Av1SequenceHeader& sequence
                                           G_TYPE_STRING, level.c_str(), nullptr) != FALSE;
 }
 
-// Has the caps say what the sequence header does, or nothing before there was one.
-bool describe(Av1Payloader* self, const std::optional<Av1SequenceHeader>& found) {
-  if (!found) {
-    self->described =
-        self->described || gst_rtp_base_payload_set_outcaps(&self->parent, nullptr) != FALSE;
-    return self->described;
+// Has the caps say what the sequence header does.
+bool describe(Av1Payloader* self, const Av1SequenceHeader& found) {
+  const Av1SequenceHeader& told = self->sequence;
+  if (self->described && found.profile == told.profile && found.tier == told.tier &&
+      found.level == told.level) {
+    return true;
   }
-  const Av1SequenceHeader& sent = self->sequence;
-  if (!self->described || found->profile != sent.profile || found->tier != sent.tier ||
-      found->level != sent.level) {
-    self->described = setOutputCaps(&self->parent, *found);
-    self->sequence = *found;
-  }
+  self->sequence = found;
+  self->described = setOutputCaps(&self->parent, found);
   return self->described;
 }
 
@@ -282,7 +278,7 @@ GstFlowReturn handleBuffer(GstRTPBasePayload* payload, GstBuffer* buffer) {
                         ("%s", error.c_str()));
     return GST_FLOW_OK;
   }
-  if (!describe(reinterpret_cast<Av1Payloader*>(payload), sequence)) {
+  if (sequence && !describe(reinterpret_cast<Av1Payloader*>(payload), *sequence)) {
     return GST_FLOW_NOT_NEGOTIATED;
   }
   const std::size_t capacity = payloadCapacity(payload, buffer);
@@ -292,12 +288,11 @@ GstFlowReturn handleBuffer(GstRTPBasePayload* payload, GstBuffer* buffer) {
   return units.empty() ? GST_FLOW_OK : sendUnits(payload, input, units, capacity);
 }
 
-// The caps go out with the first sequence header.
 gboolean setCaps(GstRTPBasePayload* payload, GstCaps*) {
   auto* const self = reinterpret_cast<Av1Payloader*>(payload);
   self->described = false;
   gst_rtp_base_payload_set_options(payload, "video", TRUE, "AV1", self->clockRate);
-  return TRUE;
+  return gst_rtp_base_payload_set_outcaps(payload, nullptr);
 }
 
 void setProperty(GObject* object, guint, const GValue* value, GParamSpec*) {
