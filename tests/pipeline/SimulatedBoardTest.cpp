@@ -6,8 +6,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 #include <simulated_board/Surface.h>
@@ -16,6 +14,7 @@
 
 #include "GstPtr.h"
 #include "support/MovingPicture.h"
+#include "support/Pipeline.h"
 #include "support/Profiles.h"
 
 namespace {
@@ -27,42 +26,7 @@ using testing::HasSubstr;
 constexpr unsigned kWidth = 320;
 constexpr unsigned kHeight = 180;
 const std::string kFormat = ",format=NV12,framerate=30/1,width=320,height=180";
-constexpr GstClockTime kPatience = 30 * GST_SECOND;
 const std::string kToBoardMemory = " ! nvvidconv ! video/x-raw(memory:NVMM),format=NV12 ! ";
-
-// A pipeline with an appsink "out" and perhaps an appsrc "in".
-class Pipeline {
- public:
-  explicit Pipeline(const std::string& description) {
-    g_autoptr(GError) error = nullptr;
-    pipeline_.reset(
-        gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
-    EXPECT_NE(pipeline_, nullptr) << error->message;
-    out_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "out"));
-    in_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "in"));
-    gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
-  }
-  ~Pipeline() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
-
-  // Null at the end of the stream and on an error.
-  GstSample* pull() { return gst_app_sink_try_pull_sample(GST_APP_SINK(out_.get()), kPatience); }
-  void push(GstBuffer* buffer) { gst_app_src_push_buffer(GST_APP_SRC(in_.get()), buffer); }
-  void finish() { gst_app_src_end_of_stream(GST_APP_SRC(in_.get())); }
-
-  // The first error on the bus, which the caller frees; waits for it.
-  GError* error() {
-    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_.get());
-    g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(bus, kPatience, GST_MESSAGE_ERROR);
-    GError* error = nullptr;
-    if (message != nullptr) {
-      gst_message_parse_error(message, &error, nullptr);
-    }
-    return error;
-  }
-
- private:
-  media_backend::GstPtr<GstElement> pipeline_, out_, in_;
-};
 
 struct Unit {
   bool key;

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <vector>
 
+#include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gtest/gtest.h>
 #include <lumora/FrameExport.h>
@@ -14,6 +15,7 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "GstPtr.h"
+#include "support/Av1Depacketizer.h"
 #include "support/Command.h"
 #include "support/MovingPicture.h"
 #include "support/Profiles.h"
@@ -42,20 +44,22 @@ class Chain {
     if (pipeline_ == nullptr) {
       throw std::runtime_error("cannot parse " + description);
     }
-    source_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), source));
-    g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(pipeline_.get()), encoder);
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "src");
+    source_ = element(source);
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(element(encoder).get(), "src");
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, countBuffer, &encoded_, nullptr);
   }
   ~Chain() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
   Chain(const Chain&) = delete;
   Chain& operator=(const Chain&) = delete;
 
+  media_backend::GstPtr<GstElement> element(const char* name) const {
+    return media_backend::GstPtr<GstElement>(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
+  }
+
   GstAppSrc* source() const { return GST_APP_SRC(source_.get()); }
 
-  void setLocation(const char* element, const std::string& path) {
-    g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline_.get()), element);
-    g_object_set(sink, "location", path.c_str(), nullptr);
+  void setLocation(const char* sink, const std::string& path) {
+    g_object_set(element(sink).get(), "location", path.c_str(), nullptr);
   }
 
   void play() { gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING); }
@@ -197,6 +201,61 @@ INSTANTIATE_TEST_SUITE_P(Boards, WholeChain,
                                          Case{"NvidiaAv1", nvidiaProfile, Codec::Av1},
                                          Case{"ImxH264", imxProfile, Codec::H264},
                                          Case{"ImxH265", imxProfile, Codec::H265}),
+                         [](const auto& row) { return row.param.name; });
+
+class Av1OverRtp : public WholeChain {
+ protected:
+  static std::string content(GstBuffer* buffer) {
+    std::string bytes(gst_buffer_get_size(buffer), '\0');
+    gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
+    return bytes;
+  }
+
+  static GstPadProbeReturn keepBuffer(GstPad*, GstPadProbeInfo* info, gpointer kept) {
+    static_cast<std::vector<std::string>*>(kept)->push_back(
+        content(GST_PAD_PROBE_INFO_BUFFER(info)));
+    return GST_PAD_PROBE_OK;
+  }
+};
+
+TEST_P(Av1OverRtp, PacketsCarryTheEncodersStream) {
+  for (const unsigned mtu : {200U, 1400U, 65000U}) {
+    SCOPED_TRACE(mtu);
+    std::vector<std::string> encoded;
+    Chain chain(kSource + backend_.inputConversionChain("bt709") +
+                    backend_.transportEncoderChain(config(), nullptr) +
+                    backend_.rtspPayloaderChain(GetParam().codec, mtu) +
+                    "! appsink name=out sync=false wait-on-eos=false",
+                "src", "encoder");
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(chain.element("pay0").get(), "sink");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, keepBuffer, &encoded, nullptr);
+    ASSERT_NO_FATAL_FAILURE(run(chain));
+
+    Av1Depacketizer depacketizer;
+    const auto out = chain.element("out");
+    while (GstSample* const sample = gst_app_sink_pull_sample(GST_APP_SINK(out.get()))) {
+      const std::string packet = content(gst_sample_get_buffer(sample));
+      gst_sample_unref(sample);
+      EXPECT_LE(packet.size(), mtu);
+      depacketizer.take(packet);
+    }
+    const auto& units = depacketizer.units();
+    ASSERT_EQ(units.size(), std::size_t{kFrames});
+    EXPECT_TRUE(depacketizer.isComplete());
+    std::ofstream stream(folder_ / "stream", std::ios::binary);
+    for (std::uint32_t i = 0; i < kFrames; ++i) {
+      EXPECT_TRUE(units[i].obus == obusOverRtp(encoded.at(i))) << "temporal unit " << i;
+      EXPECT_EQ(units[i].startsSequence, i % 15 == 0) << "temporal unit " << i;
+      EXPECT_NEAR(units[i].timestamp - units[0].timestamp, i * 3000, 1) << "temporal unit " << i;
+      stream << lowOverhead(units[i].obus);
+    }
+    stream.close();
+    expectPictures({folder_ / "stream"}, "obu");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Boards, Av1OverRtp,
+                         testing::Values(Case{"Nvidia", nvidiaProfile, Codec::Av1}),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

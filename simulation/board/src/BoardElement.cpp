@@ -157,13 +157,6 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec*) {
   GST_OBJECT_UNLOCK(object);
 }
 
-void addTemplate(GstElementClass* element, const char* name, GstPadDirection direction,
-                 const char* capsText) {
-  g_autoptr(GstCaps) caps = gst_caps_from_string(capsText);
-  gst_element_class_add_pad_template(element,
-                                     gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
-}
-
 void initClass(gpointer klass, gpointer data) {
   const auto* const model = static_cast<const Model*>(data);
   parentClass = static_cast<GstBinClass*>(g_type_class_peek_parent(klass));
@@ -180,8 +173,8 @@ void initClass(gpointer klass, gpointer data) {
   }
   auto* const element = static_cast<GstElementClass*>(klass);
   element->change_state = changeState;
-  addTemplate(element, "sink", GST_PAD_SINK, model->sinkCaps);
-  addTemplate(element, "src", GST_PAD_SRC, model->srcCaps);
+  addPadTemplate(element, "sink", GST_PAD_SINK, model->sinkCaps);
+  addPadTemplate(element, "src", GST_PAD_SRC, model->srcCaps);
   gst_element_class_set_metadata(element, model->title, model->klass,
                                  "Does in software what the hardware element does on its board",
                                  "-");

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gst/gst.h>
@@ -31,8 +30,5 @@ struct Model {
 };
 
 const std::vector<Model>& models();
-
-// Null if there is none of that name.
-const Model* findModel(std::string_view name);
 
 }  // namespace simulated_board

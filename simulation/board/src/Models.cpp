@@ -361,10 +361,4 @@ const std::vector<Model>& models() {
   return table;
 }
 
-const Model* findModel(std::string_view name) {
-  const auto found = std::find_if(models().begin(), models().end(),
-                                  [name](const Model& model) { return model.name == name; });
-  return found != models().end() ? &*found : nullptr;
-}
-
 }  // namespace simulated_board

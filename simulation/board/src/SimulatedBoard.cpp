@@ -1,32 +1,43 @@
 #include <simulated_board/SimulatedBoard.h>
 
+#include <algorithm>
 #include <sstream>
 #include <vector>
 
+#include "Av1Payloader.h"
 #include "BoardElement.h"
 #include "Model.h"
 
 namespace simulated_board {
 namespace {
 
-using Selection = std::vector<const Model*>;
+// What can be registered.
+struct Element {
+  const char* name;
+  Model::Board board;
+  const Model* model;  // null for the AV1 payloader, which is no hardware
+};
 
-void selectBoard(Model::Board board, Selection& selected) {
+using Selection = std::vector<Element>;
+
+Selection allElements() {
+  Selection all;
   for (const Model& model : models()) {
-    if (model.board == board) {
-      selected.push_back(&model);
-    }
+    all.push_back({model.name, model.board, &model});
   }
+  all.push_back({"rtpav1pay", Model::Board::Nvidia, nullptr});
+  return all;
 }
 
 bool select(const std::string& name, Selection& selected, std::string& error) {
-  if (name == "nvidia") {
-    selectBoard(Model::Board::Nvidia, selected);
-  } else if (name == "imx") {
-    selectBoard(Model::Board::Imx, selected);
-  } else if (const Model* const model = findModel(name)) {
-    selected.push_back(model);
-  } else {
+  const std::size_t before = selected.size();
+  for (const Element& element : allElements()) {
+    const char* const board = element.board == Model::Board::Nvidia ? "nvidia" : "imx";
+    if (name == element.name || name == board) {
+      selected.push_back(element);
+    }
+  }
+  if (selected.size() == before) {
     error = "\"" + name + "\" is neither nvidia, imx nor an element of theirs";
     return false;
   }
@@ -57,15 +68,21 @@ bool registerElements(GstPlugin* plugin, const std::string& selection, std::stri
     error = "no element is named";
     return false;
   }
-  for (const Model* const model : selected) {
-    if (isTaken(model->name, plugin)) {
-      error = std::string(model->name) + " is there already, from another plugin";
+  const auto isOffered = [plugin](const Element& element) {
+    return element.model == nullptr && isTaken(element.name, plugin);
+  };
+  selected.erase(std::remove_if(selected.begin(), selected.end(), isOffered), selected.end());
+  for (const Element& element : selected) {
+    if (isTaken(element.name, plugin)) {
+      error = std::string(element.name) + " is there already, from another plugin";
       return false;
     }
   }
-  for (const Model* const model : selected) {
-    if (!gst_element_register(plugin, model->name, GST_RANK_NONE, boardElementType(*model))) {
-      error = std::string("GStreamer does not take ") + model->name;
+  for (const Element& element : selected) {
+    const GType type =
+        element.model != nullptr ? boardElementType(*element.model) : av1PayloaderType();
+    if (!gst_element_register(plugin, element.name, GST_RANK_NONE, type)) {
+      error = std::string("GStreamer does not take ") + element.name;
       return false;
     }
   }

@@ -12,6 +12,7 @@ namespace simulated_board {
 namespace {
 
 constexpr const char* kBoardMemory = "memory:NVMM";
+constexpr const char* kCaps = "video/x-raw;video/x-raw(memory:NVMM),format=NV12";
 
 struct SurfaceBridge {
   GstBaseTransform parent;
@@ -149,18 +150,11 @@ GstFlowReturn transformBuffer(GstBaseTransform* transform, GstBuffer* input, Gst
   return GST_FLOW_OK;
 }
 
-void addTemplate(GstElementClass* element, const char* name, GstPadDirection direction) {
-  g_autoptr(GstCaps) caps =
-      gst_caps_from_string("video/x-raw;video/x-raw(memory:NVMM),format=NV12");
-  gst_element_class_add_pad_template(element,
-                                     gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
-}
-
 void initClass(gpointer klass, gpointer) {
   parentClass = static_cast<GstBaseTransformClass*>(g_type_class_peek_parent(klass));
   auto* const element = static_cast<GstElementClass*>(klass);
-  addTemplate(element, "sink", GST_PAD_SINK);
-  addTemplate(element, "src", GST_PAD_SRC);
+  addPadTemplate(element, "sink", GST_PAD_SINK, kCaps);
+  addPadTemplate(element, "src", GST_PAD_SRC, kCaps);
   gst_element_class_set_static_metadata(element, "Simulated board memory bridge", "Filter/Video",
                                         "Goes between board memory and system memory", "-");
   auto* const transform = static_cast<GstBaseTransformClass*>(klass);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <glib-object.h>
+#include <gst/gst.h>
 
 namespace simulated_board {
 
@@ -10,6 +10,13 @@ inline GType typeOnce(GType parent, const char* name, const GTypeInfo& info,
                       GTypeFlags flags = static_cast<GTypeFlags>(0)) {
   const GType known = g_type_from_name(name);
   return known != 0 ? known : g_type_register_static(parent, name, &info, flags);
+}
+
+inline void addPadTemplate(GstElementClass* element, const char* name, GstPadDirection direction,
+                           const char* capsText) {
+  g_autoptr(GstCaps) caps = gst_caps_from_string(capsText);
+  gst_element_class_add_pad_template(element,
+                                     gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
 }
 
 }  // namespace simulated_board

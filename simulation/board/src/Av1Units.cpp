@@ -1,0 +1,173 @@
+#include "Av1Units.h"
+
+namespace simulated_board {
+namespace {
+
+constexpr unsigned kForbiddenBit = 0x80;
+constexpr unsigned kExtensionBit = 0x04;
+constexpr unsigned kSizeBit = 0x02;
+
+unsigned byteAt(std::string_view bytes, std::size_t index) {
+  return static_cast<unsigned char>(bytes[index]);
+}
+
+// Reads a leb128 number at `position` and goes behind it. False if there is none, or one beyond the
+// 32 bits that AV1 allows.
+bool readLeb128(std::string_view stream, std::size_t& position, std::size_t& value) {
+  std::uint64_t number = 0;
+  for (unsigned i = 0; i < 8 && position < stream.size(); ++i) {
+    const unsigned byte = byteAt(stream, position++);
+    number |= std::uint64_t{byte & 0x7f} << 7 * i;
+    if ((byte & 0x80) == 0) {
+      value = static_cast<std::size_t>(number);
+      return number <= UINT32_MAX;
+    }
+  }
+  return false;
+}
+
+// Reads the unit at `position` and goes behind it.
+const char* readUnit(std::string_view stream, std::size_t& position, Av1Unit& unit) {
+  const unsigned header = byteAt(stream, position++);
+  if ((header & kForbiddenBit) != 0) {
+    return "its forbidden bit is set";
+  }
+  unit.type = header >> 3 & 0xf;
+  unit.header[0] = static_cast<std::uint8_t>(header & ~kSizeBit);
+  if ((header & kExtensionBit) != 0) {
+    if (position == stream.size()) {
+      return "its extension header is missing";
+    }
+    unit.header[unit.headerSize++] = static_cast<std::uint8_t>(byteAt(stream, position++));
+  }
+  unit.payloadSize = stream.size() - position;
+  if ((header & kSizeBit) != 0 && !readLeb128(stream, position, unit.payloadSize)) {
+    return "its size field is malformed";
+  }
+  if (unit.payloadSize > stream.size() - position) {
+    return "it is longer than the temporal unit";
+  }
+  unit.payloadBegin = position;
+  position += unit.payloadSize;
+  return nullptr;
+}
+
+std::string_view payloadOf(std::string_view stream, const Av1Unit& unit) {
+  return stream.substr(unit.payloadBegin, unit.payloadSize);
+}
+
+// Reads as AV1 writes: most significant bit first. Beyond the end there are zeros.
+class BitReader {
+ public:
+  explicit BitReader(std::string_view bytes) : bytes_(bytes) {}
+
+  std::uint64_t read(unsigned bits) {
+    std::uint64_t value = 0;
+    for (; bits > 0; --bits, ++position_) {
+      value = value << 1 | (position_ / 8 < bytes_.size()
+                                ? byteAt(bytes_, position_ / 8) >> (7 - position_ % 8) & 1
+                                : 0);
+    }
+    return value;
+  }
+  bool flag() { return read(1) != 0; }
+  void skip(std::size_t bits) { position_ += bits; }
+  void skipExpGolomb() {
+    std::size_t zeros = 0;
+    while (!past() && !flag()) {
+      ++zeros;
+    }
+    skip(zeros);
+  }
+  bool past() const { return position_ > bytes_.size() * 8; }
+
+ private:
+  std::string_view bytes_;
+  std::size_t position_ = 0;
+};
+
+void skipTiming(BitReader& bits) {
+  if (!bits.flag()) {
+    return;
+  }
+  bits.skip(64);  // units in a tick, ticks in a second
+  if (bits.flag()) {
+    bits.skipExpGolomb();  // ticks in a picture
+  }
+  if (bits.flag()) {
+    bits.skip(5 + 32 + 5 + 5);  // decoder model
+  }
+}
+
+}  // namespace
+
+bool splitTemporalUnit(std::string_view stream, std::vector<Av1Unit>& units, std::string& error) {
+  for (std::size_t position = 0; position < stream.size();) {
+    const std::size_t begin = position;
+    Av1Unit unit;
+    const char* const wrong = readUnit(stream, position, unit);
+    if (wrong == nullptr) {
+      units.push_back(unit);
+      continue;
+    }
+    error = "OBU " + std::to_string(units.size()) + ", at byte " + std::to_string(begin) + " of " +
+            std::to_string(stream.size()) + ": " + wrong;
+    return false;
+  }
+  return true;
+}
+
+std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload) {
+  BitReader bits(payload);
+  Av1SequenceHeader header;
+  header.profile = static_cast<unsigned>(bits.read(3));
+  bits.skip(1);  // still picture
+  header.stillPicture = bits.flag();
+  bool levelMatters = true;
+  if (!header.stillPicture) {
+    skipTiming(bits);
+    bits.skip(1);  // initial display delay
+    const bool onePoint = bits.read(5) == 0;
+    levelMatters = bits.read(12) != 0xfff || !onePoint;
+  }
+  // Operating point 0 has all layers, so its level is the highest.
+  const auto level = static_cast<int>(bits.read(5));
+  header.tier = !header.stillPicture && level > 7 && bits.flag() ? 1 : 0;
+  if (levelMatters || level != 0) {
+    header.level = level;
+  }
+  return bits.past() ? std::nullopt : std::make_optional(header);
+}
+
+bool startsCodedVideoSequence(std::string_view stream, const std::vector<Av1Unit>& units) {
+  std::optional<Av1SequenceHeader> sequence;
+  for (const Av1Unit& unit : units) {
+    if (unit.type == Av1Unit::SequenceHeader) {
+      sequence = parseSequenceHeader(payloadOf(stream, unit));
+    } else if (unit.type == Av1Unit::Frame || unit.type == Av1Unit::FrameHeader) {
+      const std::string_view payload = payloadOf(stream, unit);
+      const bool baseLayer = unit.layer() >> 2 == 0;
+      // New, of type key frame, and shown: the first four bits.
+      return sequence && baseLayer && !payload.empty() &&
+             (sequence->stillPicture || byteAt(payload, 0) >> 4 == 1);
+    }
+  }
+  return false;
+}
+
+std::size_t leb128Size(std::size_t value) {
+  std::size_t size = 1;
+  for (; value >= 0x80; value >>= 7) {
+    ++size;
+  }
+  return size;
+}
+
+void appendLeb128(std::size_t value, std::string& bytes) {
+  for (; value >= 0x80; value >>= 7) {
+    bytes.push_back(static_cast<char>((value & 0x7f) | 0x80));
+  }
+  bytes.push_back(static_cast<char>(value));
+}
+
+}  // namespace simulated_board
