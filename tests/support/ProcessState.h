@@ -1,8 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <iterator>
+#include <thread>
+
+#include <malloc.h>
 
 // What this process holds open at the moment.
 
@@ -17,4 +21,18 @@ inline std::ptrdiff_t openDescriptors() {
 
 inline std::ptrdiff_t runningThreads() {
   return entriesOf("/proc/self/task");
+}
+
+// Pool threads end a moment after their last task. False if more than `most` threads stay.
+inline bool threadsSettle(std::ptrdiff_t most) {
+  for (int i = 0; i < 1000 && runningThreads() > most; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return runningThreads() <= most;
+}
+
+// Bytes from malloc() in use, mapped blocks included; a sanitizer's allocator is not seen.
+inline std::size_t allocatedBytes() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
 }

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -18,26 +17,9 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "support/Command.h"
-#include "support/Interpose.h"
+#include "support/InterposedParse.h"
 #include "support/ProcessState.h"
 #include "support/TempFolder.h"
-
-namespace {
-
-std::mutex g_mutex;
-std::string g_description;                 // the last one that was parsed
-const char* g_otherDescription = nullptr;  // parsed in place of every one, empty for none at all
-GstElement* g_pipeline = nullptr;          // the last one, while its source has it
-
-}  // namespace
-
-extern "C" GstElement* gst_parse_launch(const gchar* description, GError** error) {
-  static auto* const real = nextDefinition<decltype(gst_parse_launch)>("gst_parse_launch");
-  const std::lock_guard<std::mutex> lock(g_mutex);
-  g_description = g_otherDescription != nullptr ? g_otherDescription : description;
-  g_pipeline = g_description.empty() ? nullptr : real(g_description.c_str(), error);
-  return g_pipeline;
-}
 
 namespace {
 
@@ -329,11 +311,7 @@ TEST_F(MediaFile, ManySourcesAtOnceLeaveNoThreadAndNoDescriptorBehind) {
   }
   std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
   EXPECT_EQ(openDescriptors(), descriptors);
-  // Pool threads end a moment after their last task.
-  for (int i = 0; i < 1000 && runningThreads() > before; ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
-  EXPECT_LE(runningThreads(), before);
+  EXPECT_TRUE(threadsSettle(before)) << runningThreads() << " threads, not " << before;
 }
 
 }  // namespace

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <lumora/LumoraPicture.h>
+
+#include <media_backend/Export.h>
+
+namespace media_backend {
+
+struct V4l2FrameSourceConfig {
+  std::string device;          // device node, such as /dev/video0
+  std::uint32_t width = 1280;  // pixels of the pictures, rounded down to even, at least 2
+  std::uint32_t height = 720;  // likewise
+  double fps = 30.0;           // frames per second, 0.1 to 240; drops frames, never repeats them
+};
+
+// A V4L2 camera: always its newest frame, scaled to NV12. What the caller does not take in time is
+// dropped.
+//
+// The pipeline starts inside the first capture() and is reused while the configuration stays the
+// same (frame rates closer than 1e-6 count as the same).
+// Threads: one thread at a time per object. Several objects may run at once, each on its device.
+class MEDIA_BACKEND_API V4l2FrameSource {
+ public:
+  V4l2FrameSource();
+  ~V4l2FrameSource();
+  V4l2FrameSource(const V4l2FrameSource&) = delete;
+  V4l2FrameSource& operator=(const V4l2FrameSource&) = delete;
+
+  // The newest frame that no call has returned yet, waiting up to `timeout` for it (negative: not
+  // at all).
+  //
+  // Returns a picture that the caller owns. Empty with an empty `error`: no frame now, nothing is
+  // wrong. Empty with a message in `error`: a failure; the pipeline is gone, unless only one sample
+  // could not be turned into a picture. A camera that fails later than in its start, such as one
+  // that another process uses or that is unplugged, is reported by the first call that gets no
+  // frame. The next call starts anew.
+  std::shared_ptr<lumora::LumoraPicture> capture(const V4l2FrameSourceConfig& config,
+                                                 std::chrono::nanoseconds timeout,
+                                                 std::string& error);
+
+  // Tears the pipeline down and lets the device go.
+  void stop();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace media_backend

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include <gst/gst.h>
+
+// The camera behind a "v4l2src" of this process, which takes the real element's place. It does what
+// a driver will not do on command. One source at a time reads it.
+class StandInCamera {
+ public:
+  // What the source does for its next buffer, on its own thread: GST_FLOW_OK with a buffer made,
+  // GST_FLOW_CUSTOM_SUCCESS to wait for what else it shall do, anything else to end.
+  using Act = std::function<GstFlowReturn(GstElement* source, GstBuffer** buffer)>;
+
+  // The camera of the process, its element registered; GStreamer is initialised by then.
+  static StandInCamera& instance();
+
+  // For the sources that start from now on.
+  void offer(const std::string& caps);
+  // Runs in place of opening the device, false to refuse; null to open it.
+  void onOpen(std::function<bool(GstElement* source)> open);
+
+  // Has the running source do something; returns when everything that came of it has reached the
+  // end of the pipeline.
+  void perform(Act act);
+  // Frame `number`, at its time at 30 frames per second, luma of value `number`.
+  void show(int number);
+
+  int starts() const { return locked(starts_); }
+  std::string device() const { return locked(device_); }
+
+ private:
+  friend struct StandInSource;
+
+  template <typename Value>
+  Value locked(const Value& value) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return value;
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string caps_;
+  std::string device_;
+  std::function<bool(GstElement*)> open_;
+  Act act_;  // set while a source has one to do or to finish
+  bool flushing_ = false;
+  int starts_ = 0;
+};
