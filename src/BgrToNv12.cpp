@@ -1,0 +1,330 @@
+#include "BgrToNv12.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
+// Plain loops over 16-bit lanes that the compiler turns into vector code, inlined once into a
+// function for each instruction set; only taking pixels apart is written by hand for each.
+//
+// Two neighbouring pixels share a word: the left one is its low byte, and lanes are made of all low
+// or of all high bytes. So no value changes its place, and U and V come out interleaved.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the left pixel is a word's low byte");
+
+namespace media_backend {
+namespace {
+
+using Lane = std::int16_t;
+using Word = std::uint16_t;
+
+constexpr unsigned kPixels = 64;  // of a row, taken at a time
+constexpr unsigned kWords = kPixels / 2;
+
+struct Planes {
+  alignas(32) Word b[kWords];
+  alignas(32) Word g[kWords];
+  alignas(32) Word r[kWords];
+};
+
+struct Nv12Block {
+  alignas(32) Word luma[2][kWords];
+  alignas(32) Word chroma[kWords];
+  alignas(32) Word whole[2][kWords];  // bytes of 0xff where luma is a whole number, greys left out
+};
+
+[[gnu::always_inline]] inline std::uint8_t lumaOf(unsigned b, unsigned g, unsigned r) {
+  return static_cast<std::uint8_t>(std::fma(0.114, b, std::fma(0.299, r, 0.587 * g)));
+}
+
+// The greys whose luma falls just short of themselves, a bit each. They are converted as the next
+// darker grey: the chroma of all greys is the same.
+using LowGreys = std::array<std::uint8_t, 32>;
+
+LowGreys findLowGreys() {
+  LowGreys bits = {};
+  for (unsigned grey = 0; grey < 256; ++grey) {
+    const unsigned low = lumaOf(grey, grey, grey) < grey ? 1 : 0;
+    bits[grey / 8] = static_cast<std::uint8_t>(bits[grey / 8] | low << (grey % 8));
+  }
+  return bits;
+}
+
+using SplitFunction = void (*)(const std::uint8_t* bgr, const LowGreys& low, Planes& planes);
+
+inline void splitPortable(const std::uint8_t* bgr, const LowGreys& low, Planes& planes) {
+  auto* const b = reinterpret_cast<std::uint8_t*>(planes.b);
+  auto* const g = reinterpret_cast<std::uint8_t*>(planes.g);
+  auto* const r = reinterpret_cast<std::uint8_t*>(planes.r);
+  for (unsigned i = 0; i < kPixels; ++i, bgr += 3) {
+    const bool grey = bgr[0] == bgr[1] && bgr[1] == bgr[2];
+    const int less = grey ? low[bgr[1] / 8] >> (bgr[1] % 8) & 1 : 0;
+    b[i] = static_cast<std::uint8_t>(bgr[0] - less);
+    g[i] = static_cast<std::uint8_t>(bgr[1] - less);
+    r[i] = static_cast<std::uint8_t>(bgr[2] - less);
+  }
+}
+
+#if defined(__x86_64__)
+
+[[gnu::target("avx2,fma")]] inline void splitAvx2(const std::uint8_t* bgr, const LowGreys& low,
+                                                  Planes& planes) {
+  const __m256i third0 = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(-1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1));
+  const __m256i third1 = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0));
+  const __m256i third2 = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0));
+  const __m256i orderB = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(0, 3, 6, 9, 12, 15, 2, 5, 8, 11, 14, 1, 4, 7, 10, 13));
+  const __m256i orderG = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(1, 4, 7, 10, 13, 0, 3, 6, 9, 12, 15, 2, 5, 8, 11, 14));
+  const __m256i orderR = _mm256_broadcastsi128_si256(
+      _mm_setr_epi8(2, 5, 8, 11, 14, 1, 4, 7, 10, 13, 0, 3, 6, 9, 12, 15));
+  const __m256i bitOf = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ULL));
+  const auto* const bits = reinterpret_cast<const __m128i*>(low.data());
+  const __m256i lowDark = _mm256_broadcastsi128_si256(_mm_loadu_si128(bits));
+  const __m256i lowBright = _mm256_broadcastsi128_si256(_mm_loadu_si128(bits + 1));
+
+  for (unsigned i = 0; i < kPixels; i += 32) {
+    // Lower halves hold pixels 0 to 15 in 48 bytes, upper halves pixels 16 to 31.
+    const auto* const in = reinterpret_cast<const __m128i*>(bgr + std::size_t{3} * i);
+    const __m256i v0 = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(in)),
+                                               _mm_loadu_si128(in + 3), 1);
+    const __m256i v1 = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(in + 1)),
+                                               _mm_loadu_si128(in + 4), 1);
+    const __m256i v2 = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(in + 2)),
+                                               _mm_loadu_si128(in + 5), 1);
+    const __m256i b = _mm256_shuffle_epi8(
+        _mm256_blendv_epi8(_mm256_blendv_epi8(v0, v1, third2), v2, third1), orderB);
+    const __m256i g = _mm256_shuffle_epi8(
+        _mm256_blendv_epi8(_mm256_blendv_epi8(v0, v1, third0), v2, third2), orderG);
+    const __m256i r = _mm256_shuffle_epi8(
+        _mm256_blendv_epi8(_mm256_blendv_epi8(v0, v1, third1), v2, third0), orderR);
+
+    const __m256i byte = _mm256_and_si256(_mm256_srli_epi16(g, 3), _mm256_set1_epi8(31));
+    const __m256i bit = _mm256_shuffle_epi8(bitOf, _mm256_and_si256(g, _mm256_set1_epi8(7)));
+    const __m256i eight = _mm256_blendv_epi8(_mm256_shuffle_epi8(lowDark, byte),
+                                             _mm256_shuffle_epi8(lowBright, byte), g);
+    const __m256i grey = _mm256_and_si256(_mm256_cmpeq_epi8(b, g), _mm256_cmpeq_epi8(g, r));
+    const __m256i less =
+        _mm256_and_si256(grey, _mm256_cmpeq_epi8(_mm256_and_si256(eight, bit), bit));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(planes.b + i / 2), _mm256_add_epi8(b, less));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(planes.g + i / 2), _mm256_add_epi8(g, less));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(planes.r + i / 2), _mm256_add_epi8(r, less));
+  }
+}
+
+#elif defined(__aarch64__)
+
+inline void splitNeon(const std::uint8_t* bgr, const LowGreys& low, Planes& planes) {
+  auto* const b = reinterpret_cast<std::uint8_t*>(planes.b);
+  auto* const g = reinterpret_cast<std::uint8_t*>(planes.g);
+  auto* const r = reinterpret_cast<std::uint8_t*>(planes.r);
+  const uint8x16x2_t bits = {{vld1q_u8(low.data()), vld1q_u8(low.data() + 16)}};
+  for (unsigned i = 0; i < kPixels; i += 16) {
+    const uint8x16x3_t in = vld3q_u8(bgr + std::size_t{3} * i);
+    const uint8x16_t eight = vqtbl2q_u8(bits, vshrq_n_u8(in.val[1], 3));
+    const int8x16_t place = vreinterpretq_s8_u8(vandq_u8(in.val[1], vdupq_n_u8(7)));
+    const uint8x16_t isLow = vtstq_u8(eight, vshlq_u8(vdupq_n_u8(1), place));
+    const uint8x16_t isGrey =
+        vandq_u8(vceqq_u8(in.val[0], in.val[1]), vceqq_u8(in.val[1], in.val[2]));
+    const uint8x16_t less = vandq_u8(isLow, isGrey);
+    vst1q_u8(b + i, vaddq_u8(in.val[0], less));
+    vst1q_u8(g + i, vaddq_u8(in.val[1], less));
+    vst1q_u8(r + i, vaddq_u8(in.val[2], less));
+  }
+}
+
+#endif
+
+// Each of the three values is a floor. A quotient with coefficients of 8 bits, `bias` larger than
+// their error, is right or one too large; the sign of the exact remainder tells. The remainder fits
+// a lane and so need only be known modulo 2^16.
+
+// g + floor((299 rg + 114 bg) / 1000), where rg = r - g and bg = b - g.
+[[gnu::always_inline]] inline Lane luma(Lane g, Lane rg, Lane bg, Word& whole) {
+  constexpr int kBias = 117;
+  const auto scaled = static_cast<Lane>(77 * rg + 29 * bg + kBias);
+  const auto quotient = static_cast<Lane>(scaled >> 8);
+  const auto rest = static_cast<Lane>(299 * rg + 114 * bg - 1000 * quotient);
+  const auto apart = static_cast<Lane>(rg | bg);
+  whole = static_cast<Word>((rest == 0 ? 0xffff : 0) & (apart == 0 ? 0 : 0xffff));
+  return static_cast<Lane>(g + quotient + static_cast<Lane>(rest >> 15));
+}
+
+// floor(near / 2 - Exact * far / 31250), where `near` is the difference to green of the colour
+// that chroma is about, `far` that of the other one.
+template <int Exact>
+[[gnu::always_inline]] inline Lane chroma(Lane near, Lane far) {
+  constexpr int kRounded = (Exact * 256 + 15625) / 31250;
+  constexpr int kBias = 51;
+  const auto scaled = static_cast<Lane>(128 * near - kRounded * far + kBias);
+  const auto quotient = static_cast<Lane>(scaled >> 8);
+  const auto half = static_cast<Lane>(near - 2 * quotient);
+  const auto rest = static_cast<Lane>(15625 * half - Exact * far);
+  return static_cast<Lane>(quotient + static_cast<Lane>(rest >> 15));
+}
+
+struct ChromaSum {
+  Lane u = 0;
+  Lane v = 0;
+};
+
+[[gnu::always_inline]] inline Lane addPixel(int b, int g, int r, ChromaSum& sum, Word& whole) {
+  const auto rg = static_cast<Lane>(r - g);
+  const auto bg = static_cast<Lane>(b - g);
+  sum.u = static_cast<Lane>(sum.u + chroma<5273>(bg, rg));
+  sum.v = static_cast<Lane>(sum.v + chroma<2541>(rg, bg));
+  return luma(static_cast<Lane>(g), rg, bg, whole);
+}
+
+[[gnu::always_inline]] inline Word addWord(Word b, Word g, Word r, ChromaSum& sum, Word& whole) {
+  Word wholeLeft = 0;
+  Word wholeRight = 0;
+  const Lane left = addPixel(b & 0xff, g & 0xff, r & 0xff, sum, wholeLeft);
+  const Lane right = addPixel(b >> 8, g >> 8, r >> 8, sum, wholeRight);
+  whole = static_cast<Word>((wholeLeft & 0x00ff) | (wholeRight & 0xff00));
+  return static_cast<Word>(left | right << 8);
+}
+
+// Whether any luma of the block is a whole number.
+[[gnu::always_inline]] inline bool convert(const Planes& top, const Planes& bottom,
+                                           Nv12Block& out) {
+  constexpr int kFourTimes128 = 512;
+  Word anyWhole = 0;
+  for (unsigned i = 0; i < kWords; ++i) {
+    ChromaSum sum;
+    out.luma[0][i] = addWord(top.b[i], top.g[i], top.r[i], sum, out.whole[0][i]);
+    out.luma[1][i] = addWord(bottom.b[i], bottom.g[i], bottom.r[i], sum, out.whole[1][i]);
+    anyWhole = static_cast<Word>(anyWhole | out.whole[0][i] | out.whole[1][i]);
+    const auto u = static_cast<Lane>(static_cast<Lane>(sum.u + kFourTimes128) >> 2);
+    const auto v = static_cast<Lane>(static_cast<Lane>(sum.v + kFourTimes128) >> 2);
+    out.chroma[i] = static_cast<Word>(u | v << 8);
+  }
+  return anyWhole != 0;
+}
+
+// For a luma that is a whole number, whether the doubles' sum falls just short of it follows no
+// simple rule. One random colour in a thousand is such a one, so most of the bytes are skipped.
+[[gnu::always_inline]] inline void correct(const std::uint8_t* bgr, const Word* whole, Word* luma) {
+  constexpr unsigned kAtOnce = 8;
+  const auto* const isWhole = reinterpret_cast<const std::uint8_t*>(whole);
+  auto* const bytes = reinterpret_cast<std::uint8_t*>(luma);
+  for (unsigned begin = 0; begin < kPixels; begin += kAtOnce) {
+    std::uint64_t any = 0;
+    std::memcpy(&any, isWhole + begin, kAtOnce);
+    for (unsigned i = begin; any != 0 && i < begin + kAtOnce; ++i) {
+      if (isWhole[i] != 0) {
+        const std::uint8_t* const pixel = bgr + std::size_t{3} * i;
+        bytes[i] = lumaOf(pixel[0], pixel[1], pixel[2]);
+      }
+    }
+  }
+}
+
+// Where a block's rows begin.
+struct Place {
+  const std::uint8_t* bgr[2];
+  std::uint8_t* luma[2];
+  std::uint8_t* chroma;
+};
+
+template <SplitFunction Split>
+[[gnu::always_inline]] inline void convertBlock(const Place& at, const LowGreys& low) {
+  Planes top;
+  Planes bottom;
+  Nv12Block out;
+  Split(at.bgr[0], low, top);
+  Split(at.bgr[1], low, bottom);
+  if (convert(top, bottom, out)) {
+    correct(at.bgr[0], out.whole[0], out.luma[0]);
+    correct(at.bgr[1], out.whole[1], out.luma[1]);
+  }
+  std::memcpy(at.luma[0], out.luma[0], kPixels);
+  std::memcpy(at.luma[1], out.luma[1], kPixels);
+  std::memcpy(at.chroma, out.chroma, kPixels);
+}
+
+// The block of `count` pixels that is left at the end of a row.
+template <SplitFunction Split>
+[[gnu::always_inline]] inline void convertRest(const Place& at, unsigned count,
+                                               const LowGreys& low) {
+  std::uint8_t bgr[2][3 * kPixels] = {};
+  std::uint8_t nv12[3][kPixels];
+  std::memcpy(bgr[0], at.bgr[0], std::size_t{3} * count);
+  std::memcpy(bgr[1], at.bgr[1], std::size_t{3} * count);
+  convertBlock<Split>({{bgr[0], bgr[1]}, {nv12[0], nv12[1]}, nv12[2]}, low);
+  std::memcpy(at.luma[0], nv12[0], count);
+  std::memcpy(at.luma[1], nv12[1], count);
+  std::memcpy(at.chroma, nv12[2], count);
+}
+
+template <SplitFunction Split>
+[[gnu::always_inline]] inline void convertImage(const std::uint8_t* bgr, std::size_t step,
+                                                unsigned width, unsigned height,
+                                                std::uint8_t* nv12) {
+  static const LowGreys kLow = findLowGreys();
+  std::uint8_t* const chroma = nv12 + std::size_t{width} * height;
+  for (std::size_t y = 0; y < height; y += 2) {
+    unsigned x = 0;
+    const auto place = [&] {
+      const std::uint8_t* const in = bgr + y * step + std::size_t{3} * x;
+      std::uint8_t* const luma = nv12 + y * width + x;
+      return Place{{in, in + step}, {luma, luma + width}, chroma + y / 2 * width + x};
+    };
+    for (; width - x >= kPixels; x += kPixels) {
+      convertBlock<Split>(place(), kLow);
+    }
+    if (x < width) {
+      convertRest<Split>(place(), width - x, kLow);
+    }
+  }
+}
+
+#if defined(__x86_64__)
+
+[[gnu::target("avx2,fma")]] void bgrToNv12Avx2(const std::uint8_t* bgr, std::size_t step,
+                                               unsigned width, unsigned height,
+                                               std::uint8_t* nv12) {
+  convertImage<splitAvx2>(bgr, step, width, height, nv12);
+}
+
+#endif
+
+}  // namespace
+
+void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
+                       std::uint8_t* nv12) {
+  convertImage<splitPortable>(bgr, step, width, height, nv12);
+}
+
+#if defined(__x86_64__)
+
+BgrToNv12 bestBgrToNv12() {
+  const bool hasAvx2 = __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0;
+  return hasAvx2 ? bgrToNv12Avx2 : bgrToNv12Portable;
+}
+
+#elif defined(__aarch64__)
+
+BgrToNv12 bestBgrToNv12() {
+  return [](const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
+            std::uint8_t* nv12) { convertImage<splitNeon>(bgr, step, width, height, nv12); };
+}
+
+#else
+
+BgrToNv12 bestBgrToNv12() {
+  return bgrToNv12Portable;
+}
+
+#endif
+
+}  // namespace media_backend

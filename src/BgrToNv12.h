@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace media_backend {
+
+// Converts 8-bit BGR to NV12 by full-range BT.601, a pixel's values truncated and the chroma of a
+// block of 2 x 2 pixels the mean of its four, rounded down. Luma is, to the bit, what double
+// precision makes of fma(0.114, b, fma(0.299, r, 0.587 * g)).
+//
+// `width`, `height`: pixels, even and at least 2; `step`: bytes between rows of `bgr`. `nv12`
+// receives packed rows, width * height * 3 / 2 bytes. Never reads past the last pixel of a row.
+// Threads: any.
+using BgrToNv12 = void (*)(const std::uint8_t* bgr, std::size_t step, unsigned width,
+                           unsigned height, std::uint8_t* nv12);
+
+// For every processor of the architecture.
+void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
+                       std::uint8_t* nv12);
+
+// The fastest one for the processor that this runs on.
+BgrToNv12 bestBgrToNv12();
+
+}  // namespace media_backend

@@ -1,0 +1,61 @@
+#include <media_backend/StillImageFrameSource.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "BgrToNv12.h"
+
+namespace media_backend {
+namespace {
+
+// Empty if the file cannot be decoded. OpenCV throws where a header promises more pixels than it is
+// willing to hold.
+cv::Mat decode(const std::string& path) {
+  try {
+    return cv::imread(path, cv::IMREAD_COLOR);
+  } catch (const cv::Exception&) {
+    return {};
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<lumora::LumoraPicture> StillImageFrameSource::load(
+    const StillImageFrameSourceConfig& config, std::string& error) const {
+  error.clear();
+  if (config.path.empty()) {
+    error = "empty still image path";
+    return {};
+  }
+  if (!std::filesystem::exists(std::filesystem::status(config.path))) {
+    error = "still image does not exist: " + config.path;
+    return {};
+  }
+  const cv::Mat image = decode(config.path);
+  if (image.empty()) {
+    error = "failed to decode still image: " + config.path;
+    return {};
+  }
+  const unsigned width = static_cast<unsigned>(image.cols) & ~1U;
+  const unsigned height = static_cast<unsigned>(image.rows) & ~1U;
+  if (width == 0 || height == 0) {
+    error = "still image is too small: " + config.path;
+    return {};
+  }
+
+  // Not a vector, which would write every byte once more.
+  const std::unique_ptr<std::uint8_t[]> nv12(new std::uint8_t[std::size_t{width} * height * 3 / 2]);
+  bestBgrToNv12()(image.data, image.step[0], width, height, nv12.get());
+  std::shared_ptr<lumora::LumoraPicture> picture =
+      lumora::LumoraPicture::fromNv12Host(nv12.get(), width, height, width);
+  if (picture == nullptr) {
+    error = "LumoraPicture::fromNv12Host failed for still image: " + config.path;
+  }
+  return picture;
+}
+
+}  // namespace media_backend
