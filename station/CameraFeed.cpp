@@ -12,10 +12,10 @@ CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera
         const CameraOptions& options = camera.options();
         backend.setInputCaps(GST_APP_SRC(source.get()), static_cast<int>(options.width),
                              static_cast<int>(options.height), static_cast<int>(options.fps),
-                             /*squarePixels=*/true, nullptr);
+                             /*squarePixels=*/true, camera.colorimetry());
         return source;
       }()),
-      duration_(GST_SECOND / camera.options().fps),
+      duration_(gst_util_uint64_scale(1, GST_SECOND, camera.options().fps)),
       subscription_(camera, [this](const auto& frame) { push(frame); }) {}
 
 void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {

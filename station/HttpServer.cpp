@@ -260,10 +260,11 @@ void HttpServer::tick() {
 std::string HttpServer::statusJson() const {
   nlohmann::ordered_json status;
   status["profile"] = backend_.name();
-  status["source"] = options_.camera.source;
-  status["width"] = options_.camera.width;
-  status["height"] = options_.camera.height;
-  status["fps"] = options_.camera.fps;
+  const CameraOptions& camera = camera_.options();
+  status["source"] = camera.source;
+  status["width"] = camera.width;
+  status["height"] = camera.height;
+  status["fps"] = camera.fps;
   status["codec"] = GstVideoBackend::codecName(options_.encoder.codec);
   status["uptime_seconds"] = (g_get_monotonic_time() - begin_) / G_USEC_PER_SEC;
   status["camera_frames"] = camera_.frames();

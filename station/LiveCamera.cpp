@@ -1,5 +1,6 @@
 #include "LiveCamera.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace station {
@@ -21,11 +22,8 @@ LiveCamera::Subscription::~Subscription() {
   camera_.consumers_.erase(place_);
 }
 
-LiveCamera::LiveCamera(const CameraOptions& options) : options_(options), camera_(options) {
-  picture_ = camera_.next();
-  if (picture_ == nullptr) {
-    throw StationError(ExitCode::Source, "source has no pictures: " + options.source);
-  }
+LiveCamera::LiveCamera(const CameraOptions& options)
+    : camera_(Camera::open(options)), picture_(nextPicture()) {
   thread_ = std::thread(&LiveCamera::run, this);
 }
 
@@ -48,22 +46,33 @@ std::optional<StationError> LiveCamera::failure() const {
   return failure_;
 }
 
+std::shared_ptr<lumora::LumoraPicture> LiveCamera::nextPicture() {
+  auto picture = camera_->next();
+  if (picture == nullptr) {
+    throw StationError(ExitCode::Source, "source has ended: " + options().source);
+  }
+  return picture;
+}
+
 void LiveCamera::run() {
-  const nanoseconds interval(1000000000 / options_.fps);
+  const nanoseconds interval(1000000000 / options().fps);
   steady_clock::time_point due;
   try {
     while (awaitConsumers()) {
-      // Whoever comes late, as after a sleep, does not hurry to make up for it.
-      due = std::max(due + interval, steady_clock::now() - interval);
-      std::this_thread::sleep_until(due);
+      if (camera_->pacesItself()) {
+        picture_ = nextPicture();
+      } else {
+        // Whoever comes late, as after a sleep, does not hurry to make up for it.
+        due = std::max(due + interval, steady_clock::now() - interval);
+        std::this_thread::sleep_until(due);
+      }
       auto frame = lumora::ExportedFrame::fromPicture(*picture_);
       if (frame == nullptr) {
         throw StationError(ExitCode::Pipeline, "no memory for a frame");
       }
       deliver(frame);
-      picture_ = camera_.next();
-      if (picture_ == nullptr) {
-        throw StationError(ExitCode::Source, "source has ended: " + options_.source);
+      if (!camera_->pacesItself()) {
+        picture_ = nextPicture();
       }
     }
   } catch (const StationError& error) {
@@ -75,6 +84,9 @@ void LiveCamera::run() {
 // Whether to go on.
 bool LiveCamera::awaitConsumers() {
   std::unique_lock lock(mutex_);
+  if (consumers_.empty()) {
+    camera_->rest();
+  }
   changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
   return !stop_;
 }

@@ -48,7 +48,8 @@ class LiveCamera {
   LiveCamera(const LiveCamera&) = delete;
   LiveCamera& operator=(const LiveCamera&) = delete;
 
-  const CameraOptions& options() const { return options_; }
+  const CameraOptions& options() const { return camera_->options(); }
+  const char* colorimetry() const { return camera_->colorimetry(); }
   bool isRunning() const;
   std::uint64_t frames() const { return frames_; }
   // What ended the camera, if it has failed.
@@ -57,10 +58,10 @@ class LiveCamera {
  private:
   void run();
   bool awaitConsumers();
+  std::shared_ptr<lumora::LumoraPicture> nextPicture();
   void deliver(const std::shared_ptr<lumora::ExportedFrame>& frame);
 
-  const CameraOptions options_;
-  Camera camera_;
+  const std::unique_ptr<Camera> camera_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
   std::atomic<std::uint64_t> frames_{0};
 

@@ -1,5 +1,6 @@
 #include "Record.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -89,6 +90,15 @@ nanoseconds timeOf(std::uint64_t index, unsigned int fps) {
   return nanoseconds(gst_util_uint64_scale(index, GST_SECOND, fps));
 }
 
+// Number of the frame behind number `index`: a device may leave some out, and none comes late.
+std::uint64_t nextNumber(const Camera& camera, std::uint64_t index,
+                         steady_clock::time_point begin) {
+  const nanoseconds elapsed = steady_clock::now() - begin;
+  const std::uint64_t due = gst_util_uint64_scale(static_cast<std::uint64_t>(elapsed.count()),
+                                                  camera.options().fps, GST_SECOND);
+  return camera.pacesItself() ? std::max(index + 1, due) : index + 1;
+}
+
 // Everything that a host does for one frame.
 void recordFrame(Recorder& recorder, lumora::LumoraPicture& picture, std::uint64_t index,
                  system_clock::time_point start, const RecordOptions& options) {
@@ -124,17 +134,17 @@ void record(const GstVideoBackend& backend, const RecordOptions& options) {
   if (options.audio.isWanted()) {
     sound.emplace(options.audio);
   }
-  Camera camera(options.camera);
-  std::shared_ptr<lumora::LumoraPicture> picture = camera.next();
+  const std::unique_ptr<Camera> camera = Camera::open(options.camera);
+  std::shared_ptr<lumora::LumoraPicture> picture = camera->next();
   if (picture == nullptr) {
     throw StationError(ExitCode::Source, "source has no pictures: " + options.camera.source);
   }
   prepareOutputFolder(options.folder);
 
   const StopSignal stop;
-  Recorder recorder(
-      backend, {options.encoder, options.segmentSeconds, options.klv, sound.has_value(),
-                options.camera.width, options.camera.height, options.camera.fps, options.folder});
+  Recorder recorder(backend, {options.encoder, options.segmentSeconds, options.klv,
+                              sound.has_value(), camera->options().width, camera->options().height,
+                              options.camera.fps, camera->colorimetry(), options.folder});
   const system_clock::time_point start = system_clock::now();
   recorder.setStart(start);
 
@@ -150,7 +160,8 @@ void record(const GstVideoBackend& backend, const RecordOptions& options) {
     progress.end();
   };
   try {
-    for (; picture != nullptr && index < limit && !stop.requested(); ++index) {
+    for (; picture != nullptr && index < limit && !stop.requested();
+         index = nextNumber(*camera, index, base)) {
       std::this_thread::sleep_until(base + timeOf(index, options.camera.fps));
       recordFrame(recorder, *picture, index, start, options);
       if (index == 0) {
@@ -165,7 +176,7 @@ void record(const GstVideoBackend& backend, const RecordOptions& options) {
       }
       recorder.check();
       progress.update(recorder, timeOf(index + 1, options.camera.fps));
-      picture = index + 1 < limit ? camera.next() : nullptr;
+      picture = index + 1 < limit ? camera->next() : nullptr;
     }
   } catch (const StationError& error) {
     progress.end();

@@ -43,7 +43,7 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   }
   backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
-                       /*squarePixels=*/true, nullptr);
+                       /*squarePixels=*/true, settings.colorimetry);
   watchEncoder();
   g_signal_connect(findElement(pipeline_.get(), "sink").get(), "format-location-full",
                    G_CALLBACK(onSegment), this);
@@ -101,6 +101,7 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
     throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
   }
   ++pushed_;
+  end_ = index + 1;
   pushTo(video_.get(), stamped(buffer, index));
   if (klv_ != nullptr) {
     waitingKlv_.push_back({index, klv});
@@ -131,11 +132,11 @@ bool Recorder::hasRoomForKlv() const {
 // Pushes the rest of the metadata, behind the end of the video.
 void Recorder::drainKlv() {
   const auto deadline = std::chrono::steady_clock::now() + kDrainTimeout;
-  pushKlvBefore(pushed_);
+  pushKlvBefore(end_);
   while (!waitingKlv_.empty() && std::chrono::steady_clock::now() < deadline) {
     check();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    pushKlvBefore(pushed_);
+    pushKlvBefore(end_);
   }
 }
 
@@ -218,7 +219,7 @@ void Recorder::finish() {
     throwError(message);
   }
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
-  nextIndex_ = pushed_;  // what has not come out by now was dropped
+  nextIndex_ = end_;  // what has not come out by now was dropped
 }
 
 std::string Recorder::segmentName() const {
@@ -230,7 +231,8 @@ Recorder::Statistics Recorder::statistics() const {
   const std::uint64_t entered = entered_;
   const std::uint64_t next = nextIndex_;
   const std::lock_guard lock(mutex_);
-  return {pushed_, next > entered ? next - entered : 0, bytes_, segments_.size()};
+  const std::uint64_t given = entered + (end_ - pushed_);  // or left out by the camera
+  return {pushed_, next > given ? next - given : 0, bytes_, segments_.size()};
 }
 
 }  // namespace station

@@ -35,6 +35,7 @@ class Recorder {
     unsigned int width;   // pixels, even
     unsigned int height;  // pixels, even
     unsigned int fps;
+    const char* colorimetry;  // of the frames; null for the library's default
     std::filesystem::path folder;
   };
 
@@ -54,7 +55,8 @@ class Recorder {
   // Time of the first frame by the wall clock; segment names count from it. Before the first push.
   void setStart(std::chrono::system_clock::time_point start) { start_ = start; }
 
-  // Hands over frame number `index`, from 0, and its KLV packet (ignored when recording without).
+  // Hands over frame number `index`, from 0 and growing, and its KLV packet (ignored when recording
+  // without).
   void push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
             const std::vector<std::uint8_t>& klv);
 
@@ -100,6 +102,7 @@ class Recorder {
   std::deque<KlvPacket> waitingKlv_;  // for their frames to reach the encoder
 
   std::uint64_t pushed_ = 0;
+  std::uint64_t end_ = 0;                    // one past the number of the last frame pushed
   std::atomic<std::uint64_t> entered_{0};    // frames that reached the encoder
   std::atomic<std::uint64_t> nextIndex_{0};  // one past the number of the last of them
   std::atomic<std::uint64_t> encoded_{0};

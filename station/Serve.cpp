@@ -73,10 +73,10 @@ class ServerLoop {
 };
 
 void announce(const std::string& url, bool open, const GstVideoBackend& backend,
-              const ServeOptions& options) {
+              const ServeOptions& options, const CameraOptions& camera) {
   std::printf("serving %s  %s %u x %u, %u frames per second, %s\n", url.c_str(),
-              GstVideoBackend::codecName(options.encoder.codec), options.camera.width,
-              options.camera.height, options.camera.fps, backend.name());
+              GstVideoBackend::codecName(options.encoder.codec), camera.width, camera.height,
+              camera.fps, backend.name());
   std::fflush(stdout);
   if (open) {
     std::fprintf(stderr,
@@ -90,7 +90,8 @@ void serveRtsp(const GstVideoBackend& backend, const ServeOptions& options) {
   LiveCamera camera(options.camera);
   RtspServer server(backend, camera, options);
   announce("rtsp://" + server.listener().authority() + options.path,
-           !server.listener().isLoopback() && !options.credentials, backend, options);
+           !server.listener().isLoopback() && !options.credentials, backend, options,
+           camera.options());
   ServerLoop(camera, [&server] { server.tick(); }).run();
 }
 
@@ -98,7 +99,8 @@ void serveHttp(const GstVideoBackend& backend, const ServeOptions& options) {
   LiveCamera camera(options.camera);
   HttpServer server(backend, camera, options);
   announce("http://" + server.listener().authority() + "/",
-           !server.listener().isLoopback() && !options.credentials, backend, options);
+           !server.listener().isLoopback() && !options.credentials, backend, options,
+           camera.options());
   ServerLoop(camera, [&server] { server.tick(); }).run();
 }
 

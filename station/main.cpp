@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Board.h"
+#include "Grab.h"
 #include "Inspect.h"
 #include "Record.h"
 #include "Serve.h"
@@ -34,7 +35,7 @@ void addCameraOptions(CLI::App& command, station::CameraOptions& camera) {
   const auto even = [](unsigned int& value) {
     value = media_backend::gst_source::even_dimension(value);
   };
-  command.add_option("source", camera.source, "Media file")->required();
+  command.add_option("source", camera.source, "V4L2 device, still image or media file")->required();
   command.add_option("--width", camera.width, "Pixels, rounded down to even")
       ->check(CLI::Range(2U, 8192U))
       ->capture_default_str();
@@ -151,7 +152,7 @@ int run(int argc, char** argv) {
 
   station::RecordOptions record;
   CLI::App* const recordCommand = app.add_subcommand(
-      "record", "Record a media file, played as a camera, into MPEG-TS segments");
+      "record", "Record a camera, or a file played as one, into MPEG-TS segments");
   encoder.addTo(*recordCommand);
   addCameraOptions(*recordCommand, record.camera);
   recordCommand->add_option("-o,--output", record.folder, "Folder for the segments")->required();
@@ -168,13 +169,25 @@ int run(int argc, char** argv) {
       "End with the file, do not repeat it");
   addAudioOptions(*recordCommand, record.audio);
 
+  station::GrabOptions grab;
+  grab.camera.loop = false;
+  grab.file = "picture.png";
+  CLI::App* const grabCommand =
+      app.add_subcommand("grab", "Write pictures of a camera, or of a file played as one");
+  addCameraOptions(*grabCommand, grab.camera);
+  grabCommand->add_option("-o,--output", grab.file, "File that ends in .png, .jpg or .nv12")
+      ->capture_default_str();
+  grabCommand->add_option("--count", grab.count, "Pictures; more than one number the files")
+      ->check(CLI::Range(1U, 9999U))
+      ->capture_default_str();
+
   station::ServeOptions rtsp;
   rtsp.port = 8554;
   station::ServeOptions http;
   http.port = 8080;
   std::string auth;
   CLI::App* const serveCommand =
-      app.add_subcommand("serve", "Show a media file, played as a camera, live on the network");
+      app.add_subcommand("serve", "Show a camera, or a file played as one, live on the network");
   serveCommand->require_subcommand(1);
   CLI::App* const rtspCommand = serveCommand->add_subcommand("rtsp", "Serve RTSP");
   CLI::App* const httpCommand =
@@ -198,6 +211,10 @@ int run(int argc, char** argv) {
   }
 
   gst_init(nullptr, nullptr);
+  if (*grabCommand) {
+    station::grab(grab);
+    return static_cast<int>(ExitCode::Ok);
+  }
   encoder.resolveCodec();
   const GstVideoBackend& backend = station::openBoard(encoder.board);
   if (*inspectCommand) {

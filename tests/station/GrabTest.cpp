@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <tuple>
+
+#include "Program.h"
+#include "support/Command.h"
+#include "support/TempFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// PSNR in dB of two pictures, the second one's middle; equal ones have infinitely much.
+double psnr(const std::string& a, const std::string& b) {
+  const Result result = run({"ffmpeg", "-v", "info", "-i", a, "-i", b, "-lavfi",
+                             "[0]crop=64:64,format=gbrp[a];[1]crop=64:64,format=gbrp[b];[a][b]psnr",
+                             "-f", "null", "-"});
+  const std::size_t place = result.err.find("average:");
+  return place == std::string::npos ? 0 : std::stod(result.err.substr(place + 8));
+}
+
+class Grab : public testing::Test {
+ protected:
+  void ffmpeg(const std::string& source, const std::vector<std::string>& more) const {
+    std::vector<std::string> command = {"ffmpeg", "-v", "error", "-f", "lavfi", "-i", source};
+    command.insert(command.end(), more.begin(), more.end());
+    runCommand(command);
+  }
+
+  TempFolder folder_;
+};
+
+// Full-range colours come back as they are, also through a recording.
+TEST_F(Grab, AStillImageKeepsItsSizeAndColours) {
+  const std::string image = folder_ / "image.png";
+  ffmpeg("color=0xc81e3c:size=129x99", {"-frames:v", "1", image});
+  for (const char* const name : {"a.png", "a.jpg"}) {
+    const Result result = run(station({"grab", image, "-o", folder_ / name}));
+    EXPECT_EQ(result.out, folder_ / name + "  128 x 98\n") << result.err;
+    EXPECT_GT(psnr(image, folder_ / name), 38) << name;
+  }
+  run(station({"grab", image, "-o", folder_ / "a.nv12"}));
+  EXPECT_EQ(fs::file_size(folder_ / "a.nv12"), 128U * 98 * 3 / 2);
+
+  const Result recorded =
+      run(station({"record", image, "-o", folder_ / "out", "--board", "imx", "--duration", "0.5"}));
+  ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
+  EXPECT_GT(psnr(image, fs::directory_iterator(folder_ / "out")->path()), 38);
+}
+
+TEST_F(Grab, PicturesOfAFileAreNumbered) {
+  const std::string clip = folder_ / "clip.mkv";
+  ffmpeg("testsrc2=size=320x180:rate=30:duration=0.1",
+         {"-c:v", "libx264", "-preset", "ultrafast", clip});
+  const std::vector<std::string> command = {"grab", clip,       "-o", folder_ / "a.png", "--width",
+                                            "160",  "--height", "90", "--count"};
+  const auto grab = [&](const char* count) {
+    std::vector<std::string> all = command;
+    all.emplace_back(count);
+    return run(station(all));
+  };
+  EXPECT_EQ(grab("3").exitCode, 0);
+  EXPECT_LT(psnr(folder_ / "a-0001.png", folder_ / "a-0003.png"), 60);
+  const Result tooMany = grab("4");
+  EXPECT_EQ(tooMany.exitCode, 5);
+  EXPECT_EQ(tooMany.err, "media-station: source has ended after 3 pictures: " + clip + "\n");
+}
+
+TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
+  const std::string image = folder_ / "image.png";
+  ffmpeg("color=red:size=4x4", {"-frames:v", "1", image});
+  ffmpeg("color=red:size=16x16,format=rgb24,crop=1:16", {"-frames:v", "1", folder_ / "thin.png"});
+  const std::tuple<std::string, std::string, int, std::string> rows[] = {
+      {"/dev/video999", folder_ / "a.png", 5,
+       "source failed: Cannot identify device '/dev/video999'. ("},
+      {folder_ / "thin.png", folder_ / "a.png", 5,
+       "source failed: still image is too small: " + folder_ / "thin.png"},
+      {"/nowhere", folder_ / "a.png", 5, "source failed: media file does not exist: /nowhere"},
+      {image, folder_ / "a.gif", 2, "grab writes .png, .jpg and .nv12, not "},
+      {image, "/nowhere/a.png", 6, "cannot write /nowhere/a.png: "},
+  };
+  for (const auto& [source, file, exitCode, text] : rows) {
+    const Result result = run(station({"grab", source, "-o", file}));
+    EXPECT_EQ(result.exitCode, exitCode) << text;
+    EXPECT_EQ(result.err.rfind("media-station: " + text, 0), 0U) << result.err;
+  }
+}
+
+}  // namespace
