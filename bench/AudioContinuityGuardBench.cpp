@@ -3,11 +3,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <future>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,6 +14,8 @@
 #include <benchmark/benchmark.h>
 #include <media_backend/AudioContinuityGuard.h>
 #include <opus.h>
+
+#include "Ratios.h"
 
 namespace {
 
@@ -30,14 +29,7 @@ constexpr std::size_t kPayloadBytes = 160;  // 20 ms at 64 kbit/s
 constexpr int kBatch = 50;                  // a second
 constexpr std::int64_t kManyFrames = 1'000'000;
 
-struct Ratio {
-  const char* title;
-  const char* subject;
-  const char* peer;
-  double aim;
-};
-
-constexpr Ratio kRatios[] = {
+const std::vector<Ratio> kRatios = {
     {"silent fallback frame / bare opus_encode", "fallback/1", "opus_encode/1", 1.03},
     {"noisy fallback frame / bare opus_encode", "fallback/2", "opus_encode/2", 1.03},
     {"note and drain 50 frames / copy into a deque", "note_and_drain", "copy_to_deque", 1.3},
@@ -133,42 +125,6 @@ void drain(benchmark::State& state) {
   }
 }
 
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  MedianReporter() : ConsoleReporter(OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "median") {
-        const benchmark::BenchmarkName& name = run.run_name;
-        medians_[name.function_name + (name.args.empty() ? "" : "/") + name.args] =
-            name.time_type.empty() ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
-      }
-    }
-  }
-
-  // False if a run is missing.
-  bool printRatios() const {
-    bool complete = true;
-    for (const Ratio& ratio : kRatios) {
-      const auto subject = medians_.find(ratio.subject);
-      const auto peer = medians_.find(ratio.peer);
-      if (subject == medians_.end() || peer == medians_.end()) {
-        std::printf("%-46s not run\n", ratio.title);
-        complete = false;
-        continue;
-      }
-      std::printf("%-46s %6.3f  (aim: %.2f)\n", ratio.title, subject->second / peer->second,
-                  ratio.aim);
-    }
-    return complete;
-  }
-
- private:
-  std::map<std::string, double> medians_;
-};
-
 }  // namespace
 
 BENCHMARK(encodeBare)->Name("opus_encode")->Arg(1)->Arg(2);
@@ -182,24 +138,8 @@ int main(int argc, char** argv) {
   std::promise<void> finished;
   std::thread second([&finished] { finished.get_future().wait(); });
 
-  std::vector<char*> arguments(argv, argv + argc);
-  std::string defaults[] = {"--benchmark_enable_random_interleaving=true",
-                            "--benchmark_repetitions=21", "--benchmark_min_time=0.05",
-                            "--benchmark_report_aggregates_only=true"};
-  for (std::string& argument : defaults) {
-    arguments.insert(arguments.begin() + 1, argument.data());
-  }
-  int count = static_cast<int>(arguments.size());
-  arguments.push_back(nullptr);
-  benchmark::Initialize(&count, arguments.data());
-  const bool understood = !benchmark::ReportUnrecognizedArguments(count, arguments.data());
-  bool complete = false;
-  if (understood) {
-    MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    complete = reporter.printRatios();
-  }
+  const int exitCode = runAndCompare(argc, argv, kRatios);
   finished.set_value();
   second.join();
-  return understood && complete ? EXIT_SUCCESS : EXIT_FAILURE;
+  return exitCode;
 }
