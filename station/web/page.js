@@ -24,8 +24,8 @@ function watch(status) {
 
 function row(stream) {
   const cells = [null, stream.running ? "running" : "asleep",
-    stream.running ? frameRate(stream.frame_rate) : "–",
-    stream.running ? bitRate(stream.bit_rate) : "–", stream.viewers];
+    stream.frame_rate > 0 ? frameRate(stream.frame_rate) : "–",
+    stream.bit_rate > 0 ? bitRate(stream.bit_rate) : "–", stream.viewers];
   const line = document.createElement("tr");
   for (const text of cells) line.insertCell().textContent = text ?? "";
   const link = document.createElement("a");
