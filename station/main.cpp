@@ -199,7 +199,11 @@ int run(int argc, char** argv) {
   };
   addOptions(*rtspCommand, rtsp);
   addOptions(*httpCommand, http);
-  rtspCommand->add_option("--path", rtsp.path, "Path of the stream")->capture_default_str();
+  rtspCommand->add_option("--path", rtsp.path, "Path of the stream")
+      ->check([](const std::string& path) {
+        return path.rfind('/', 0) == 0 ? "" : "the path has to begin with /";
+      })
+      ->capture_default_str();
   rtspCommand->add_option("--mtu", rtsp.mtu, "Most bytes of an RTP packet")
       ->check(CLI::Range(64U, 65535U))
       ->capture_default_str();

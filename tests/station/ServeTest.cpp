@@ -32,6 +32,9 @@ TEST(Serve, FailuresAreOneLine) {
       {{clip, "--auth", "me:/nowhere"}, 2, "no password on the first line of /nowhere"},
       {{clip, "--auth", "me:" + folder / "empty"}, 2, "no password on the first line of "},
   };
+  const Result path = run(station({"serve", "rtsp", clip, "--board", "imx", "--path", "door"}));
+  EXPECT_EQ(path.exitCode, 2);
+  EXPECT_NE(path.err.find("--path: the path has to begin with /"), std::string::npos) << path.err;
   for (const std::string kind : {"rtsp", "http"}) {
     for (const auto& [arguments, exitCode, text] : rows) {
       Arguments command = station({"serve", kind, "--board", "imx"});
