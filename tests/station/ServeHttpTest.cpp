@@ -91,7 +91,7 @@ TEST_P(ServeHttp, StreamsDecodeFromTheirFirstPicture) {
         run({"ffprobe", "-v", "error", "-f", stream.ffmpegName, "-count_frames", "-show_entries",
              "stream=nb_read_frames", "-of", "csv=p=0", folder / file});
     EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_GE(std::stoi("0" + result.out), 60) << file;
+    EXPECT_GE(std::stoi("0" + result.out), 75 * kLeastShare) << file;
     // Only the last picture may be cut.
     EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 2) << result.err;
   }

@@ -29,7 +29,7 @@ struct StandInSource {
 
 namespace {
 
-enum Property { kDevice = 1, kIoMode };
+enum Property { Device = 1, IoMode };
 
 // A query stays behind the buffers of its stream, and its answer comes from the stream's end.
 void waitForDelivery(GstBaseSrc* source) {
@@ -60,9 +60,9 @@ void StandInSource::initClass(gpointer klass, gpointer) {
   object->set_property = setProperty;
   object->get_property = getProperty;
   const auto flags = GParamFlags(G_PARAM_WRITABLE | G_PARAM_STATIC_STRINGS);
-  g_object_class_install_property(object, kDevice,
+  g_object_class_install_property(object, Device,
                                   g_param_spec_string("device", "", "", nullptr, flags));
-  g_object_class_install_property(object, kIoMode,
+  g_object_class_install_property(object, IoMode,
                                   g_param_spec_int("io-mode", "", "", 0, 5, 0, flags));
   auto* const element = GST_ELEMENT_CLASS(klass);
   element->change_state = changeState;
@@ -79,7 +79,7 @@ void StandInSource::initClass(gpointer klass, gpointer) {
 }
 
 void StandInSource::setProperty(GObject*, guint id, const GValue* value, GParamSpec*) {
-  if (id == kDevice) {
+  if (id == Device) {
     StandInCamera& camera = StandInCamera::instance();
     const std::lock_guard<std::mutex> lock(camera.mutex_);
     camera.device_ = g_value_get_string(value);
