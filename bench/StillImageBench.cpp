@@ -30,7 +30,7 @@ const std::vector<Ratio> kRatios = {
     {"1080p, grey: conversion / plain loop", "convert/0/1", "plain/0/1", 0.04},
     {"12 megapixels, colour: conversion / plain loop", "convert/1/0", "plain/1/0", 0.04},
     {"12 megapixels, grey: conversion / plain loop", "convert/1/1", "plain/1/1", 0.04},
-    {"1080p, colour: conversion / copy", "convert/0/0", "copy/0/0", 3},
+    {"1080p, colour: conversion / copy", "convert/0/0", "copy/0/0", 20},
     {"1080p JPEG: load() / cv::imread", "load/0/0", "imread/0/0", 1.1},
     {"12 megapixels JPEG: load() / cv::imread", "load/1/0", "imread/1/0", 1.1},
 };
