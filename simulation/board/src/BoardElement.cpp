@@ -1,9 +1,11 @@
 #include "BoardElement.h"
 
 #include <array>
+#include <csignal>
 #include <string>
 #include <utility>
 
+#include "Faults.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -128,8 +130,29 @@ bool assemble(BoardElement* self) {
   return true;
 }
 
+// What a driver without its hardware, or a broken one, does when it is opened. False: it refuses.
+bool openDriver(BoardElement* self) {
+  const std::string name = modelOf(self).name;
+  if (hasFault(name, "no-open")) {
+    GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ_WRITE,
+                      ("Cannot open the device of %s", name.c_str()),
+                      ("asked for by SIMULATED_BOARD_FAULTS"));
+    return false;
+  }
+  if (hasFault(name, "crash-open")) {
+    std::raise(SIGSEGV);
+  }
+  while (hasFault(name, "hang-open")) {
+    g_usleep(G_USEC_PER_SEC);
+  }
+  return true;
+}
+
 GstStateChangeReturn changeState(GstElement* element, GstStateChange transition) {
   auto* const self = reinterpret_cast<BoardElement*>(element);
+  if (transition == GST_STATE_CHANGE_NULL_TO_READY && !openDriver(self)) {
+    return GST_STATE_CHANGE_FAILURE;
+  }
   const bool due = transition == GST_STATE_CHANGE_NULL_TO_READY ||
                    (transition == GST_STATE_CHANGE_READY_TO_PAUSED && self->stale);
   if (due && !assemble(self)) {
@@ -168,6 +191,10 @@ void initClass(gpointer klass, gpointer data) {
   guint id = 0;
   for (const Model::Property property : model->properties) {
     GParamSpec* const spec = property();
+    if (hasFault(model->name, std::string("lacks:") + spec->name)) {
+      g_param_spec_unref(g_param_spec_ref_sink(spec));
+      continue;
+    }
     static_cast<BoardElementClass*>(klass)->specs[id] = spec;
     g_object_class_install_property(object, ++id, spec);
   }

@@ -145,7 +145,9 @@ struct EncoderSettings {
 
 unsigned number(GObject* element, const char* property) {
   unsigned value = 0;
-  g_object_get(element, property, &value, nullptr);
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), property) != nullptr) {
+    g_object_get(element, property, &value, nullptr);
+  }
   return value;
 }
 
