@@ -12,6 +12,8 @@
 #include <CLI/CLI.hpp>
 
 #include "Board.h"
+#include "Doctor.h"
+#include "DoctorSteps.h"
 #include "Grab.h"
 #include "Inspect.h"
 #include "Record.h"
@@ -51,15 +53,27 @@ void addCameraOptions(CLI::App& command, station::CameraOptions& camera) {
   });
 }
 
+void addBoardOption(CLI::App& command, std::string& board) {
+  command.add_option("--board", board,
+                     "Simulate a board instead of using the machine's: nvidia, imx, or GStreamer "
+                     "element names with commas between them");
+}
+
+GstVideoBackend::Codec parseCodec(const std::string& text) {
+  const GstVideoBackend::Codec codec = GstVideoBackend::codecFromString(text);
+  if (codec == GstVideoBackend::Codec::Unknown) {
+    throw StationError(ExitCode::Usage, "unknown codec: " + text);
+  }
+  return codec;
+}
+
 struct EncoderOptions {
   std::string board;
   std::string codec = "h264";
   GstVideoBackend::EncoderConfig config;
 
   void addTo(CLI::App& command) {
-    command.add_option("--board", board,
-                       "Simulate a board instead of using the machine's: nvidia, imx, or GStreamer "
-                       "element names with commas between them");
+    addBoardOption(command, board);
     command.add_option("--codec", codec, "h264, h265 (hevc), av1 or mjpeg, as the command can")
         ->capture_default_str();
     command.add_option("--bitrate", config.bitrateBps, "Video bit rate in bits per second")
@@ -67,12 +81,7 @@ struct EncoderOptions {
         ->capture_default_str();
   }
 
-  void resolveCodec() {
-    config.codec = GstVideoBackend::codecFromString(codec);
-    if (config.codec == GstVideoBackend::Codec::Unknown) {
-      throw StationError(ExitCode::Usage, "unknown codec: " + codec);
-    }
-  }
+  void resolveCodec() { config.codec = parseCodec(codec); }
 };
 
 void requireRecordable(const GstVideoBackend& backend,
@@ -150,6 +159,32 @@ int run(int argc, char** argv) {
   inspectCommand->add_option("--graph", inspect.graph,
                              "Draw the recorder's pipeline into this SVG file (takes Graphviz)");
 
+  station::DoctorOptions doctor;
+  std::string doctorCodec;
+  CLI::App* const doctorCommand = app.add_subcommand(
+      "doctor",
+      "Try out what the board offers, and say what to do where it does not work. The board is "
+      "usable, and the exit code 0, if H.264 or H.265 (or what --codec names) encodes and every "
+      "description that the library writes for it fits the board's elements");
+  addBoardOption(*doctorCommand, doctor.board);
+  doctorCommand->add_option("--codec", doctorCodec,
+                            "Codec that has to work: h264, h265, av1, mjpeg");
+  doctorCommand
+      ->add_option_function<unsigned int>(
+          "--timeout",
+          [&doctor](unsigned int seconds) { doctor.limit = std::chrono::seconds(seconds); },
+          "Seconds for each check, which runs in a process of its own (10 if not given)")
+      ->check(CLI::Range(1U, 3600U));
+  doctorCommand->add_flag("--json", doctor.json, "Print JSON");
+
+  std::string step;
+  std::string stepArgument;
+  CLI::App* const stepCommand = app.add_subcommand("doctor-step", "One check of doctor");
+  stepCommand->group("");  // not in the help: doctor runs it
+  addBoardOption(*stepCommand, doctor.board);
+  stepCommand->add_option("step", step)->required();
+  stepCommand->add_option("argument", stepArgument)->required();
+
   station::RecordOptions record;
   CLI::App* const recordCommand = app.add_subcommand(
       "record", "Record a camera, or a file played as one, into MPEG-TS segments");
@@ -217,6 +252,18 @@ int run(int argc, char** argv) {
   gst_init(nullptr, nullptr);
   if (*grabCommand) {
     station::grab(grab);
+    return static_cast<int>(ExitCode::Ok);
+  }
+  if (*doctorCommand || *stepCommand) {
+    if (!doctorCodec.empty()) {
+      doctor.codec = parseCodec(doctorCodec);
+    }
+    const GstVideoBackend& board = station::openBoard(doctor.board);
+    if (*stepCommand) {
+      station::doctorStep(step, stepArgument);
+    } else {
+      station::doctor(board, doctor);
+    }
     return static_cast<int>(ExitCode::Ok);
   }
   encoder.resolveCodec();

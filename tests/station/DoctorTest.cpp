@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "Program.h"
+#include "support/TempFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+// Runs doctor on a board whose elements have these faults.
+Result doctor(const std::string& faults, std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(),
+                   {"env", "SIMULATED_BOARD_FAULTS=" + faults, MEDIA_STATION, "doctor"});
+  return run(arguments);
+}
+
+json doctorJson(const std::string& faults, std::vector<std::string> arguments, int exitCode) {
+  arguments.emplace_back("--json");
+  const Result result = doctor(faults, arguments);
+  EXPECT_EQ(result.exitCode, exitCode) << result.out << result.err;
+  json report = json::parse(result.out, nullptr, false);
+  EXPECT_EQ(report["exitCode"], exitCode);
+  EXPECT_EQ(report["usable"], exitCode == 0);
+  return report;
+}
+
+TEST(Doctor, FindsTheSimulatedBoardsUsable) {
+  for (const std::string board : {"nvidia", "imx"}) {
+    SCOPED_TRACE(board);
+    const json report = doctorJson("", {"--board", board, "--timeout", "120"}, 0);
+    EXPECT_TRUE(report["next"].empty()) << report["next"];
+    EXPECT_EQ(report["codecs"]["av1"]["works"], board == "nvidia");
+    for (const char* codec : {"h264", "h265", "mjpeg"}) {
+      EXPECT_TRUE(report["codecs"][codec]["works"]) << report["codecs"][codec];
+    }
+  }
+}
+
+// One broken encoder: what is said of it, and whether other codecs keep the board usable.
+TEST(Doctor, SeesHowAnEncoderFailsToOpen) {
+  struct Case {
+    const char* fault;
+    const char* limit;
+    const char* error;
+  };
+  for (const Case& c : {Case{"no-open", "120", "Cannot open the device of nvv4l2h264enc"},
+                        Case{"hang-open", "3", "did not open in 3 s"},
+                        Case{"crash-open", "120", "crashed: Segmentation fault"}}) {
+    SCOPED_TRACE(c.fault);
+    const json report = doctorJson(std::string("nvv4l2h264enc=") + c.fault,
+                                   {"--board", "nvvidconv,nvv4l2h264enc", "--timeout", c.limit}, 4);
+    const json& codec = report["codecs"]["h264"];
+    EXPECT_FALSE(codec["works"]);
+    EXPECT_TRUE(codec["supported"]);
+    EXPECT_NE(codec["problems"].dump().find(c.error), std::string::npos) << codec["problems"];
+    EXPECT_NE(report["next"].dump().find("nvv4l2h264enc"), std::string::npos) << report["next"];
+  }
+}
+
+TEST(Doctor, TheCodecThatIsAskedForDecides) {
+  const std::vector<std::string> board = {"--board", "nvidia", "--timeout", "120", "--codec"};
+  const auto with = [&board](const char* codec) {
+    std::vector<std::string> arguments = board;
+    arguments.emplace_back(codec);
+    return arguments;
+  };
+  const char* const faults = "nvv4l2h264enc=no-open";
+  EXPECT_FALSE(doctorJson(faults, with("h264"), 4)["codecs"]["h264"]["works"]);
+  EXPECT_TRUE(doctorJson(faults, with("h265"), 0)["codecs"]["h265"]["works"]);
+  EXPECT_EQ(doctor("", with("mpeg2")).exitCode, 2);
+}
+
+TEST(Doctor, MarksThePropertyThatAnElementLacks) {
+  const Result result = doctor("nvv4l2h264enc=lacks:output-io-mode",
+                               {"--board", "nvvidconv,nvv4l2h264enc", "--timeout", "120"});
+  EXPECT_EQ(result.exitCode, 4) << result.err;
+  EXPECT_NE(result.out.find("nvv4l2h264enc has no property output-io-mode"), std::string::npos);
+  const std::size_t piece = result.out.find("output-io-mode=5 ");
+  ASSERT_NE(piece, std::string::npos) << result.out;
+  const std::size_t column = piece - result.out.rfind('\n', piece) - 1;
+  const std::size_t below = result.out.find('\n', piece) + 1;
+  EXPECT_EQ(result.out.substr(below, column + 17), std::string(column, ' ') + "^^^^^^^^^^^^^^^^\n");
+  // The other descriptions do without it.
+  EXPECT_NE(result.out.find("over RTSP h264, over HTTP h264;"), std::string::npos) << result.out;
+}
+
+TEST(Doctor, NamesWhatAPlatformLacks) {
+  const json nothing = doctorJson("", {}, 3);
+  EXPECT_NE(nothing["next"].dump().find("no hardware video element"), std::string::npos);
+  const json part = doctorJson("", {"--board", "nvv4l2h264enc"}, 3);
+  EXPECT_NE(part["next"].dump().find("here is only nvv4l2h264enc: install"), std::string::npos)
+      << part["next"];
+}
+
+TEST(Doctor, SaysWhyAPluginDoesNotLoad) {
+  const TempFolder folder;
+  const std::string file = folder / "libgstbroken.so";
+  std::ofstream(file) << "no library";
+  const Result result =
+      run({"env", "-u", "GST_REGISTRY_UPDATE", "GST_PLUGIN_PATH=" + folder / "",
+           "GST_REGISTRY=" + folder / "registry", MEDIA_STATION, "doctor", "--json"});
+  const json report = json::parse(result.out, nullptr, false);
+  ASSERT_EQ(report["failedPlugins"].size(), 1U) << result.out << result.err;
+  EXPECT_EQ(report["failedPlugins"][0]["file"], file);
+  EXPECT_NE(report["next"][0].get<std::string>().find("file too short"), std::string::npos)
+      << report["next"];
+}
+
+}  // namespace
