@@ -310,20 +310,29 @@ class Advice {
         {"nvidia-nvmm", "a converter and an H.264 or H.265 encoder"},
         {"dmabuf-nv12-vpu", "an H.264 or H.265 encoder"},
     }};
+    bool anything = false;
     for (const auto& [platform, needs] : kNeeds) {
       std::string found;
       std::string missing;
       for (const ElementDiagnosis& row : board_.elements) {
         if (row.element.platform == std::string(platform) && isBoardMakers(row.element.name)) {
-          (row.element.present ? found : missing) += std::string(" ") + row.element.name;
+          (row.element.present ? found : missing).append(" ").append(row.element.name);
         }
       }
       if (!found.empty()) {
-        add(std::string(platform) + " takes " + needs + "; here is only" + found + ": install " +
-            kBoardMaker + " that have" + missing);
+        anything = true;
+        add(std::string(platform)
+                .append(" takes ")
+                .append(needs)
+                .append("; here is only")
+                .append(found)
+                .append(": install ")
+                .append(kBoardMaker)
+                .append(" that have")
+                .append(missing));
       }
     }
-    if (board_.next.empty()) {
+    if (!anything) {
       add(std::string("install ") + kBoardMaker +
           ": no hardware video element is here (--board nvidia or --board imx simulates a board)");
     }
@@ -333,9 +342,12 @@ class Advice {
     for (const ElementDiagnosis& row : board_.elements) {
       if (row.opening && !row.opening->ok) {
         const std::string name = row.element.name;
-        add("find out if this chip has what " + name + " works with, and what dmesg and\n" +
-            "        GST_DEBUG=4 gst-launch-1.0 fakesrc num-buffers=1 ! " + name +
-            " ! fakesink\n      say of it");
+        add(std::string("does this chip have what ")
+                .append(name)
+                .append(" works with? See dmesg, and GST_DEBUG=4 gst-launch-1.0 fakesrc "
+                        "num-buffers=1 ! ")
+                .append(name)
+                .append(" ! fakesink"));
       }
     }
     for (const CodecDiagnosis& codec : board_.codecs) {

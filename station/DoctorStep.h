@@ -11,6 +11,7 @@
 namespace station {
 
 // What came of a step.
+// NOLINTNEXTLINE(bugprone-exception-escape): the JSON's own destructor allocates
 struct StepResult {
   bool ok = false;
   std::string error;              // why not, in one line

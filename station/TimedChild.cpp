@@ -95,6 +95,7 @@ class Wait {
 
 ChildResult runTimed(const std::vector<std::string>& arguments, std::chrono::milliseconds limit) {
   std::vector<const gchar*> argv;
+  argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     argv.push_back(argument.c_str());
   }

@@ -61,7 +61,8 @@ TEST(Doctor, SeesHowAnEncoderFailsToOpen) {
 }
 
 TEST(Doctor, TheCodecThatIsAskedForDecides) {
-  const std::vector<std::string> board = {"--board", "nvidia", "--timeout", "120", "--codec"};
+  const std::vector<std::string> board = {"--board", "nvvidconv,nvv4l2h264enc,nvv4l2h265enc",
+                                          "--timeout", "120", "--codec"};
   const auto with = [&board](const char* codec) {
     std::vector<std::string> arguments = board;
     arguments.emplace_back(codec);
