@@ -60,7 +60,7 @@ std::string describe(const MediaFileFrameSourceConfig& config) {
 
 }  // namespace
 
-struct MediaFileFrameSource::Impl {
+struct [[gnu::visibility("hidden")]] MediaFileFrameSource::Impl {
   SourcePipeline pipeline{kTraits};
   std::optional<MediaFileFrameSourceConfig> active;  // normalised; set while the pipeline runs
   std::vector<std::uint8_t> scratch;

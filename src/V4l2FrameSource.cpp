@@ -57,14 +57,13 @@ std::string describe(const V4l2FrameSourceConfig& config) {
 
 }  // namespace
 
-struct V4l2FrameSource::Impl {
+struct [[gnu::visibility("hidden")]] V4l2FrameSource::Impl {
   SourcePipeline pipeline{kTraits};
   std::optional<V4l2FrameSourceConfig> active;  // normalised; set while the pipeline runs
   std::vector<std::uint8_t> scratch;
 
-  std::shared_ptr<lumora::LumoraPicture> capture(const V4l2FrameSourceConfig& config,
-                                                 std::chrono::nanoseconds timeout,
-                                                 std::string& error);
+  std::shared_ptr<lumora::LumoraPicture> capture(
+      const V4l2FrameSourceConfig& config, std::chrono::nanoseconds timeout, std::string& error);
   bool start(const V4l2FrameSourceConfig& config, std::string& error);
   void teardown();
 };

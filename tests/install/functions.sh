@@ -28,3 +28,14 @@ check_symbols() {
   [[ -z $others ]] || fail "symbols that should not leave the library: $others"
   readelf -d "$1" | grep -q 'SONAME.*\[libmedia_backend\.so\]' || fail "wrong soname"
 }
+
+# How a file is to be loaded: everything bound at once and then read-only, no executable stack.
+check_loading() {
+  local headers
+  headers=$(readelf -lWd "$1")
+  grep -q GNU_RELRO <<<"$headers" || fail "$1 has no part that is read-only after relocation"
+  grep -q BIND_NOW <<<"$headers" || fail "$1 binds its symbols late"
+  grep -qE 'GNU_STACK.* RW ' <<<"$headers" || fail "$1 has an executable stack"
+  grep -q TEXTREL <<<"$headers" && fail "$1 relocates its code"
+  return 0
+}
