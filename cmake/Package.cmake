@@ -25,9 +25,11 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/media_backendConfigVersion.
     COMPATIBILITY SameMinorVersion)
 configure_file(cmake/media_backend.pc.in ${CMAKE_BINARY_DIR}/media_backend.pc @ONLY)
 
-install(EXPORT media_backendTargets NAMESPACE media_backend:: DESTINATION ${package_dir})
+install(EXPORT media_backendTargets NAMESPACE media_backend:: DESTINATION ${package_dir}
+        COMPONENT development)
 install(FILES ${CMAKE_BINARY_DIR}/media_backendConfig.cmake
               ${CMAKE_BINARY_DIR}/media_backendConfigVersion.cmake
               cmake/FindLumora.cmake
-        DESTINATION ${package_dir})
-install(FILES ${CMAKE_BINARY_DIR}/media_backend.pc DESTINATION ${pc_dir})
+        DESTINATION ${package_dir} COMPONENT development)
+install(FILES ${CMAKE_BINARY_DIR}/media_backend.pc DESTINATION ${pc_dir}
+        COMPONENT development)
