@@ -50,15 +50,16 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/chan
 
 debian_package(library libmedia-backend libs
     "video pipelines and zero-copy frames for camera boards"
-    "A host application writes its GStreamer pipelines with it, for the hardware video\n\
-platform that the board has, and hands it exported camera frames without a copy.\n\
+    "A host application writes its GStreamer pipelines with it, for the hardware\n\
+video platform that the board has, and hands over exported camera frames\n\
+without a copy.\n\
 .\n\
 This build holds the stand-in for the host's picture library.")
 
 debian_package(development libmedia-backend-dev libdevel
     "video pipelines for camera boards, development files"
     "The headers of libmedia-backend and of the stand-in for the host's picture\n\
-library, the CMake package media_backend and the pkg-config module media_backend.")
+library, the CMake package and the pkg-config module media_backend.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${same_version}, libgstreamer1.0-dev (>= 1.16), libgstreamer-plugins-base1.0-dev (>= 1.16), \
 libopus-dev (>= 1.3)")
@@ -73,9 +74,9 @@ set(CPACK_DEBIAN_STATION_PACKAGE_RECOMMENDS "${board_plugins}")
 
 debian_package(simulated_board gstreamer1.0-simulated-board video
     "video elements of camera boards, simulated in software"
-    "GStreamer elements under the names of the NVIDIA and NXP i.MX hardware ones, for\n\
-trying a board's pipelines without the board. They are there when the variable\n\
-SIMULATED_BOARD says nvidia or imx.")
+    "GStreamer elements under the names of the NVIDIA and NXP i.MX hardware ones,\n\
+for trying a board's pipelines without the board. They are there when the\n\
+variable SIMULATED_BOARD says nvidia or imx.")
 set(CPACK_DEBIAN_SIMULATED_BOARD_PACKAGE_RECOMMENDS "${board_plugins}")
 
 include(CPack)

@@ -39,3 +39,38 @@ check_loading() {
   grep -q TEXTREL <<<"$headers" && fail "$1 relocates its code"
   return 0
 }
+
+# No place on the machine that built it, nor any other, is searched for libraries.
+check_no_run_path() {
+  grep -qE 'RPATH|RUNPATH' <<<"$(readelf -dW "$1")" && fail "$1 has a run path"
+  return 0
+}
+
+# Builds the example host by CMake and by pkg-config, and runs it without a board and on simulated
+# ones, where it has to say the same however it was built.
+# Arguments: where CMake looks (empty: the system's places), media-station, and the folder that the
+# loader needs for what pkg-config linked.
+check_host() {
+  local board expected said
+  cmake -S examples/host -B "$scratch/host" -DCMAKE_PREFIX_PATH="$1" >"$scratch/configure.log"
+  cmake --build "$scratch/host" >"$scratch/build.log"
+  # shellcheck disable=SC2046 # flags are words
+  c++ -std=c++17 examples/host/main.cpp -o "$scratch/host-pkg-config" \
+    $(pkg-config --cflags --libs media_backend)
+
+  for board in "" nvidia imx; do
+    export SIMULATED_BOARD=$board GST_REGISTRY=$scratch/registry.bin
+    said=$("$scratch/host/host")
+    [[ $said == "$(LD_LIBRARY_PATH=${3:-} "$scratch/host-pkg-config")" ]] ||
+      fail "the builds by CMake and pkg-config differ"
+    case $board in
+      "") expected="this machine has no encoder" ;;
+      nvidia) expected="recorder for h265, takes video/x-raw(memory:NVMM)" ;;
+      imx) expected="recorder for h265, takes video/x-raw, format" ;;
+    esac
+    [[ $said == *"$expected"* ]] || fail "on board \"$board\" the example says: $said"
+  done
+  unset SIMULATED_BOARD
+
+  "$2" inspect --board nvidia >/dev/null || fail "the installed media-station does not run"
+}
