@@ -1,0 +1,3 @@
+// A library without content.
+__attribute__((visibility("default"))) void empty();
+void empty() {}
