@@ -22,8 +22,8 @@ LiveCamera::Subscription::~Subscription() {
   camera_.consumers_.erase(place_);
 }
 
-LiveCamera::LiveCamera(const CameraOptions& options)
-    : camera_(Camera::open(options)), picture_(nextPicture()) {
+LiveCamera::LiveCamera(std::unique_ptr<Camera> camera)
+    : camera_(std::move(camera)), picture_(nextPicture()) {
   thread_ = std::thread(&LiveCamera::run, this);
 }
 

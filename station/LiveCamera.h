@@ -43,7 +43,7 @@ class LiveCamera {
 
   // Waits for a first picture, so that a source that cannot be opened is told at once: throws
   // StationError (Source).
-  explicit LiveCamera(const CameraOptions& options);
+  explicit LiveCamera(std::unique_ptr<Camera> camera);
   ~LiveCamera();  // after every subscription
   LiveCamera(const LiveCamera&) = delete;
   LiveCamera& operator=(const LiveCamera&) = delete;

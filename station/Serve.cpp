@@ -87,7 +87,7 @@ void announce(const std::string& url, bool open, const GstVideoBackend& backend,
 }  // namespace
 
 void serveRtsp(const GstVideoBackend& backend, const ServeOptions& options) {
-  LiveCamera camera(options.camera);
+  LiveCamera camera(Camera::open(options.camera));
   RtspServer server(backend, camera, options);
   announce("rtsp://" + server.listener().authority() + options.path,
            !server.listener().isLoopback() && !options.credentials, backend, options,
@@ -96,7 +96,7 @@ void serveRtsp(const GstVideoBackend& backend, const ServeOptions& options) {
 }
 
 void serveHttp(const GstVideoBackend& backend, const ServeOptions& options) {
-  LiveCamera camera(options.camera);
+  LiveCamera camera(Camera::open(options.camera));
   HttpServer server(backend, camera, options);
   announce("http://" + server.listener().authority() + "/",
            !server.listener().isLoopback() && !options.credentials, backend, options,
