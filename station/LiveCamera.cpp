@@ -66,7 +66,7 @@ void LiveCamera::run() {
         due = std::max(due + interval, steady_clock::now() - interval);
         std::this_thread::sleep_until(due);
       }
-      auto frame = lumora::ExportedFrame::fromPicture(*picture_);
+      auto frame = pool_.exportPicture(*picture_);
       if (frame == nullptr) {
         throw StationError(ExitCode::Pipeline, "no memory for a frame");
       }

@@ -63,6 +63,7 @@ class LiveCamera {
 
   const std::unique_ptr<Camera> camera_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
+  lumora::FramePool pool_;
   std::atomic<std::uint64_t> frames_{0};
 
   mutable std::mutex mutex_;

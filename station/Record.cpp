@@ -100,8 +100,9 @@ std::uint64_t nextNumber(const Camera& camera, std::uint64_t index,
 }
 
 // Everything that a host does for one frame.
-void recordFrame(Recorder& recorder, lumora::LumoraPicture& picture, std::uint64_t index,
-                 system_clock::time_point start, const RecordOptions& options) {
+void recordFrame(Recorder& recorder, lumora::FramePool& pool, lumora::LumoraPicture& picture,
+                 std::uint64_t index, system_clock::time_point start,
+                 const RecordOptions& options) {
   const nanoseconds elapsed = timeOf(index, options.camera.fps);
   std::vector<std::uint8_t> klv;
   if (options.klv) {
@@ -109,7 +110,7 @@ void recordFrame(Recorder& recorder, lumora::LumoraPicture& picture, std::uint64
         picture, start + std::chrono::duration_cast<system_clock::duration>(elapsed), elapsed);
     klv = encodeMisbSt0601(picture);
   }
-  std::shared_ptr<lumora::ExportedFrame> frame = lumora::ExportedFrame::fromPicture(picture);
+  std::shared_ptr<lumora::ExportedFrame> frame = pool.exportPicture(picture);
   if (frame == nullptr) {
     throw StationError(ExitCode::Pipeline, "no memory for a frame");
   }
@@ -148,6 +149,7 @@ void record(const GstVideoBackend& backend, const RecordOptions& options) {
   const system_clock::time_point start = system_clock::now();
   recorder.setStart(start);
 
+  lumora::FramePool pool;
   Progress progress;
   const std::uint64_t limit = frameLimit(options);
   steady_clock::time_point base = steady_clock::now();
@@ -163,7 +165,7 @@ void record(const GstVideoBackend& backend, const RecordOptions& options) {
     for (; picture != nullptr && index < limit && !stop.requested();
          index = nextNumber(*camera, index, base)) {
       std::this_thread::sleep_until(base + timeOf(index, options.camera.fps));
-      recordFrame(recorder, *picture, index, start, options);
+      recordFrame(recorder, pool, *picture, index, start, options);
       if (index == 0) {
         recorder.awaitEncoder(kEncoderTimeout);
         base = steady_clock::now();

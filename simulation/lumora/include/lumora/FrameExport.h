@@ -80,13 +80,38 @@ class LUMORA_API ExportedFrame {
   const FrameExportHandle& handle() const { return handle_; }
 
  private:
+  friend class FramePool;
+  struct Memory;
   struct Surface;
+  struct Shelf;
 
+  static std::shared_ptr<ExportedFrame> make(const LumoraPicture& picture,
+                                             const std::shared_ptr<Shelf>& shelf);
   explicit ExportedFrame(const LumoraPicture& picture);
-  bool allocateAndCopy(const LumoraPicture& picture);
 
   FrameExportHandle handle_;
+  std::unique_ptr<Memory> memory_;
   std::unique_ptr<Surface> surface_;
+  std::weak_ptr<Shelf> shelf_;  // where the memory goes from here
+};
+
+// The frame memory of a camera: what a dropped frame leaves is used for a later picture. Frames may
+// outlive the pool. Fresh memory costs a page fault a page, which for a picture is more than
+// copying it.
+//
+// Threads: any.
+class LUMORA_API FramePool {
+ public:
+  FramePool();
+  ~FramePool();
+  FramePool(const FramePool&) = delete;
+  FramePool& operator=(const FramePool&) = delete;
+
+  // As ExportedFrame::fromPicture(). Never waits: where all memory is in use, it takes more.
+  std::shared_ptr<ExportedFrame> exportPicture(const LumoraPicture& picture);
+
+ private:
+  std::shared_ptr<ExportedFrame::Shelf> shelf_;
 };
 
 }  // namespace lumora
