@@ -1,5 +1,5 @@
 // The first instance() of a process, beside the same lookups in the registry. Each runs in a child
-// of a process that has read the registry, and takes the time between two readings of its clock.
+// of a process that has read the registry.
 
 #include <cstdlib>
 #include <string>
