@@ -67,6 +67,10 @@ bool layoutOf(const GstVideoInfo& info, Nv12Layout& layout) {
 
 std::uint8_t* copyRows(const std::uint8_t* source, std::uint64_t stride, std::uint64_t rows,
                        std::uint64_t width, std::uint8_t* target) {
+  if (stride == width) {  // one long copy, which may pass by the caches
+    std::memcpy(target, source, rows * width);
+    return target + rows * width;
+  }
   for (std::uint64_t row = 0; row < rows; ++row) {
     std::memcpy(target, source + row * stride, width);
     target += width;
