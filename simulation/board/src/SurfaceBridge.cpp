@@ -82,7 +82,8 @@ gboolean decideAllocation(GstBaseTransform* transform, GstQuery* query) {
   return TRUE;
 }
 
-bool copyFrame(GstBuffer* source, GstBuffer* target, const GstVideoInfo& info) {
+// GStreamer before 1.20 maps with an `info` that it might write to.
+bool copyFrame(GstBuffer* source, GstBuffer* target, GstVideoInfo info) {
   GstVideoFrame from;
   GstVideoFrame to;
   if (!gst_video_frame_map(&from, &info, source, GST_MAP_READ)) {

@@ -101,6 +101,10 @@ std::unique_ptr<OwnedSurface> allocateSurface(std::uint32_t width, std::uint32_t
   return surface;
 }
 
+void releaseBuffer(gpointer buffer) {
+  gst_buffer_unref(static_cast<GstBuffer*>(buffer));
+}
+
 }  // namespace
 
 GstBuffer* pixelsOf(GstBuffer* surfaceBuffer, const GstVideoInfo& info, std::string& error) {
@@ -122,7 +126,10 @@ GstBuffer* pixelsOf(GstBuffer* surfaceBuffer, const GstVideoInfo& info, std::str
                                         static_cast<gint>(surface.planes[1].stride)};
   gst_buffer_add_video_meta_full(pixels, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_NV12,
                                  surface.width, surface.height, 2, offsets, strides);
-  gst_buffer_add_parent_buffer_meta(pixels, surfaceBuffer);
+  // On the memory: as meta of the buffer, an encoder of GStreamer 1.18 would give it to its output.
+  static const GQuark kSurfaceBuffer = g_quark_from_static_string("simulated-board-surface");
+  gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(memory), kSurfaceBuffer,
+                            gst_buffer_ref(surfaceBuffer), releaseBuffer);
   return pixels;
 }
 
