@@ -48,7 +48,7 @@ check_no_run_path() {
 
 # Builds the example host by CMake and by pkg-config, and runs it without a board and on simulated
 # ones, where it has to say the same however it was built.
-# Arguments: where CMake looks (empty: the system's places), media-station, and the folder that the
+# Arguments: where CMake looks (empty: the system's places), media-station (empty: there is none), and the folder that the
 # loader needs for what pkg-config linked.
 check_host() {
   local board expected said
@@ -72,5 +72,5 @@ check_host() {
   done
   unset SIMULATED_BOARD
 
-  "$2" inspect --board nvidia >/dev/null || fail "the installed media-station does not run"
+  [[ -z $2 ]] || "$2" inspect --board nvidia >/dev/null || fail "the installed media-station does not run"
 }
