@@ -131,6 +131,9 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
   // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps.
+  // Before GStreamer 1.20, splitmuxsink does not heed muxer-factory: append " muxer=mpegtsmux". Nor
+  // has appsrc "max-buffers" there: with KLV or sound, parsing reports
+  // GST_PARSE_ERROR_NO_SUCH_PROPERTY and gives the pipeline all the same, unless errors are fatal.
   // Empty unless the codec is H264 or H265 and the profile supports it.
   std::string recorderPipeline(const EncoderConfig& config, unsigned int segmentSeconds,
                                bool withKlv, bool withAudio) const;

@@ -7,6 +7,7 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "support/Av1Depacketizer.h"
+#include "support/Bytes.h"
 #include "support/Pipeline.h"
 
 namespace {
@@ -34,13 +35,6 @@ std::string hex(std::string_view data) {
   return result;
 }
 
-std::string content(GstSample* sample) {
-  GstBuffer* const buffer = gst_sample_get_buffer(sample);
-  std::string result(gst_buffer_get_size(buffer), '\0');
-  gst_buffer_extract(buffer, 0, result.data(), result.size());
-  return result;
-}
-
 class Payloader : public Pipeline {
  public:
   explicit Payloader(unsigned mtu, const std::string& properties = "")
@@ -50,8 +44,7 @@ class Payloader : public Pipeline {
             std::to_string(mtu) + " " + properties + " ! appsink name=out sync=false") {}
 
   void send(const std::string& unit) {
-    GstBuffer* const buffer =
-        unit.empty() ? gst_buffer_new() : gst_buffer_new_memdup(unit.data(), unit.size());
+    GstBuffer* const buffer = unit.empty() ? gst_buffer_new() : bufferOf(unit);
     GST_BUFFER_PTS(buffer) = sent_++ * GST_SECOND;
     push(buffer);
   }
@@ -61,7 +54,7 @@ class Payloader : public Pipeline {
     finish();
     std::vector<std::string> packets;
     while (GstSample* const sample = pull()) {
-      packets.push_back(content(sample));
+      packets.push_back(bytesOf(gst_sample_get_buffer(sample)));
       gst_sample_unref(sample);
     }
     return packets;

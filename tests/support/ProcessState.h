@@ -33,6 +33,11 @@ inline bool threadsSettle(std::ptrdiff_t most) {
 
 // Bytes from malloc() in use, mapped blocks included; a sanitizer's allocator is not seen.
 inline std::size_t allocatedBytes() {
+#if __GLIBC_PREREQ(2, 33)
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
+#else
+  const struct mallinfo info = mallinfo();  // counts as int, which the tests do not exceed
+  return static_cast<std::size_t>(info.uordblks) + static_cast<std::size_t>(info.hblkhd);
+#endif
 }

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <media_backend/GstNv12Sample.h>
 
+#include "support/Bytes.h"
 #include "support/Interpose.h"
 
 namespace {
@@ -39,7 +40,7 @@ namespace {
 using namespace media_backend::gst_source;
 
 TEST(EnsureInitializedDeathTest, LetsAnyThreadBeFirst) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
         std::atomic<int> ready = gst_is_initialized() ? 0 : 1;
@@ -105,7 +106,8 @@ GstSample* makeSample(const char* caps, const Layout& layout, unsigned width, un
           chromaAt(x, y / 2);
     }
   }
-  g_autoptr(GstBuffer) buffer = gst_buffer_new_memdup(bytes.data(), bytes.size());
+  g_autoptr(GstBuffer) buffer =
+      bufferOf({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   g_autoptr(GstCaps) parsed = gst_caps_from_string(caps);
   return gst_sample_new(buffer, parsed, nullptr, nullptr);
 }
