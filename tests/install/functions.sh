@@ -48,8 +48,8 @@ check_no_run_path() {
 
 # Builds the example host by CMake and by pkg-config, and runs it without a board and on simulated
 # ones, where it has to say the same however it was built.
-# Arguments: where CMake looks (empty: the system's places), media-station (empty: there is none), and the folder that the
-# loader needs for what pkg-config linked.
+# Arguments: where CMake looks (empty: the system's places), media-station (empty: there is none), and
+# the folder that the loader needs for what pkg-config linked.
 check_host() {
   local board expected said
   cmake -S examples/host -B "$scratch/host" -DCMAKE_PREFIX_PATH="$1" >"$scratch/configure.log"
