@@ -82,7 +82,8 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
 }
 
 RtspServer::~RtspServer() {
-  gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr);
+  // Gives a list of the clients that removeClient() picks, which is none.
+  g_list_free(gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr));
 }
 
 void RtspServer::addCamera() {
