@@ -23,7 +23,7 @@ struct Av1Unit {
 
   std::size_t size() const { return headerSize + payloadSize; }
   bool hasLayer() const { return headerSize == 2; }
-  unsigned layer() const { return header[1] >> 3; }  // temporal and spatial id; 0 without a layer
+  unsigned layer() const { return unsigned{header[1]} >> 3; }  // temporal and spatial id, or 0
 
   unsigned type = 0;
   std::array<std::uint8_t, 2> header = {};
