@@ -1,9 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <string>
 #include <thread>
 
 #include <malloc.h>
@@ -19,8 +22,14 @@ inline std::ptrdiff_t openDescriptors() {
   return entriesOf("/proc/self/fd");
 }
 
+// Without the one that GLib keeps to start pool threads.
 inline std::ptrdiff_t runningThreads() {
-  return entriesOf("/proc/self/task");
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::count_if(begin(tasks), end(tasks), [](const auto& task) {
+    std::string name;
+    std::getline(std::ifstream(task.path() / "comm"), name);
+    return name != "pool-spawner";
+  });
 }
 
 // Pool threads end a moment after their last task. False if more than `most` threads stay.
