@@ -23,6 +23,16 @@ GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
   return buffer;
 }
 
+// A file sink collects 64 KiB before it writes, which is seconds of a low bit rate that a station that
+// is killed would lose.
+void writeThrough(GstElement* segmentSink) {
+  GstElement* const file = gst_element_factory_make("filesink", nullptr);
+  if (file != nullptr) {
+    gst_util_set_object_arg(G_OBJECT(file), "buffer-mode", "unbuffered");
+    g_object_set(segmentSink, "sink", file, nullptr);
+  }
+}
+
 }  // namespace
 
 Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings)
@@ -45,8 +55,9 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
                        /*squarePixels=*/true, settings.colorimetry);
   watchEncoder();
-  g_signal_connect(findElement(pipeline_.get(), "sink").get(), "format-location-full",
-                   G_CALLBACK(onSegment), this);
+  const GstPtr<GstElement> sink = findElement(pipeline_.get(), "sink");
+  writeThrough(sink.get());
+  g_signal_connect(sink.get(), "format-location-full", G_CALLBACK(onSegment), this);
 
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
