@@ -23,8 +23,8 @@ GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
   return buffer;
 }
 
-// A file sink collects 64 KiB before it writes, which is seconds of a low bit rate that a station that
-// is killed would lose.
+// A file sink collects 64 KiB before it writes: seconds of a low bit rate, which a station that is
+// killed would lose.
 void writeThrough(GstElement* segmentSink) {
   GstElement* const file = gst_element_factory_make("filesink", nullptr);
   if (file != nullptr) {
