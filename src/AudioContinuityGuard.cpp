@@ -112,16 +112,18 @@ std::deque<EncodedAudioFrame> AudioContinuityGuard::makeFallbackUntil(std::uint6
   if (untilPtsNs == 0 || maxFrames == 0 || !mayFallBackLocked(now)) {
     return frames;
   }
-  alignTimelineLocked(untilPtsNs);
-  while (nextPtsNs_ <= untilPtsNs && frames.size() < maxFrames) {
+  // The timeline moves last: frames that an exception takes away leave no gap.
+  std::uint64_t nextPtsNs = alignedTimelineLocked(untilPtsNs);
+  while (nextPtsNs <= untilPtsNs && frames.size() < maxFrames) {
     EncodedAudioFrame frame;
     if (!generateFallbackLocked(frame)) {
       break;
     }
-    frame.ptsNs = nextPtsNs_;
-    nextPtsNs_ += frame.durationNs;
+    frame.ptsNs = nextPtsNs;
+    nextPtsNs += frame.durationNs;
     frames.push_back(std::move(frame));
   }
+  nextPtsNs_ = nextPtsNs;
   return frames;
 }
 
@@ -158,12 +160,10 @@ bool AudioContinuityGuard::watchdogExpiredLocked(TimePoint now) const {
   return count(now) - count(lastReceived_) > static_cast<std::uint64_t>(timeout.count());
 }
 
-// Starts the timeline at `untilPtsNs` if it is not known or more than a frame further on.
-void AudioContinuityGuard::alignTimelineLocked(std::uint64_t untilPtsNs) {
+// Where the timeline goes on: at `untilPtsNs` if it is not known or more than a frame further on.
+std::uint64_t AudioContinuityGuard::alignedTimelineLocked(std::uint64_t untilPtsNs) const {
   const bool isFarPast = nextPtsNs_ > untilPtsNs && nextPtsNs_ - untilPtsNs > frameDurationNs_;
-  if (nextPtsNs_ == 0 || isFarPast) {
-    nextPtsNs_ = untilPtsNs;
-  }
+  return nextPtsNs_ == 0 || isFarPast ? untilPtsNs : nextPtsNs_;
 }
 
 bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::uint8_t channels,

@@ -32,7 +32,7 @@ struct EncodedAudioFrame {
 //
 // The guard has no thread and no timer: "now" comes from the caller.
 // Errors: an operation that cannot lock throws std::system_error before anything changes;
-// allocation failures propagate.
+// allocation failures propagate and leave timeline and queue as they were.
 // Threads: any thread may call any operation; one mutex, held throughout, serialises them. The
 // guard must not be destroyed during a call.
 class MEDIA_BACKEND_API AudioContinuityGuard {
@@ -94,7 +94,7 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   // These expect the mutex to be held.
   bool mayFallBackLocked(TimePoint now) const;
   bool watchdogExpiredLocked(TimePoint now) const;
-  void alignTimelineLocked(std::uint64_t untilPtsNs);
+  std::uint64_t alignedTimelineLocked(std::uint64_t untilPtsNs) const;
   bool ensureEncoderLocked(std::uint32_t sampleRate, std::uint8_t channels,
                            std::uint64_t frameDurationNs);
   bool generateFallbackLocked(EncodedAudioFrame& frame);
