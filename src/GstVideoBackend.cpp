@@ -303,11 +303,11 @@ bool GstVideoBackend::supports(Codec codec) const {
 }
 
 GstVideoBackend::Codec GstVideoBackend::codecFromString(const std::string& text) noexcept {
-  std::string lower = text;
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  // Without a copy in lower case: memory that runs out here would end the process.
+  const auto isLowerOf = [](char lower, unsigned char c) { return lower == std::tolower(c); };
   for (const CodecName& row : kCodecNames) {
-    if (lower == row.text) {
+    const std::string_view name = row.text;
+    if (std::equal(name.begin(), name.end(), text.begin(), text.end(), isLowerOf)) {
       return row.codec;
     }
   }

@@ -58,6 +58,7 @@ class MEDIA_BACKEND_API GstVideoBackend {
 
   // The process's one backend. The first call probes the GStreamer registry, so the host calls
   // gst_init() before it; later calls only return. Elements that appear afterwards are not seen.
+  // Memory that runs out in the first call ends the process.
   static const GstVideoBackend& instance() noexcept;
 
   // A backend for a profile of the host's own making, whatever the board has.
