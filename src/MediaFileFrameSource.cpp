@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -142,7 +143,13 @@ MediaFileFrameSource::~MediaFileFrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::capture(
     const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
     std::string& error) {
-  return impl_->capture(config, timeout, error);
+  try {
+    return impl_->capture(config, timeout, error);
+  } catch (const std::bad_alloc&) {
+    // What the pipeline reported may be lost with it, and nobody would end the pipeline then.
+    impl_->teardown();
+    throw;
+  }
 }
 
 void MediaFileFrameSource::stop() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -115,7 +116,13 @@ V4l2FrameSource::~V4l2FrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> V4l2FrameSource::capture(const V4l2FrameSourceConfig& config,
                                                                 std::chrono::nanoseconds timeout,
                                                                 std::string& error) {
-  return impl_->capture(config, timeout, error);
+  try {
+    return impl_->capture(config, timeout, error);
+  } catch (const std::bad_alloc&) {
+    // What the pipeline reported may be lost with it, and nobody would end the pipeline then.
+    impl_->teardown();
+    throw;
+  }
 }
 
 void V4l2FrameSource::stop() {

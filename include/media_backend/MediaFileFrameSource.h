@@ -39,7 +39,8 @@ class MEDIA_BACKEND_API MediaFileFrameSource {
   // Returns a picture that the caller owns. Empty with an empty `error`: no frame now, nothing is
   // wrong (time-out, or the end of a file that does not loop). Empty with a message in `error`: a
   // failure; the pipeline is gone, unless only one sample could not be turned into a picture.
-  // Throws std::filesystem::filesystem_error if the path's status cannot be read.
+  // Throws std::filesystem::filesystem_error if the path's status cannot be read, std::bad_alloc if
+  // memory runs out; then, too, the pipeline is gone.
   std::shared_ptr<lumora::LumoraPicture> capture(const MediaFileFrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,
                                                  std::string& error);

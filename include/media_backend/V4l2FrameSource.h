@@ -39,6 +39,7 @@ class MEDIA_BACKEND_API V4l2FrameSource {
   // could not be turned into a picture. A camera that fails later than in its start, such as one
   // that another process uses or that is unplugged, is reported by the first call that gets no
   // frame. The next call starts anew.
+  // Throws std::bad_alloc if memory runs out; then, too, the pipeline is gone.
   std::shared_ptr<lumora::LumoraPicture> capture(const V4l2FrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,
                                                  std::string& error);
