@@ -152,6 +152,11 @@ inline GstMessageType SourcePipeline::report(std::string& error) {
 }
 
 inline void SourcePipeline::teardown() {
+  if (sink_ != nullptr) {
+    // A full sink holds the lock that a start which still goes on waits for, and that start the one
+    // that the change of state below needs.
+    gst_app_sink_set_drop(GST_APP_SINK(sink_.get()), TRUE);
+  }
   if (pipeline_ != nullptr) {
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
     gst_element_get_state(pipeline_.get(), nullptr, nullptr, kStateChangeTimeout);

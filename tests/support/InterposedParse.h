@@ -16,6 +16,7 @@ std::mutex g_mutex;
 std::string g_description;                 // the last one that was parsed
 const char* g_otherDescription = nullptr;  // parsed in place of every one, empty for none at all
 GstElement* g_pipeline = nullptr;          // the last one, while its source has it
+void (*g_onParsed)() = nullptr;            // does what has to be done before it starts
 
 }  // namespace
 
@@ -24,5 +25,8 @@ extern "C" GstElement* gst_parse_launch(const gchar* description, GError** error
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_description = g_otherDescription != nullptr ? g_otherDescription : description;
   g_pipeline = g_description.empty() ? nullptr : real(g_description.c_str(), error);
+  if (g_onParsed != nullptr) {
+    g_onParsed();
+  }
   return g_pipeline;
 }
