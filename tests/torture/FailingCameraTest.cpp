@@ -2,9 +2,9 @@
 // told once, and the source works again as soon as the camera does.
 
 #include <chrono>
+#include <iterator>
 #include <random>
 #include <string>
-#include <thread>
 
 #include <gst/gst.h>
 #include <gtest/gtest.h>

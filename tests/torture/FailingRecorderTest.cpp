@@ -2,7 +2,7 @@
 // go, and the next one works.
 
 #include <chrono>
-#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>

@@ -7,15 +7,12 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
-#include <gst/video/video.h>
 #include <gtest/gtest.h>
 #include <lumora/FrameExport.h>
 #include <lumora/LumoraPicture.h>

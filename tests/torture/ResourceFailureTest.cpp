@@ -9,7 +9,6 @@
 #include <deque>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
