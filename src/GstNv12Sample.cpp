@@ -1,6 +1,5 @@
 #include <media_backend/GstNv12Sample.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -42,8 +41,13 @@ struct Nv12Layout {
   std::uint64_t lumaStride;
   std::uint64_t chromaStride;
 
-  std::uint64_t end() const {
-    return std::max(lumaOffset + height * lumaStride, chromaOffset + height / 2 * chromaStride);
+  // Whether both planes end within `size` bytes. Offsets may be anything; rows times a stride, both
+  // below 2^32, cannot overflow.
+  bool fits(std::uint64_t size) const {
+    const auto ends = [size](std::uint64_t offset, std::uint64_t bytes) {
+      return offset <= size && bytes <= size - offset;
+    };
+    return ends(lumaOffset, height * lumaStride) && ends(chromaOffset, height / 2 * chromaStride);
   }
   // Chroma follows the luma rows directly, with the same stride.
   bool isContiguous() const {
@@ -143,7 +147,7 @@ std::shared_ptr<lumora::LumoraPicture> picture_from_nv12_sample(GstSample* sampl
   if (!layoutOf(info, layout)) {
     return fail("invalid NV12 layout from GStreamer");
   }
-  if (map.size() < layout.end()) {
+  if (!layout.fits(map.size())) {
     return fail("GStreamer NV12 buffer is shorter than its caps layout");
   }
 

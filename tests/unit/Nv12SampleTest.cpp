@@ -213,6 +213,9 @@ TEST_F(Nv12Sample, NamesWhatIsWrong) {
       {nv12, [](GstVideoInfo& info) { info.width = 0; }, badLayout},
       {nv12, [](GstVideoInfo& info) { info.stride[0] = 0; }, badLayout},
       {nv12, [](GstVideoInfo& info) { info.stride[1] = -1; }, badLayout},
+      // a plane whose end, counted in 64 bits, is 0
+      {nv12, [](GstVideoInfo& info) { info.offset[1] = ~gsize{0} - 511; },
+       "GStreamer NV12 buffer is shorter than its caps layout"},
       // rows that overlap: the factory refuses a stride below the width
       {nv12,
        [](GstVideoInfo& info) {
