@@ -17,6 +17,9 @@ constexpr std::uint32_t kDefaultSampleRate = 48000;
 constexpr std::uint8_t kDefaultChannels = 1;
 constexpr std::uint64_t kDefaultFrameDurationNs = 20'000'000;
 constexpr std::size_t kMaxPacketBytes = 4000;
+// Opus packets last 120 ms at most. What claims to be far longer is not worth the memory, or the
+// noise, to be told so: a sender's wrong duration would take gigabytes.
+constexpr std::uint64_t kAbsurdFrameDurationNs = 1'000'000'000;
 
 // The longest timeout whose nanoseconds fit the clock's count.
 constexpr milliseconds kLongestTimeout =
@@ -121,7 +124,11 @@ std::deque<EncodedAudioFrame> AudioContinuityGuard::makeFallbackUntil(std::uint6
     }
     frame.ptsNs = nextPtsNs;
     nextPtsNs += frame.durationNs;
+    const bool spansTarget = untilPtsNs - frame.ptsNs < frame.durationNs;
     frames.push_back(std::move(frame));
+    if (spansTarget) {
+      break;  // said apart, because a timeline at its very end begins again at 0
+    }
   }
   nextPtsNs_ = nextPtsNs;
   return frames;
@@ -168,6 +175,10 @@ std::uint64_t AudioContinuityGuard::alignedTimelineLocked(std::uint64_t untilPts
 
 bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::uint8_t channels,
                                                std::uint64_t frameDurationNs) {
+  if (frameDurationNs > kAbsurdFrameDurationNs) {
+    encoder_.reset();
+    return false;
+  }
   const std::uint32_t samples = samplesPerFrame(frameDurationNs, sampleRate);
   if (encoder_ != nullptr && encoderFormat_.sampleRate == sampleRate &&
       encoderFormat_.channels == channels && encoderFormat_.frameSamples == samples) {

@@ -122,6 +122,7 @@ TEST(AudioContinuityGuardTest, ContinuesTheTrackUpToATarget) {
       {1095 * kMs + 1, 1075 * kMs, 10, {1075 * kMs}, 1095 * kMs},
       {1200 * kMs, 0, 10, {}, 1200 * kMs},
       {1200 * kMs, 1075 * kMs, 0, {}, 1200 * kMs},
+      {~0ULL - 10 * kMs, ~0ULL, 10, {~0ULL - 10 * kMs}, 10 * kMs - 1},  // past the end of counting
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.nextNs << " to " << row.untilNs);
@@ -216,8 +217,13 @@ TEST(AudioContinuityGuardTest, AFrameThatCannotBeEncodedLeavesTheTimelineAlone) 
     int encodingsToFault;
     std::size_t made;
   } rows[] = {
-      {44100, 1, 20 * kMs, kNever, 0}, {48000, 3, 20 * kMs, kNever, 0}, {48000, 1, 1, kNever, 0},
-      {48000, 1, 20 * kMs, 0, 0},      {48000, 1, 20 * kMs, 3, 3},
+      {44100, 1, 20 * kMs, kNever, 0},
+      {48000, 3, 20 * kMs, kNever, 0},
+      {48000, 1, 1, kNever, 0},
+      {48000, 1, 20 * kMs, 0, 0},
+      {48000, 1, 20 * kMs, 3, 3},
+      // 960 samples, if they are counted in 64 bits
+      {48000, 1, 384307188202283, kNever, 0},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.sampleRate << " Hz, to fault " << row.encodingsToFault);
