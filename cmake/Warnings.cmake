@@ -9,6 +9,6 @@ if(MEDIA_BACKEND_SANITIZE)
   add_compile_options(-fsanitize=${MEDIA_BACKEND_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   # GCC's analysis goes wrong over instrumented code, std::regex for one.
-  target_compile_options(project_options INTERFACE -Wno-maybe-uninitialized)
+  target_compile_options(project_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=${MEDIA_BACKEND_SANITIZE})
 endif()
