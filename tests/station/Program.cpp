@@ -66,7 +66,8 @@ Result run(const std::vector<std::string>& arguments) {
   return Program(arguments).wait();
 }
 
-std::vector<std::string> station(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), MEDIA_STATION);
-  return arguments;
+std::vector<std::string> station(const std::vector<std::string>& arguments) {
+  std::vector<std::string> command = {MEDIA_STATION};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
 }

@@ -37,5 +37,5 @@ class Program {
 };
 
 Result run(const std::vector<std::string>& arguments);
-// The program under test.
-std::vector<std::string> station(std::vector<std::string> arguments);
+// The command that runs the program under test, through the emulator if it takes one.
+std::vector<std::string> station(const std::vector<std::string>& arguments);

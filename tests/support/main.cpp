@@ -3,7 +3,6 @@
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   if (!testing::GTEST_FLAG(list_tests)) {
     gst_init(&argc, &argv);
   }

@@ -40,7 +40,6 @@ namespace {
 using namespace media_backend::gst_source;
 
 TEST(EnsureInitializedDeathTest, LetsAnyThreadBeFirst) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
         std::atomic<int> ready = gst_is_initialized() ? 0 : 1;
