@@ -8,8 +8,11 @@
 #include "Program.h"
 #include "support/TempFolder.h"
 
-// Share of the frames that a busy machine still brings through in time; sanitizers slow it down.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Share of the frames that a busy machine still brings through in time; sanitizers slow it down, and
+// an emulator that encodes even more.
+#if defined(EMULATED)
+constexpr double kLeastShare = 0.05;
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr double kLeastShare = 0.5;
 #else
 constexpr double kLeastShare = 0.85;
