@@ -17,11 +17,11 @@ namespace media_backend {
 // One Opus packet on the host's media timeline. In a received frame, 0 in `durationNs`,
 // `sampleRate` or `channels` means that the sender did not say.
 struct EncodedAudioFrame {
-  std::vector<std::uint8_t> payload;
+  std::vector<std::uint8_t> payload;      // the packet
   std::uint64_t ptsNs = 0;                // nanoseconds
   std::uint64_t durationNs = 20'000'000;  // nanoseconds
   std::uint32_t sampleRate = 48000;       // Hz
-  std::uint8_t channels = 1;
+  std::uint8_t channels = 1;              // 1 or 2
 };
 
 // Keeps one Opus track free of gaps. The host notes every frame that it receives, drains them
@@ -37,8 +37,10 @@ struct EncodedAudioFrame {
 // guard must not be destroyed during a call.
 class MEDIA_BACKEND_API AudioContinuityGuard {
  public:
+  // The clock of every "now".
   using TimePoint = std::chrono::steady_clock::time_point;
 
+  // What fallback frames hold: there are none, digital silence, or pseudo-random noise.
   enum class FallbackMode : std::int32_t { Disabled = 0, Silence = 1, Noise = 2 };
 
   AudioContinuityGuard();
@@ -50,6 +52,7 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   // at once, before any frame was received. Leaves timeline and queue alone.
   void prime(std::uint32_t sampleRate, std::uint8_t channels, std::uint64_t frameDurationNs);
 
+  // Holds from the next fallback frame on. Silence if never set.
   void setFallbackMode(FallbackMode mode);
   // Clamped to 6000 to 256000; an encoder that exists keeps its rate.
   void setFallbackBitrate(int bitsPerSecond);

@@ -25,30 +25,33 @@ namespace media_backend {
 // leaves their piece out; present texts and numbers are written as they are, unchecked.
 class MEDIA_BACKEND_API GstVideoBackend {
  public:
+  // Whose hardware encodes.
   enum class Platform : std::int32_t { None = 0, Nvidia = 1, ImxVpu = 2 };
 
+  // A video codec. Motion JPEG is for HTTP only, AV1 not for recording.
   enum class Codec : std::int32_t { Unknown = 0, H264 = 1, H265 = 2, Av1 = 3, Mjpeg = 4 };
 
   // What a board offers. An encoder's name is set with the platform whether or not the board has
   // that encoder: only the flags say what is usable. By default the profile of no platform.
   struct Profile {
-    Platform platform = Platform::None;
-    const char* name = "none";  // "none", "nvidia-nvmm" or "dmabuf-nv12-vpu"; a literal
-    std::string inputConverter;
-    std::string uploadConverter;
-    std::string h264Encoder;
-    std::string h265Encoder;
-    std::string jpegEncoder;
-    bool hasH264 = false;
-    bool hasH265 = false;
-    bool hasAv1 = false;
-    bool hasJpeg = false;
+    Platform platform =
+        Platform::None;           // None: no builder but rtspPayloaderChain() writes anything
+    const char* name = "none";    // "none", "nvidia-nvmm" or "dmabuf-nv12-vpu"; a literal
+    std::string inputConverter;   // element before the encoder, RTSP and recorder
+    std::string uploadConverter;  // element before the encoder, HTTP
+    std::string h264Encoder;      // element
+    std::string h265Encoder;      // element
+    std::string jpegEncoder;      // element
+    bool hasH264 = false;         // H.264 is usable
+    bool hasH265 = false;         // H.265 is usable
+    bool hasAv1 = false;          // AV1 is usable
+    bool hasJpeg = false;         // Motion JPEG is usable
   };
 
   // Encoder settings; the library reads them during a call only. NVIDIA encoders take every field,
   // i.MX encoders `codec`, `bitrateBps` and `idrInterval`.
   struct EncoderConfig {
-    Codec codec = Codec::Unknown;
+    Codec codec = Codec::Unknown;        // what to encode
     std::uint32_t bitrateBps = 4000000;  // bits per second; i.MX: whole kilobits, rounded down
     std::int32_t controlRate = 1;        // the encoder's own code: 0 variable, 1 constant rate
     std::int32_t presetLevel = 1;        // the encoder's own code
@@ -64,8 +67,11 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // A backend for a profile of the host's own making, whatever the board has.
   explicit GstVideoBackend(Profile profile);
 
+  // The profile's name: "none", "nvidia-nvmm" or "dmabuf-nv12-vpu".
   const char* name() const;
+  // Whether there is a platform.
   bool available() const;
+  // Whether the profile says that the codec is usable.
   bool supports(Codec codec) const;
 
   // "h264", "h265" or "hevc", "av1", "mjpeg", "jpeg" or "jpg" in any case; else Unknown. No
@@ -74,10 +80,13 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // "h264", "h265", "av1", "mjpeg", or "unknown" for any other value.
   static const char* codecName(Codec codec);
 
-  // Names for H.265 or H.264; only the encoder's depends on the profile ("" on no platform).
+  // The profile's encoder element for H.265 or H.264; "" where the profile names none.
   const char* h26xEncoder(bool h265) const;
+  // Parser element for H.265 or H.264.
   const char* h26xParser(bool h265) const;
+  // Media type of H.265 or H.264.
   const char* h26xCaps(bool h265) const;
+  // RTP payloader element for H.265 or H.264.
   const char* h26xPayloader(bool h265) const;
 
   // Caps of raw camera frames: progressive NV12 of `width` x `height` pixels at `fps` frames per

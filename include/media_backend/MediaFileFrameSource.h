@@ -11,8 +11,9 @@
 
 namespace media_backend {
 
+// Which file to play, and how.
 struct MediaFileFrameSourceConfig {
-  std::string path;
+  std::string path;            // of the file
   std::uint32_t width = 1280;  // pixels of the pictures, rounded down to even, at least 2
   std::uint32_t height = 720;  // likewise
   double fps = 30.0;           // nominal, 0.1 to 240; does not pace the frames

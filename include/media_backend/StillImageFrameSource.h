@@ -9,6 +9,7 @@
 
 namespace media_backend {
 
+// Which image to load.
 struct StillImageFrameSourceConfig {
   std::string path;  // of any image that OpenCV's codecs read
 };

@@ -11,6 +11,7 @@
 
 namespace media_backend {
 
+// Which device to open, and what to ask of it.
 struct V4l2FrameSourceConfig {
   std::string device;          // device node, such as /dev/video0
   std::uint32_t width = 1280;  // pixels of the pictures, rounded down to even, at least 2
