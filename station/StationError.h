@@ -5,7 +5,7 @@
 
 namespace station {
 
-// What the program's exit code says. The help text of main.cpp lists the same numbers.
+// What the program's exit code says; exitCodes() has the words for it.
 enum class ExitCode : int {
   Ok = 0,
   Internal = 1,
