@@ -89,16 +89,18 @@ void addAudioOptions(CLI::App& command, AudioOptions& audio) {
       .add_option_function<std::string>(
           "--fallback",
           [&audio](const std::string& mode) { audio.track.fallback = kModes.at(mode); },
-          "What fills the sound's gaps: silence (as if not given), noise or disabled")
-      ->check(CLI::IsMember({"silence", "noise", "disabled"}));
+          "What fills the sound's gaps")
+      ->check(CLI::IsMember({"silence", "noise", "disabled"}))
+      ->default_str("silence");
   command
       .add_option_function<std::int64_t>(
           "--watchdog",
           [&audio](std::int64_t timeout) {
             audio.track.watchdog = std::chrono::milliseconds(timeout);
           },
-          "Milliseconds without sound before it is filled (40 if not given)")
-      ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}));
+          "Milliseconds without sound before it is filled")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
+      ->default_str("40");
 }
 
 void addServeOptions(CLI::App& command, ServeOptions& serve, std::string& auth) {

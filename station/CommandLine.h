@@ -14,7 +14,7 @@
 #include "Serve.h"
 #include "StationError.h"
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
 class App;
 }
 
