@@ -49,13 +49,14 @@ void dropReference(gpointer reference) {
   delete static_cast<GWeakRef*>(reference);
 }
 
-void dropFeed(gpointer feed) {
-  delete static_cast<CameraFeed*>(feed);
+using FeedsPtr = std::shared_ptr<RtspFeeds>;
+
+void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
+  (*static_cast<FeedsPtr*>(feeds))->add(media);
 }
 
-// The pipeline stops: no more frames for it.
-void onUnprepared(GstRTSPMedia* media, gpointer /*unused*/) {
-  g_object_set_data(G_OBJECT(media), "camera-feed", nullptr);
+void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
+  delete static_cast<FeedsPtr*>(feeds);
 }
 
 GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*client*/,
@@ -67,10 +68,9 @@ GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*cli
 
 RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
                        const ServeOptions& options)
-    : backend_(backend),
-      camera_(camera),
-      options_(options),
+    : options_(options),
       description_(describe(backend, options)),
+      feeds_(std::make_shared<RtspFeeds>(backend, camera)),
       server_(gst_rtsp_server_new()),
       listener_(options.address, options.port, {options.maxClients, kIdle},
                 [this](GSocketConnection* connection) { accept(connection); }) {
@@ -84,6 +84,7 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
 RtspServer::~RtspServer() {
   // Gives a list of the clients that removeClient() picks, which is none.
   g_list_free(gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr));
+  feeds_->close();
 }
 
 void RtspServer::addCamera() {
@@ -92,7 +93,8 @@ void RtspServer::addCamera() {
   gst_rtsp_media_factory_set_shared(factory, TRUE);
   gst_rtsp_media_factory_set_protocols(
       factory, static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
-  g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), this);
+  g_signal_connect_data(factory, "media-configure", G_CALLBACK(onMedia), new FeedsPtr(feeds_),
+                        dropFeeds, static_cast<GConnectFlags>(0));
   restrictPorts(factory);
   if (options_.credentials) {
     requirePassword(server_.get(), factory, *options_.credentials);
@@ -131,14 +133,6 @@ void RtspServer::onClient(GstRTSPServer* /*server*/, GstRTSPClient* client, gpoi
   g_weak_ref_init(reference, client);
   g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient, reference,
                              dropReference);
-}
-
-void RtspServer::onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer self) {
-  auto* const server = static_cast<RtspServer*>(self);
-  const GstPtr<GstElement> bin(gst_rtsp_media_get_element(media));
-  g_object_set_data_full(G_OBJECT(media), "camera-feed",
-                         new CameraFeed(server->backend_, server->camera_, bin.get()), dropFeed);
-  g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
 }
 
 void RtspServer::tick() {

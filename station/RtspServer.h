@@ -9,9 +9,9 @@
 #include <gst/rtsp-server/rtsp-server.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "CameraFeed.h"
 #include "Listener.h"
 #include "LiveCamera.h"
+#include "RtspFeeds.h"
 #include "Serve.h"
 
 namespace station {
@@ -39,12 +39,10 @@ class RtspServer {
   void accept(GSocketConnection* connection);
 
   static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer self);
-  static void onMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media, gpointer self);
 
-  const media_backend::GstVideoBackend& backend_;
-  LiveCamera& camera_;
   const ServeOptions options_;
   const std::string description_;
+  const std::shared_ptr<RtspFeeds> feeds_;
   const GstPtr<GstRTSPServer> server_;
   Listener listener_;
 };
