@@ -8,8 +8,8 @@
 #include "Program.h"
 #include "support/TempFolder.h"
 
-// Share of the frames that a busy machine still brings through in time; sanitizers slow it down, and
-// an emulator that encodes even more.
+// Share of the frames that a busy machine still brings through in time; sanitizers slow it down,
+// and an emulator that encodes even more.
 #if defined(EMULATED)
 constexpr double kLeastShare = 0.05;
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
