@@ -7,9 +7,10 @@ namespace simulated_board {
 
 bool hasFault(const std::string& element, const std::string& fault) {
   const char* const faults = std::getenv("SIMULATED_BOARD_FAULTS");
+  const std::string wanted = element + "=" + fault;
   std::istringstream rows(faults != nullptr ? faults : "");
   for (std::string row; std::getline(rows, row, ',');) {
-    if (row == element + "=" + fault) {
+    if (row == wanted) {
       return true;
     }
   }
