@@ -1,5 +1,7 @@
 #include "RtspFeeds.h"
 
+#include <utility>
+
 namespace station {
 namespace {
 
@@ -8,14 +10,20 @@ constexpr const char* kKey = "camera-feed";
 }  // namespace
 
 // What a pipeline holds of its feed.
-struct RtspFeeds::Key {
-  std::shared_ptr<RtspFeeds> feeds;
-  GstRTSPMedia* media;
-
+class RtspFeeds::Key {
+ public:
+  Key(std::shared_ptr<RtspFeeds> feeds, GstRTSPMedia* media)
+      : feeds_(std::move(feeds)), media_(media) {}
   ~Key() {
-    const std::lock_guard lock(feeds->mutex_);
-    feeds->feeds_.erase(media);
+    const std::lock_guard lock(feeds_->mutex_);
+    feeds_->feeds_.erase(media_);
   }
+  Key(const Key&) = delete;
+  Key& operator=(const Key&) = delete;
+
+ private:
+  const std::shared_ptr<RtspFeeds> feeds_;
+  GstRTSPMedia* const media_;
 };
 
 void RtspFeeds::add(GstRTSPMedia* media) {
@@ -27,7 +35,7 @@ void RtspFeeds::add(GstRTSPMedia* media) {
     }
     feeds_[media] = std::make_unique<CameraFeed>(backend_, camera_, bin.get());
   }
-  g_object_set_data_full(G_OBJECT(media), kKey, new Key{shared_from_this(), media},
+  g_object_set_data_full(G_OBJECT(media), kKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });
   g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
 }

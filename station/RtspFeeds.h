@@ -28,7 +28,7 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
   void close();
 
  private:
-  struct Key;
+  class Key;
   static void onUnprepared(GstRTSPMedia* media, gpointer unused);
 
   const media_backend::GstVideoBackend& backend_;
