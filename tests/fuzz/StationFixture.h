@@ -7,6 +7,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "Board.h"
+#include "Camera.h"
 #include "LiveCamera.h"
 #include "Serve.h"
 #include "support/TempFolder.h"
@@ -19,7 +20,7 @@ struct StationFixture {
     picture.close();
     options.encoder.codec = media_backend::GstVideoBackend::Codec::H264;
     options.camera.fps = 60;
-    camera = std::make_unique<station::LiveCamera>(options.camera);
+    camera = std::make_unique<station::LiveCamera>(station::Camera::open(options.camera));
   }
 
   static const media_backend::GstVideoBackend& initialise() {

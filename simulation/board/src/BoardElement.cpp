@@ -140,6 +140,7 @@ bool openDriver(BoardElement* self) {
     return false;
   }
   if (hasFault(name, "crash-open")) {
+    std::signal(SIGSEGV, SIG_DFL);  // no handler, such as a sanitizer's, may turn it into an exit
     std::raise(SIGSEGV);
   }
   while (hasFault(name, "hang-open")) {
