@@ -146,7 +146,7 @@ TEST(Lifetime, SixtyFourThreadsFromTheFirstCallOn) {
   GstVideoBackend::EncoderConfig config;
   config.codec = Codec::H264;
   const std::string recorder = expected.recorderPipeline(config, 60, true, true);
-  std::atomic<int> good = 0;
+  std::atomic<unsigned long> good = 0;
   together(64, [&](std::size_t) {
     const GstVideoBackend& backend = GstVideoBackend::instance();
     for (int i = 0; i < 20; ++i) {
@@ -155,12 +155,12 @@ TEST(Lifetime, SixtyFourThreadsFromTheFirstCallOn) {
       const bool same = backend.recorderPipeline(config, 60, true, true) == recorder &&
                         backend.supports(Codec::H264) &&
                         GstVideoBackend::codecFromString("HEVC") == Codec::H265;
-      good += buffer != nullptr && caps != nullptr && same ? 1 : 0;
+      good += buffer != nullptr && caps != nullptr && same ? 1U : 0U;
     }
   });
-  EXPECT_EQ(good, 64 * 20);
+  EXPECT_EQ(good, 64UL * 20);
   EXPECT_EQ(frame.use_count(), 1);
-  tortureRow("64 threads from the backend's first call on", 64 * 20, "", "nothing");
+  tortureRow("64 threads from the backend's first call on", good, "", "nothing");
 }
 
 // Several guards, each with a thread that receives and one that fills up and drains: every track is

@@ -32,6 +32,8 @@ constexpr bool kCounts = false;  // a sanitizer's allocator stands in front
 #else
 constexpr bool kCounts = true;
 
+// The C library's names, its own and those that it lets a program replace.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-*)
 extern "C" {
 
 void* __libc_malloc(size_t size);
@@ -54,6 +56,7 @@ void* realloc(void* memory, size_t size) {
 }
 
 }  // extern "C"
+   // NOLINTEND(bugprone-reserved-identifier,readability-*)
 #endif
 
 namespace {
