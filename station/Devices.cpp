@@ -76,7 +76,7 @@ std::string fourcc(std::uint32_t code) {
     text += g_ascii_isprint(c) ? c : '?';
   }
   text.erase(text.find_last_not_of(' ') + 1);
-  return text;
+  return (code & 1U << 31) != 0 ? text + "-BE" : text;  // big endian, as v4l2_fourcc_be() marks it
 }
 
 std::vector<std::string> formatsOf(int fd, std::uint32_t queue) {
