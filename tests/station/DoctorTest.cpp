@@ -10,10 +10,12 @@ namespace {
 
 using nlohmann::json;
 
-// Runs doctor on a board whose elements have these faults.
+// Runs doctor on a board whose elements have these faults. Looking for leaks would take it, and
+// each of the many programs that it starts, three times as long.
 Result doctor(const std::string& faults, std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(),
-                   {"env", "SIMULATED_BOARD_FAULTS=" + faults, MEDIA_STATION, "doctor"});
+                   {"env", "ASAN_OPTIONS=detect_leaks=0", "SIMULATED_BOARD_FAULTS=" + faults,
+                    MEDIA_STATION, "doctor"});
   return run(arguments);
 }
 
