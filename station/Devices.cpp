@@ -141,7 +141,7 @@ std::string drmDriver(const fs::path& node) {
   return driver.filename();
 }
 
-const NodeKind& kindOf(const fs::path& node) {
+NodeKind kindOf(const fs::path& node) {
   return *std::find_if(kNodeKinds.begin(), kNodeKinds.end() - 1,
                        [&node](const NodeKind& kind) { return node.parent_path() == kind.folder; });
 }
@@ -165,7 +165,7 @@ std::vector<std::string> listDeviceNodes() {
 Device describeDevice(const std::string& node) {
   Device device;
   device.node = node;
-  const NodeKind& kind = kindOf(node);
+  const NodeKind kind = kindOf(node);
   device.kind = kind.kind != nullptr ? kind.kind : "";
   if (device.kind == "drm render") {
     device.driver = drmDriver(node);
