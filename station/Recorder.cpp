@@ -15,12 +15,20 @@ namespace {
 constexpr GstClockTime kFinishTimeout = 20 * GST_SECOND;
 constexpr std::chrono::seconds kDrainTimeout{5};
 constexpr GstClockTime kErrorTimeout = 2 * GST_SECOND;
+constexpr GstClockTime kEndTimeout = GST_SECOND;
 constexpr auto kErrorOrEos = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS);
 
 GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
   GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, bytes.size(), nullptr);
   gst_buffer_fill(buffer, 0, bytes.data(), bytes.size());
   return buffer;
+}
+
+// Nothing without the source.
+void endStream(const GstPtr<GstElement>& source) {
+  if (source != nullptr) {
+    gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
+  }
 }
 
 // A file sink collects 64 KiB before it writes: seconds of a low bit rate, which a station that is
@@ -55,13 +63,34 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
                        /*squarePixels=*/true, settings.colorimetry);
   watchEncoder();
-  const GstPtr<GstElement> sink = findElement(pipeline_.get(), "sink");
-  writeThrough(sink.get());
-  g_signal_connect(sink.get(), "format-location-full", G_CALLBACK(onSegment), this);
+  segmentSink_ = findElement(pipeline_.get(), "sink");
+  writeThrough(segmentSink_.get());
+  g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(onSegment), this);
 
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
   }
+}
+
+// A splitmuxsink that is stopped before its first group of pictures is complete may forget that it
+// is, and wait for ever. So a recorder that has failed first brings its streams to their end.
+Recorder::~Recorder() {
+  if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
+    return;
+  }
+  endStream(video_);
+  endStream(audio_);
+  endStream(klv_);
+  if (!awaitEnd()) {  // an encoder that has failed keeps the end to itself
+    const GstPtr<GstPad> input(gst_element_get_static_pad(segmentSink_.get(), "video"));
+    gst_pad_send_event(input.get(), gst_event_new_eos());
+    awaitEnd();
+  }
+}
+
+bool Recorder::awaitEnd() {
+  g_autoptr(GstMessage) end = gst_bus_timed_pop_filtered(bus_.get(), kEndTimeout, GST_MESSAGE_EOS);
+  return end != nullptr;
 }
 
 void Recorder::watchEncoder() {
@@ -92,9 +121,13 @@ GstPadProbeReturn Recorder::onEncoderOutput(GstPad* /*pad*/, GstPadProbeInfo* in
 gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* first,
                            gpointer self) {
   auto* const recorder = static_cast<Recorder*>(self);
-  // Encoders may shift time stamps; the running time is what counts from the first frame.
-  const GstClockTime elapsed = gst_segment_to_running_time(
-      gst_sample_get_segment(first), GST_FORMAT_TIME, GST_BUFFER_PTS(gst_sample_get_buffer(first)));
+  GstBuffer* const buffer = first != nullptr ? gst_sample_get_buffer(first) : nullptr;
+  // Encoders may shift time stamps; the running time is what counts from the first frame. A stream
+  // that ends without a frame makes a segment, too.
+  const GstClockTime elapsed =
+      buffer != nullptr ? gst_segment_to_running_time(gst_sample_get_segment(first),
+                                                      GST_FORMAT_TIME, GST_BUFFER_PTS(buffer))
+                        : 0;
   const auto time =
       recorder->start_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                              std::chrono::nanoseconds(elapsed));
@@ -213,13 +246,11 @@ void Recorder::throwError(GstMessage* message) const {
 }
 
 void Recorder::finish() {
-  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
-  if (audio_ != nullptr) {
-    gst_app_src_end_of_stream(GST_APP_SRC(audio_.get()));
-  }
+  endStream(video_);
+  endStream(audio_);
   if (klv_ != nullptr) {
     drainKlv();
-    gst_app_src_end_of_stream(GST_APP_SRC(klv_.get()));
+    endStream(klv_);
   }
   g_autoptr(GstMessage) message =
       gst_bus_timed_pop_filtered(bus_.get(), kFinishTimeout, kErrorOrEos);

@@ -48,7 +48,7 @@ class Recorder {
 
   // Builds the pipeline and sets it playing.
   Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings);
-  ~Recorder() = default;
+  ~Recorder();
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
@@ -84,6 +84,7 @@ class Recorder {
   void pushKlvBefore(std::uint64_t index);
   bool hasRoomForKlv() const;
   void drainKlv();
+  bool awaitEnd();
   void waitForError();
   [[noreturn]] void throwError(GstMessage* message) const;
 
@@ -115,6 +116,7 @@ class Recorder {
   GstPtr<GstElement> klv_;
   GstPtr<GstElement> klvQueue_;  // behind klv_
   GstPtr<GstElement> audio_;
+  GstPtr<GstElement> segmentSink_;
   GstPtr<GstBus> bus_;
 };
 

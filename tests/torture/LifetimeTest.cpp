@@ -122,7 +122,7 @@ TEST(Lifetime, LastReferenceDroppedByTheHostAndTheStreamAtOnce) {
     std::atomic<int> ended = 0;
     {
       Pipeline pipeline(
-          "appsrc name=in format=time block=true max-buffers=4 ! fakesink sync=false");
+          "appsrc name=in format=time block=true max-bytes=4096 ! fakesink sync=false");
       for (int i = 0; i < times; ++i) {
         const std::shared_ptr<ExportedFrame> frame = makeFrame();
         std::shared_ptr<void> keepAlive(frame.get(), [frame, &ended](void*) { ++ended; });
