@@ -5,11 +5,12 @@
 // Encodes 30 frames in H.264 into the file OUTPUT; without it the frames end in front of the
 // encoder.
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -59,18 +60,22 @@ bool isFramesOwn(GstMemory* memory, const lumora::FrameExportHandle& handle) {
   return same;
 }
 
-// The memories that are on their way, and how many have come to the encoder.
+// The memory that is on its way, and what has come to the encoder.
 struct Delivery {
   std::mutex mutex;
-  std::set<GstMemory*> onTheWay;
-  int arrived = 0;
+  std::condition_variable changed;
+  const GstMemory* onTheWay = nullptr;
+  int arrived = 0;  // buffers in the memory that was on its way
+  int buffers = 0;
 };
 
 GstPadProbeReturn onArrival(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) {
   auto* const delivery = static_cast<Delivery*>(data);
   GstMemory* const memory = gst_buffer_peek_memory(GST_PAD_PROBE_INFO_BUFFER(info), 0);
   const std::lock_guard<std::mutex> lock(delivery->mutex);
-  delivery->arrived += static_cast<int>(delivery->onTheWay.erase(memory));
+  delivery->arrived += memory == delivery->onTheWay ? 1 : 0;
+  ++delivery->buffers;
+  delivery->changed.notify_one();
   return GST_PAD_PROBE_OK;
 }
 
@@ -79,7 +84,8 @@ struct Counts {
   std::atomic<int> released{0};  // frames that GStreamer has let go
 };
 
-// Pushes every frame; false if one cannot be wrapped or pushed.
+// Pushes every frame; false if one cannot be wrapped or pushed. Each has to arrive before the next,
+// so that no memory made on the way can have the address of one that is gone.
 bool pushFrames(const GstVideoBackend& backend, GstAppSrc* source, Delivery& delivery,
                 Counts& counts) {
   for (int i = 0; i < kFrames; ++i) {
@@ -98,11 +104,14 @@ bool pushFrames(const GstVideoBackend& backend, GstAppSrc* source, Delivery& del
     counts.framesOwn += isFramesOwn(memory, frame->handle()) ? 1 : 0;
     {
       const std::lock_guard<std::mutex> lock(delivery.mutex);
-      delivery.onTheWay.insert(memory);
+      delivery.onTheWay = memory;
     }
     if (gst_app_src_push_buffer(source, buffer) != GST_FLOW_OK) {  // takes the buffer
       return false;
     }
+    std::unique_lock<std::mutex> lock(delivery.mutex);
+    delivery.changed.wait_for(lock, std::chrono::seconds(5),
+                              [&] { return delivery.buffers == i + 1; });
   }
   return true;
 }

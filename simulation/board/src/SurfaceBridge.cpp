@@ -40,14 +40,17 @@ GstFlowReturn fail(GstBaseTransform* transform, const std::string& error) {
   return GST_FLOW_ERROR;
 }
 
+// The same memory on both sides comes first: nothing is copied if the neighbours can do with that.
 GstCaps* transformCaps(GstBaseTransform*, GstPadDirection, GstCaps* caps, GstCaps* filter) {
-  g_autoptr(GstCaps) system = gst_caps_copy(caps);
+  GstCaps* system = gst_caps_copy(caps);
   gst_caps_set_features_simple(system, nullptr);
   g_autoptr(GstCaps) nv12 =
       gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "NV12", nullptr);
   GstCaps* surface = gst_caps_intersect(system, nv12);
   gst_caps_set_features_simple(surface, gst_caps_features_new(kBoardMemory, nullptr));
-  GstCaps* const either = gst_caps_merge(gst_caps_ref(system), surface);
+  GstCaps* const either = gst_caps_is_empty(caps) == FALSE && isBoardMemory(caps)
+                              ? gst_caps_merge(surface, system)
+                              : gst_caps_merge(system, surface);
   if (filter == nullptr) {
     return either;
   }
