@@ -32,7 +32,7 @@ GstPadProbeReturn learnFrameRate(GstPad*, GstPadProbeInfo* info, gpointer data) 
   return GST_PAD_PROBE_OK;
 }
 
-// The duration goes too, since it would be cut to nothing.
+// The duration is that of a frame too, and not a nanosecond less, which would be cut to nothing.
 GstPadProbeReturn shiftInput(GstPad*, GstPadProbeInfo* info, gpointer data) {
   auto* const shift = static_cast<Shift*>(data);
   GstBuffer* const buffer = writableBuffer(info);
@@ -40,7 +40,8 @@ GstPadProbeReturn shiftInput(GstPad*, GstPadProbeInfo* info, gpointer data) {
     GST_BUFFER_PTS(buffer) += shift->halfFrame;
   }
   shift->duration = GST_BUFFER_DURATION(buffer);
-  GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+  GST_BUFFER_DURATION(buffer) =
+      shift->halfFrame > 0 ? 2 * shift->halfFrame + 2 : GST_CLOCK_TIME_NONE;
   return GST_PAD_PROBE_OK;
 }
 
