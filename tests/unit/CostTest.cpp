@@ -55,8 +55,8 @@ void* realloc(void* memory, size_t size) {
   return __libc_realloc(memory, size);
 }
 
+// NOLINTEND(bugprone-reserved-identifier,readability-*)
 }  // extern "C"
-   // NOLINTEND(bugprone-reserved-identifier,readability-*)
 #endif
 
 namespace {
