@@ -245,7 +245,7 @@ TEST_F(MediaFile, HearsErrorsButNotWarnings) {
   MediaFileFrameSourceConfig config = clip();
   config.loop = false;
   expectFrames(config, 0, kFrames);
-  EXPECT_EQ(next(config), kNoFrame);  // takes the end of the stream off the bus
+  EXPECT_EQ(next(config), kNoFrame);
 
   g_autoptr(GError) cause = g_error_new_literal(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED, "boom");
   gst_element_post_message(g_pipeline,
@@ -256,6 +256,9 @@ TEST_F(MediaFile, HearsErrorsButNotWarnings) {
     gst_element_post_message(g_pipeline,
                              gst_message_new_error(GST_OBJECT(g_pipeline), cause, debug));
     EXPECT_EQ(next(config), kNoFrame);
+    if (error_.empty()) {  // the end of the stream came late, and a call takes one message
+      EXPECT_EQ(next(config), kNoFrame);
+    }
     EXPECT_EQ(error_, debug == nullptr ? "boom" : "boom (details)");
     expectFrames(config, 0, kFrames);  // the failure tore it down
     EXPECT_EQ(next(config), kNoFrame);
