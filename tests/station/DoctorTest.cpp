@@ -102,9 +102,9 @@ TEST(Doctor, SaysWhyAPluginDoesNotLoad) {
   const TempFolder folder;
   const std::string file = folder / "libgstbroken.so";
   std::ofstream(file) << "no library";
-  const Result result =
-      run({"env", "-u", "GST_REGISTRY_UPDATE", "GST_PLUGIN_PATH=" + folder / "",
-           "GST_REGISTRY=" + folder / "registry", MEDIA_STATION, "doctor", "--json"});
+  const Result result = run({"env", "-u", "GST_REGISTRY_UPDATE", "GST_PLUGIN_PATH=" + folder / "",
+                             "GST_REGISTRY=" + folder / "registry", MEDIA_STATION, "doctor",
+                             "--json", "--timeout", "120"});
   const json report = json::parse(result.out, nullptr, false);
   ASSERT_EQ(report["failedPlugins"].size(), 1U) << result.out << result.err;
   EXPECT_EQ(report["failedPlugins"][0]["file"], file);
