@@ -7,6 +7,7 @@ import time
 import urllib.parse
 
 PATIENCE = 20  # seconds, on a busy machine
+KEEP_ALIVE = 25  # seconds between signs of life; the server gives a session a minute
 ENOUGH = 2000  # bytes of a stream that prove that it comes
 
 
@@ -120,10 +121,14 @@ class Rtsp(Connection):
 
     def watch(self, seconds):
         end = time.monotonic() + seconds
+        said = time.monotonic()
         while True:
             self.packet()
             if time.monotonic() >= end:
                 return
+            if time.monotonic() >= said + KEEP_ALIVE:
+                self.ask("OPTIONS", self.base)
+                said = time.monotonic()
 
     def tear_down(self):
         self.ask("TEARDOWN", self.base)
