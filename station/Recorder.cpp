@@ -133,7 +133,8 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
                              std::chrono::nanoseconds(elapsed));
   const std::filesystem::path path = segmentPath(recorder->settings_.folder, time);
   const std::lock_guard lock(recorder->mutex_);
-  recorder->segments_.push_back(path);
+  recorder->segmentName_ = path.filename().string();
+  ++recorder->segments_;
   return g_strdup(path.c_str());
 }
 
@@ -266,7 +267,7 @@ void Recorder::finish() {
 
 std::string Recorder::segmentName() const {
   const std::lock_guard lock(mutex_);
-  return segments_.empty() ? std::string() : segments_.back().filename().string();
+  return segmentName_;
 }
 
 Recorder::Statistics Recorder::statistics() const {
@@ -274,7 +275,7 @@ Recorder::Statistics Recorder::statistics() const {
   const std::uint64_t next = nextIndex_;
   const std::lock_guard lock(mutex_);
   const std::uint64_t given = entered + (end_ - pushed_);  // or left out by the camera
-  return {pushed_, next > given ? next - given : 0, bytes_, segments_.size()};
+  return {pushed_, next > given ? next - given : 0, bytes_, segments_};
 }
 
 }  // namespace station

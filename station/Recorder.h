@@ -109,7 +109,8 @@ class Recorder {
   std::atomic<std::uint64_t> encoded_{0};
   std::atomic<std::uint64_t> bytes_{0};
   mutable std::mutex mutex_;
-  std::vector<std::filesystem::path> segments_;
+  std::string segmentName_;  // of the newest
+  std::uint64_t segments_ = 0;
 
   PipelinePtr pipeline_;  // behind what its threads use
   GstPtr<GstElement> video_;

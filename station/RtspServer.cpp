@@ -1,6 +1,7 @@
 #include "RtspServer.h"
 
 #include <utility>
+#include <vector>
 
 #include "RtspAuth.h"
 
@@ -48,6 +49,29 @@ void dropReference(gpointer reference) {
   g_weak_ref_clear(static_cast<GWeakRef*>(reference));
   delete static_cast<GWeakRef*>(reference);
 }
+
+// The sessions that a client has begun. Without its client a session has no media, but would keep a
+// place from others until it has timed out.
+class Sessions {
+ public:
+  explicit Sessions(GstPtr<GstRTSPSessionPool> pool) : pool_(std::move(pool)) {}
+  ~Sessions() {
+    for (const GstPtr<GstRTSPSession>& session : sessions_) {
+      gst_rtsp_session_pool_remove(pool_.get(), session.get());
+    }
+  }
+  Sessions(const Sessions&) = delete;
+  Sessions& operator=(const Sessions&) = delete;
+
+  static void onNew(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
+    static_cast<Sessions*>(self)->sessions_.emplace_back(GST_RTSP_SESSION(g_object_ref(session)));
+  }
+  static void drop(gpointer self) { delete static_cast<Sessions*>(self); }
+
+ private:
+  const GstPtr<GstRTSPSessionPool> pool_;
+  std::vector<GstPtr<GstRTSPSession>> sessions_;
+};
 
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
@@ -128,7 +152,12 @@ void RtspServer::accept(GSocketConnection* connection) {
                                       nullptr);
 }
 
-void RtspServer::onClient(GstRTSPServer* /*server*/, GstRTSPClient* client, gpointer /*self*/) {
+void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*self*/) {
+  auto* const sessions =
+      new Sessions(GstPtr<GstRTSPSessionPool>(gst_rtsp_server_get_session_pool(server)));
+  g_object_set_data_full(G_OBJECT(client), "sessions", sessions, Sessions::drop);
+  g_signal_connect(client, "new-session", G_CALLBACK(Sessions::onNew), sessions);
+
   auto* const reference = new GWeakRef;
   g_weak_ref_init(reference, client);
   g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient, reference,

@@ -181,4 +181,24 @@ TEST(Serve, NoMoreClientsThanAllowed) {
   rtsp.stop();
 }
 
+// A player that crashes and comes back all the time does not take the places of all others.
+TEST(Serve, WhoVanishesLeavesNoSession) {
+  Server rtsp("rtsp", {"--board", "imx", "--max-clients", "2"});
+  const std::string request = "SETUP rtsp://127.0.0.1:" + std::to_string(rtsp.port()) +
+                              "/camera/stream=0 RTSP/1.0\r\nCSeq: 1\r\n"
+                              "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n";
+  for (int client = 0; client < 5; ++client) {
+    std::string answer;
+    // Until the server has noticed that the one before is gone.
+    for (int i = 0; i < 50 && answer.find("200 OK") == std::string::npos; ++i) {
+      g_usleep(100000);
+      Connection connection(rtsp.port());
+      connection.send(request);
+      answer = connection.receive();
+    }
+    EXPECT_NE(answer.find("200 OK"), std::string::npos) << client << ": " << answer;
+  }
+  rtsp.stop();
+}
+
 }  // namespace
