@@ -126,6 +126,9 @@ gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* /
 void HttpServer::accept(GSocketConnection* connection) {
   g_autoptr(GSocketAddress) local = g_socket_connection_get_local_address(connection, nullptr);
   g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
+  if (local == nullptr || remote == nullptr) {
+    return;  // gone already, which the server library would complain about
+  }
   soup_server_accept_iostream(server_.get(), G_IO_STREAM(connection), local, remote, nullptr);
 }
 
