@@ -25,10 +25,10 @@ void reserveDescriptors(unsigned int connections) {
   }
   limit.rlim_cur = wanted;
   if (wanted > limit.rlim_max || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    throw StationError(ExitCode::Usage,
-                       "so many clients take up to " + std::to_string(wanted) +
-                           " open files, but the system allows " + std::to_string(limit.rlim_max) +
-                           ": lower --max-clients or raise the limit (ulimit -n)");
+    throw StationError(ExitCode::Usage, "so many clients take up to " + std::to_string(wanted) +
+                                            " open files, but the system allows " +
+                                            std::to_string(limit.rlim_max) +
+                                            ": lower --max-clients or raise the limit (ulimit -n)");
   }
 }
 
