@@ -81,6 +81,24 @@ class ClientSessions {
   std::vector<std::unique_ptr<WeakReference>> sessions_;
 };
 
+bool isPlaying(GstRTSPSession* session) {
+  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
+  bool playing = false;
+  for (const GList* item = all; item != nullptr; item = item->next) {
+    playing = playing || gst_rtsp_session_media_get_rtsp_state(
+                             GST_RTSP_SESSION_MEDIA(item->data)) == GST_RTSP_STATE_PLAYING;
+  }
+  g_list_free_full(all, g_object_unref);
+  return playing;
+}
+
+// The server library would change the transport while packets are sent by it, and end the process.
+GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+  return context->session != nullptr && isPlaying(context->session)
+             ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE
+             : GST_RTSP_STS_OK;
+}
+
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
@@ -165,6 +183,7 @@ void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer
   auto* const sessions = new ClientSessions(pool.get());
   g_object_set_data_full(G_OBJECT(client), "station-sessions", sessions, ClientSessions::drop);
   g_signal_connect(client, "new-session", G_CALLBACK(ClientSessions::onSession), sessions);
+  g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
   g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient,
                              new WeakReference(client), WeakReference::drop);
 }
