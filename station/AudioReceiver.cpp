@@ -17,8 +17,8 @@ Dropout parseDropout(const std::string& text) {
   double end = 0;
   int length = 0;
   const int fields = std::sscanf(text.c_str(), "%lf-%lf%n", &begin, &end, &length);
-  if (fields != 2 || static_cast<std::size_t>(length) != text.size() || begin < 0 || end <= begin ||
-      end > 1e9) {
+  const bool isSpan = begin >= 0 && begin < end && end <= 1e9;  // not if one is no number
+  if (fields != 2 || static_cast<std::size_t>(length) != text.size() || !isSpan) {
     throw StationError(ExitCode::Usage, "a dropout is START-END in seconds, not " + text);
   }
   const auto inNanoseconds = [](double seconds) {

@@ -3,6 +3,17 @@
 #include "Pipeline.h"
 
 namespace station {
+namespace {
+
+// A source that starts has its clock before its base time: the stamp of a frame in between would be
+// the machine's uptime, for which the pipeline would wait.
+bool isPlaying(GstElement* source) {
+  GstState state = GST_STATE_NULL;
+  gst_element_get_state(source, &state, nullptr, 0);
+  return state == GST_STATE_PLAYING;
+}
+
+}  // namespace
 
 CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
                        GstElement* bin)
@@ -19,6 +30,9 @@ CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera
       subscription_(camera, [this](const auto& frame) { push(frame); }) {}
 
 void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {
+  if (!isPlaying(source_.get())) {
+    return;
+  }
   GstBuffer* const buffer = backend_.wrapFrame(frame->handle(), frame);
   if (buffer == nullptr) {
     throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");

@@ -31,7 +31,8 @@ struct CommandLine {
   CommandLine& operator=(const CommandLine&) = delete;
 
   // Reads the arguments into the fields below. Has a value if the program is to end with that exit
-  // code: help was asked for, or the arguments are wrong; what is to be said has been said.
+  // code: help was asked for, or the arguments are wrong; what is to be said has been said. Throws
+  // StationError (Usage) for a dropout that is none.
   std::optional<int> parse(int argc, char** argv);
 
   // The fields below with their codecs. Throw StationError (Usage) for a codec that there is not.

@@ -7,6 +7,8 @@
 #include <gio/gio.h>
 #include <nlohmann/json.hpp>
 
+#include "WeakReference.h"
+
 namespace station {
 namespace {
 
@@ -60,11 +62,21 @@ std::string resource(const char* path) {
   return {static_cast<const char*>(data), size};
 }
 
+// What a client's address holds: a message knows no socket of a connection that was accepted for
+// it.
+constexpr const char* kSocket = "station-socket";
+
 // A request that is not whole by now never will be.
 gboolean onDeadline(gpointer message) {
-  GSocket* const socket = soup_server_message_get_socket(SOUP_SERVER_MESSAGE(message));
+  GSocketAddress* const client =
+      soup_server_message_get_remote_address(SOUP_SERVER_MESSAGE(message));
+  if (client == nullptr) {
+    return G_SOURCE_REMOVE;
+  }
+  const GstPtr<GSocket> socket(
+      static_cast<GSocket*>(WeakReference::get(g_object_get_data(G_OBJECT(client), kSocket))));
   if (socket != nullptr) {
-    g_socket_shutdown(socket, TRUE, TRUE, nullptr);
+    g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
   }
   return G_SOURCE_REMOVE;
 }
@@ -126,6 +138,13 @@ gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* /
 void HttpServer::accept(GSocketConnection* connection) {
   g_autoptr(GSocketAddress) local = g_socket_connection_get_local_address(connection, nullptr);
   g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
+  if (local == nullptr || remote == nullptr) {
+    return;  // gone already, which the server library would complain about
+  }
+  // Weak, as the socket itself holds its client's address.
+  g_object_set_data_full(G_OBJECT(remote), kSocket,
+                         new WeakReference(g_socket_connection_get_socket(connection)),
+                         WeakReference::drop);
   soup_server_accept_iostream(server_.get(), G_IO_STREAM(connection), local, remote, nullptr);
 }
 

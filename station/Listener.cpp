@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "StationError.h"
@@ -12,6 +13,24 @@ namespace {
 // What the kernel may hold for a client that does not read, before its own doubling.
 constexpr int kSendBufferBytes = 256 * 1024;
 constexpr int kBacklog = 128;
+constexpr unsigned int kOtherDescriptors = 128;  // of the process, beside connections
+
+// Without a descriptor left, GLib would try to accept what waits, and complain, without a pause.
+void reserveDescriptors(unsigned int connections) {
+  const rlim_t wanted = rlim_t{connections} + kOtherDescriptors;
+  struct rlimit limit {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_cur >= wanted) {
+    return;
+  }
+  limit.rlim_cur = wanted;
+  if (wanted > limit.rlim_max || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    throw StationError(ExitCode::Usage, "so many clients take up to " + std::to_string(wanted) +
+                                            " open files, but the system allows " +
+                                            std::to_string(limit.rlim_max) +
+                                            ": lower --max-clients or raise the limit (ulimit -n)");
+  }
+}
 
 void dropCount(gpointer count) {
   delete static_cast<std::shared_ptr<void>*>(count);
@@ -22,6 +41,7 @@ void dropCount(gpointer count) {
 Listener::Listener(const std::string& address, std::uint16_t port, const Limits& limits,
                    Accept accept)
     : limits_(limits), accept_(std::move(accept)), service_(g_socket_service_new()) {
+  reserveDescriptors(limits.connections);
   g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string(address.c_str(), port);
   if (wanted == nullptr) {
     throw StationError(ExitCode::Usage, "not a numeric address: " + address);

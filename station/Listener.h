@@ -23,8 +23,10 @@ class Listener {
   // Takes a connection whose socket has the limits set.
   using Accept = std::function<void(GSocketConnection* connection)>;
 
-  // Listens on a numeric address, on any free port if `port` is 0. Throws StationError: Usage for
-  // something that is not an address, Output for an address that cannot be had.
+  // Listens on a numeric address, on any free port if `port` is 0. Raises the process's limit of
+  // open files if it is too low for the connections. Throws StationError: Usage for something that
+  // is not an address or more connections than the system allows, Output for an address that
+  // cannot be had.
   Listener(const std::string& address, std::uint16_t port, const Limits& limits, Accept accept);
   ~Listener();
   Listener(const Listener&) = delete;

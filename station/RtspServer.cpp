@@ -1,9 +1,11 @@
 #include "RtspServer.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "RtspAuth.h"
+#include "WeakReference.h"
 
 namespace station {
 namespace {
@@ -32,8 +34,7 @@ std::string describe(const GstVideoBackend& backend, const ServeOptions& options
 
 // Closes a client that has still no session.
 gboolean checkClient(gpointer reference) {
-  g_autoptr(GstRTSPClient) client =
-      GST_RTSP_CLIENT(g_weak_ref_get(static_cast<GWeakRef*>(reference)));
+  g_autoptr(GstRTSPClient) client = static_cast<GstRTSPClient*>(WeakReference::get(reference));
   if (client == nullptr) {
     return G_SOURCE_REMOVE;
   }
@@ -45,33 +46,58 @@ gboolean checkClient(gpointer reference) {
   return G_SOURCE_REMOVE;
 }
 
-void dropReference(gpointer reference) {
-  g_weak_ref_clear(static_cast<GWeakRef*>(reference));
-  delete static_cast<GWeakRef*>(reference);
-}
-
-// The sessions that a client has begun. Without its client a session has no media, but would keep a
-// place from others until it has timed out.
-class Sessions {
+// The sessions that a client has begun, which end with it. The server library ends their pipelines,
+// but keeps them for a minute: of clients that come and go without TEARDOWN, soon as many as may
+// be.
+class ClientSessions {
  public:
-  explicit Sessions(GstPtr<GstRTSPSessionPool> pool) : pool_(std::move(pool)) {}
-  ~Sessions() {
-    for (const GstPtr<GstRTSPSession>& session : sessions_) {
-      gst_rtsp_session_pool_remove(pool_.get(), session.get());
+  explicit ClientSessions(GstRTSPSessionPool* pool)
+      : pool_(GST_RTSP_SESSION_POOL(g_object_ref(pool))) {}
+  ~ClientSessions() {
+    for (const auto& reference : sessions_) {
+      const GstPtr<GstRTSPSession> session(
+          static_cast<GstRTSPSession*>(WeakReference::get(reference.get())));
+      if (session != nullptr) {
+        gst_rtsp_session_pool_remove(pool_.get(), session.get());
+      }
     }
   }
-  Sessions(const Sessions&) = delete;
-  Sessions& operator=(const Sessions&) = delete;
+  ClientSessions(const ClientSessions&) = delete;
+  ClientSessions& operator=(const ClientSessions&) = delete;
 
-  static void onNew(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
-    static_cast<Sessions*>(self)->sessions_.emplace_back(GST_RTSP_SESSION(g_object_ref(session)));
+  static void onSession(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
+    auto& sessions = static_cast<ClientSessions*>(self)->sessions_;
+    const auto hasEnded = [](const std::unique_ptr<WeakReference>& reference) {
+      return GstPtr<GstRTSPSession>(
+                 static_cast<GstRTSPSession*>(WeakReference::get(reference.get()))) == nullptr;
+    };
+    sessions.erase(std::remove_if(sessions.begin(), sessions.end(), hasEnded), sessions.end());
+    sessions.push_back(std::make_unique<WeakReference>(session));
   }
-  static void drop(gpointer self) { delete static_cast<Sessions*>(self); }
+  static void drop(gpointer self) { delete static_cast<ClientSessions*>(self); }
 
  private:
   const GstPtr<GstRTSPSessionPool> pool_;
-  std::vector<GstPtr<GstRTSPSession>> sessions_;
+  std::vector<std::unique_ptr<WeakReference>> sessions_;
 };
+
+bool isPlaying(GstRTSPSession* session) {
+  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
+  bool playing = false;
+  for (const GList* item = all; item != nullptr; item = item->next) {
+    playing = playing || gst_rtsp_session_media_get_rtsp_state(
+                             GST_RTSP_SESSION_MEDIA(item->data)) == GST_RTSP_STATE_PLAYING;
+  }
+  g_list_free_full(all, g_object_unref);
+  return playing;
+}
+
+// The server library would change the transport while packets are sent by it, and end the process.
+GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+  return context->session != nullptr && isPlaying(context->session)
+             ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE
+             : GST_RTSP_STS_OK;
+}
 
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
@@ -153,15 +179,13 @@ void RtspServer::accept(GSocketConnection* connection) {
 }
 
 void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*self*/) {
-  auto* const sessions =
-      new Sessions(GstPtr<GstRTSPSessionPool>(gst_rtsp_server_get_session_pool(server)));
-  g_object_set_data_full(G_OBJECT(client), "sessions", sessions, Sessions::drop);
-  g_signal_connect(client, "new-session", G_CALLBACK(Sessions::onNew), sessions);
-
-  auto* const reference = new GWeakRef;
-  g_weak_ref_init(reference, client);
-  g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient, reference,
-                             dropReference);
+  const GstPtr<GstRTSPSessionPool> pool(gst_rtsp_server_get_session_pool(server));
+  auto* const sessions = new ClientSessions(pool.get());
+  g_object_set_data_full(G_OBJECT(client), "station-sessions", sessions, ClientSessions::drop);
+  g_signal_connect(client, "new-session", G_CALLBACK(ClientSessions::onSession), sessions);
+  g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
+  g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient,
+                             new WeakReference(client), WeakReference::drop);
 }
 
 void RtspServer::tick() {
