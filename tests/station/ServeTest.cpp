@@ -136,7 +136,7 @@ TEST(Serve, GarbageDoesNotDisturbWhoWatches) {
   Program rtspViewer(watch(rtsp.url()));
   http.awaitLine("camera runs");
   rtsp.awaitLine("camera runs");
-  const auto descriptors = http.entries("fd") + 2;  // may be open for the library's own work
+  const auto descriptors = http.descriptors();
   std::list<Garbage> garbage;
   for (int i = 0; i < 2; ++i) {
     garbage.emplace_back(http.port());
@@ -147,10 +147,10 @@ TEST(Serve, GarbageDoesNotDisturbWhoWatches) {
   EXPECT_EQ(seen.err, "");
   EXPECT_EQ(httpViewer.wait().out, "200 28");  // the end of its time
   garbage.clear();
-  for (int i = 0; i < 50 && http.entries("fd") > descriptors; ++i) {
+  for (int i = 0; i < 50 && http.descriptors() > descriptors; ++i) {
     g_usleep(100000);
   }
-  EXPECT_LE(http.entries("fd"), descriptors);
+  EXPECT_LE(http.descriptors(), descriptors);
   rtsp.stop();
   http.stop();
 }
@@ -164,13 +164,13 @@ TEST(Serve, NoMoreClientsThanAllowed) {
   }
   viewers.emplace_back(http.port()).get("/stream.h264");
   EXPECT_NE(viewers.back().receive().find("503 Service Unavailable"), std::string::npos);
-  const auto descriptors = http.entries("fd");
+  const auto descriptors = http.descriptors();
   std::list<Connection> more;
   for (int i = 0; i < 40; ++i) {
     more.emplace_back(http.port());
   }
   EXPECT_EQ(more.back().receive(), "");  // closed, so all before it have been seen to
-  EXPECT_LE(http.entries("fd"), descriptors + 20);
+  EXPECT_LE(http.descriptors(), descriptors + 20);
   http.stop();
 
   Server rtsp("rtsp", {"--board", "imx", "--max-clients", "1"});

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <regex>
+#include <system_error>
 
 #include "support/Command.h"
 #include "support/ProcessState.h"
@@ -41,8 +43,18 @@ Server::Server(const std::string& kind, const std::vector<std::string>& more)
   port_ = std::stoi(match[2]);
 }
 
-std::ptrdiff_t Server::entries(const std::string& folder) const {
-  return entriesOf(("/proc/" + program_.pid() + "/" + folder).c_str());
+std::ptrdiff_t Server::descriptors() const {
+  std::ptrdiff_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + program_.pid() + "/fd")) {
+    std::error_code closed;
+    const std::string target = std::filesystem::read_symlink(entry, closed);
+    count += !closed && target.rfind("/memfd:lumora-frame", 0) != 0 ? 1 : 0;
+  }
+  return count;
+}
+
+std::ptrdiff_t Server::threads() const {
+  return entriesOf(("/proc/" + program_.pid() + "/task").c_str());
 }
 
 long Server::memory() const {

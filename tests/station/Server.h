@@ -32,8 +32,10 @@ class Server {
   // Waits for a line of this text on standard error, after those already read.
   void awaitLine(const std::string& line) { program_.awaitErrorLine(line); }
 
-  // Entries of /proc/PID/`folder`.
-  std::ptrdiff_t entries(const std::string& folder) const;
+  // Open descriptors without those of the camera's pool, which keeps as many frames as were ever
+  // under way at once.
+  std::ptrdiff_t descriptors() const;
+  std::ptrdiff_t threads() const;
   // Resident memory in bytes.
   long memory() const;
 
