@@ -3,10 +3,44 @@
 import datetime
 import importlib.machinery
 import importlib.util
+import os
 import pathlib
 import sys
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+BEGIN = time.monotonic()
+
+
+class Broken(Exception):
+    """A promise that was not kept."""
+
+
+def require(condition, text):
+    if not condition:
+        raise Broken(text)
+
+
+def now():
+    """Seconds since the start."""
+    return time.monotonic() - BEGIN
+
+
+def log(text):
+    print(f"{now():7.2f} {text}", file=sys.stderr, flush=True)
+
+
+def descriptors(pid):
+    """A process's open descriptors, and the frames of its camera's pool, which are not among them. There
+    are as many of these as were ever under way at once, which depends on how busy the machine is."""
+    names = []
+    for entry in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        try:
+            names.append(os.readlink(entry))
+        except FileNotFoundError:
+            pass  # closed meanwhile
+    frames = sum(name.startswith("/memfd:lumora-frame") for name in names)
+    return len(names) - frames, frames
 
 
 def load_script(path):
