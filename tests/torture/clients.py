@@ -1,32 +1,50 @@
 """Clients of media-station's servers: some are orderly, some vanish, some are a nuisance."""
 
+import collections
+import re
 import socket
 import struct
 import subprocess
 import time
 import urllib.parse
 
-PATIENCE = 20  # seconds, on a busy machine
+from support import Broken, require
+
+PATIENCE = 30  # seconds, on a busy machine
 KEEP_ALIVE = 25  # seconds between signs of life; the server gives a session a minute
 ENOUGH = 2000  # bytes of a stream that prove that it comes
 
 
-class Failure(Exception):
-    """A client that was in order was not served."""
+def connect(url):
+    parts = urllib.parse.urlsplit(url)
+    try:
+        return socket.create_connection((parts.hostname, parts.port), PATIENCE)
+    except OSError as error:
+        raise Broken(f"{url}: {error}") from None
 
 
-class Connection:
-    """A socket, and what has arrived on it but was not read yet."""
+def reset(client):
+    """Closes without a goodbye: the other side gets an RST."""
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    client.close()
+
+
+def request(method, path, *headers, version="HTTP/1.1"):
+    return "\r\n".join([f"{method} {path} {version}", *headers, "", ""]).encode()
+
+
+class Http:
+    """A client that behaves, and what has arrived but was not read yet."""
 
     def __init__(self, url):
         self.url = urllib.parse.urlsplit(url)
-        self.socket = socket.create_connection((self.url.hostname, self.url.port), PATIENCE)
+        self.socket = connect(url)
         self.buffer = b""
 
     def receive(self):
         data = self.socket.recv(65536)
         if not data:
-            raise Failure("the server closed the connection")
+            raise Broken("the server closed the connection")
         self.buffer += data
 
     def take(self, count):
@@ -35,19 +53,17 @@ class Connection:
         data, self.buffer = self.buffer[:count], self.buffer[count:]
         return data
 
-    def take_head(self):
-        """Status and header fields of an answer."""
+    def answer(self):
+        """The header fields."""
         while b"\r\n\r\n" not in self.buffer:
             self.receive()
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         lines = head.decode().split("\r\n")
-        fields = dict(line.split(": ", 1) for line in lines[1:])
-        return int(lines[0].split()[1]), {name.lower(): value for name, value in fields.items()}
+        require(lines[0].split()[1] == "200", f"{self.url.path}: {lines[0]}")
+        return {name.lower(): value for name, value in (line.split(": ", 1) for line in lines[1:])}
 
     def vanish(self):
-        """Closes with a reset, as a process that is killed with data unread."""
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.socket.close()
+        reset(self.socket)
 
     def __enter__(self):
         return self
@@ -55,16 +71,8 @@ class Connection:
     def __exit__(self, *_):
         self.socket.close()
 
-
-class Http(Connection):
     def get(self, path):
-        self.socket.sendall(f"GET {path} HTTP/1.1\r\nHost: {self.url.netloc}\r\n\r\n".encode())
-
-    def answer(self):
-        status, fields = self.take_head()
-        if status != 200:
-            raise Failure(f"status {status}")
-        return fields
+        self.socket.sendall(request("GET", path, f"Host: {self.url.netloc}"))
 
     def watch(self, path, seconds):
         """Bytes of the stream that came."""
@@ -77,61 +85,94 @@ class Http(Connection):
         return size
 
 
-class Rtsp(Connection):
-    def __init__(self, url):
-        super().__init__(url)
-        self.count = 0
+class Rtsp:
+    """A client that says over one connection whatever it is told to."""
+    Answer = collections.namedtuple("Answer", "status headers")
+
+    def __init__(self, url, client=None):
+        self.url = url
+        self.client = client if client is not None else connect(url)
+        self.stream = self.client.makefile("rb")
         self.session = None
+        self.number = 0
 
-    def ask(self, method, target, **more):
-        self.count += 1
-        fields = {"CSeq": self.count, **more}
-        if self.session:
-            fields["Session"] = self.session
-        text = "".join(f"{name}: {value}\r\n" for name, value in fields.items())
-        self.socket.sendall(f"{method} {target} RTSP/1.0\r\n{text}\r\n".encode())
-        # Packets of the stream may come before the answer.
-        while self.take(1) == b"$":
-            self.packet_after_dollar()
-        self.buffer = b"R" + self.buffer
-        status, fields = self.take_head()
-        if status != 200:
-            raise Failure(f"{method}: status {status}")
-        return fields, self.take(int(fields.get("content-length", 0)))
+    def __enter__(self):
+        return self
 
-    def packet_after_dollar(self):
-        channel, length = struct.unpack(">BH", self.take(3))
-        return channel, self.take(length)
+    def __exit__(self, *_):
+        self.stream.close()
+        self.client.close()
+
+    def send(self, method, path, *headers, body=b""):
+        self.number += 1
+        session = [f"Session: {self.session}"] if self.session else []
+        length = [f"Content-Length: {len(body)}"] if body else []
+        self.client.sendall(request(method, self.url + path, f"CSeq: {self.number}", *session,
+                                    *length, *headers, version="RTSP/1.0") + body)
 
     def packet(self):
-        """The next RTP packet."""
-        while True:
-            if self.take(1) != b"$":
-                raise Failure("not an interleaved packet")
-            channel, data = self.packet_after_dollar()
-            if channel == 0:
-                return data
+        """The next interleaved packet; answers before it are skipped."""
+        while (first := self.stream.read(1)) != b"$":
+            require(first, "the connection ended")
+            self.finish_answer(first)
+        channel, length = struct.unpack(">BH", self.stream.read(3))
+        return channel, self.stream.read(length)
 
-    def play(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1"):
-        fields, _ = self.ask("DESCRIBE", self.url.geturl(), Accept="application/sdp")
-        self.base = fields["content-base"]
-        fields, _ = self.ask("SETUP", self.base + "stream=0", Transport=transport)
-        self.session = fields["session"].partition(";")[0]
-        self.ask("PLAY", self.base)
+    def answer(self):
+        """The next answer; packets before it are skipped. None if the server has closed."""
+        try:
+            while (first := self.stream.read(1)) == b"$":
+                self.stream.read(struct.unpack(">BH", self.stream.read(3))[1])
+            return self.finish_answer(first) if first else None
+        except (ConnectionError, struct.error):
+            return None
+
+    def finish_answer(self, first):
+        line = (first + self.stream.readline()).decode(errors="replace")
+        found = re.fullmatch(r"RTSP/[12]\.\d ([1-5]\d\d) .*\r\n", line)
+        require(found, f"not a status line: {line!r}")
+        headers = {}
+        while (line := self.stream.readline().decode(errors="replace").strip()):
+            name, _, value = line.partition(":")
+            headers[name.lower()] = value.strip()
+        self.stream.read(int(headers.get("content-length", 0)))
+        return self.Answer(int(found[1]), headers)
+
+    def ask(self, method, path="", *headers, body=b""):
+        """The status, 0 if the server has closed instead. Remembers the session."""
+        try:
+            self.send(method, path, *headers, body=body)
+        except ConnectionError:
+            return 0
+        answer = self.answer()
+        if answer is None:
+            return 0
+        if "session" in answer.headers:
+            self.session = answer.headers["session"].partition(";")[0]
+        return answer.status
+
+    def setup(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1"):
+        return self.ask("SETUP", "/stream=0", f"Transport: {transport}")
+
+    def begin(self, *transport):
+        for status in (self.ask("DESCRIBE", "", "Accept: application/sdp"), self.setup(*transport),
+                       self.ask("PLAY")):
+            require(status == 200, f"a client that behaves is answered {status}")
 
     def watch(self, seconds):
         end = time.monotonic() + seconds
         said = time.monotonic()
-        while True:
-            self.packet()
-            if time.monotonic() >= end:
-                return
+        while self.packet()[0] != 0 or time.monotonic() < end:
             if time.monotonic() >= said + KEEP_ALIVE:
-                self.ask("OPTIONS", self.base)
+                self.send("OPTIONS", "")
                 said = time.monotonic()
 
     def tear_down(self):
-        self.ask("TEARDOWN", self.base)
+        require(self.ask("TEARDOWN") == 200, "a session does not end")
+
+    def vanish(self):
+        self.stream.detach()
+        reset(self.client)
 
 
 # Latencies, in milliseconds.
@@ -151,7 +192,7 @@ def first_packet_latency(url):
     """From the first request of a session to its first RTP packet."""
     with Rtsp(url) as client:
         begin = time.monotonic()
-        client.play()
+        client.begin()
         client.packet()
         latency = time.monotonic() - begin
         client.tear_down()
@@ -193,21 +234,21 @@ def http_reader(url, chance, _seconds):
 
 def rtsp_viewer(url, _chance, seconds):
     with Rtsp(url) as client:
-        client.play()
+        client.begin()
         client.watch(seconds)
         client.tear_down()
 
 
 def rtsp_vanishes(url, _chance, seconds):
     client = Rtsp(url)
-    client.play()
+    client.begin()
     client.watch(seconds)
     client.vanish()
 
 
 def rtsp_does_not_read(url, _chance, seconds):
     client = Rtsp(url)
-    client.play()
+    client.begin()
     time.sleep(seconds)
     client.vanish()
 
@@ -216,9 +257,9 @@ def rtsp_over_udp(url, chance, seconds):
     """Whether it says goodbye is chance."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as rtp, Rtsp(url) as client:
         rtp.settimeout(PATIENCE)
-        rtp.bind((client.url.hostname, 0))
+        rtp.bind(("127.0.0.1", 0))
         port = rtp.getsockname()[1]
-        client.play(f"RTP/AVP/UDP;unicast;client_port={port}-{port}")
+        client.begin(f"RTP/AVP/UDP;unicast;client_port={port}-{port}")
         end = time.monotonic() + seconds
         while True:
             rtp.recv(65536)
@@ -230,7 +271,7 @@ def rtsp_over_udp(url, chance, seconds):
 
 def rtsp_half_a_session(url, _chance, seconds):
     with Rtsp(url) as client:
-        client.ask("DESCRIBE", client.url.geturl(), Accept="application/sdp")
+        client.ask("DESCRIBE", "", "Accept: application/sdp")
         time.sleep(seconds)
 
 
@@ -243,10 +284,10 @@ def ffmpeg(arguments, chance, seconds):
     try:
         code = process.wait(seconds if killed else 3 * PATIENCE)
         if code != 0:
-            raise Failure(f"ffmpeg: exit code {code}")
+            raise Broken(f"ffmpeg: exit code {code}")
     except subprocess.TimeoutExpired:
         if not killed:
-            raise Failure("ffmpeg does not end") from None
+            raise Broken("ffmpeg does not end") from None
     finally:
         process.kill()
         process.wait()
