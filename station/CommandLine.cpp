@@ -1,7 +1,9 @@
 #include "CommandLine.h"
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <utility>
 
@@ -15,15 +17,13 @@ using media_backend::GstVideoBackend;
 
 // A value's type name says what completion offers: FILE, FOLDER, or the words in braces.
 
-// CLI11's own range lets "nan" through.
-CLI::Validator realRange(double least, double most) {
-  CLI::Validator range = CLI::Range(least, most);
-  const auto check = [least, most](std::string& text) -> std::string {
-    double value = 0;
-    const bool inside = CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
-    return inside ? "" : "Value " + text + " not in its range";
-  };
-  return range.operation(check);
+// CLI11's range lets "nan" through, which is neither below nor above.
+CLI::Validator isNumber() {
+  return CLI::Validator(
+      [](std::string& text) {
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is no number" : "";
+      },
+      "");
 }
 
 // Options that several commands take.
@@ -93,7 +93,8 @@ void addAudioOptions(CLI::App& command, AudioOptions& audio) {
   command
       .add_option("--loss", audio.reception.lossPercent,
                   "Percent of the sound's packets to lose at random")
-      ->check(realRange(0.0, 100.0))
+      ->check(CLI::Range(0.0, 100.0))
+      ->check(isNumber())
       ->needs(file);
   command.add_option("--seed", audio.reception.seed, "For --loss")->capture_default_str();
   command
@@ -193,7 +194,8 @@ void addRecord(CLI::App& app, CommandLine& line) {
   command
       .add_option("--duration", record.durationSeconds,
                   "Seconds to record; until Ctrl-C if not given")
-      ->check(realRange(0.001, 1e9));
+      ->check(CLI::Range(0.001, 1e9))
+      ->check(isNumber());
   command.add_flag_callback(
       "--no-loop", [&record] { record.camera.loop = false; },
       "End with the file, do not repeat it");
