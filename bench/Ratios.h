@@ -13,6 +13,8 @@
 #include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
 
+constexpr double kNoAim = 0;  // a peer that is only looked at
+
 // A benchmark beside its peer or limit: the ratio of their medians, and what it should not exceed.
 struct Ratio {
   const char* title;
@@ -73,7 +75,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double median = quantile(subject, 0.5) / quantile(peer, 0.5);
       const double low = quantile(single, 0.25);
       const double high = quantile(single, 0.75);
-      std::printf("%-56s %7.3f  (%.3f to %.3f, aim: %.2f)\n", ratio.title, median, low, high,
+      std::printf("%-56s %7.3f  (%.3f to %.3f, aim: %.3g)\n", ratio.title, median, low, high,
                   ratio.aim);
       lines << nlohmann::ordered_json{{"title", ratio.title},
                                       {"ratio", median},

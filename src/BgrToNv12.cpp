@@ -28,15 +28,15 @@ constexpr unsigned kPixels = 64;  // of a row, taken at a time
 constexpr unsigned kWords = kPixels / 2;
 
 struct Planes {
-  alignas(32) Word b[kWords];
-  alignas(32) Word g[kWords];
-  alignas(32) Word r[kWords];
+  alignas(64) Word b[kWords];
+  alignas(64) Word g[kWords];
+  alignas(64) Word r[kWords];
 };
 
 struct Nv12Block {
-  alignas(32) Word luma[2][kWords];
-  alignas(32) Word chroma[kWords];
-  alignas(32) Word whole[2][kWords];  // bytes of 0xff where luma is a whole number, greys left out
+  alignas(64) Word luma[2][kWords];
+  alignas(64) Word chroma[kWords];
+  alignas(64) Word whole[2][kWords];  // bytes of 0xff where luma is a whole number, greys left out
 };
 
 [[gnu::always_inline]] inline std::uint8_t lumaOf(unsigned b, unsigned g, unsigned r) {
@@ -288,6 +288,11 @@ template <SplitFunction Split>
   }
 }
 
+void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
+                       std::uint8_t* nv12) {
+  convertImage<splitPortable>(bgr, step, width, height, nv12);
+}
+
 #if defined(__x86_64__)
 
 [[gnu::target("avx2,fma")]] void bgrToNv12Avx2(const std::uint8_t* bgr, std::size_t step,
@@ -296,35 +301,38 @@ template <SplitFunction Split>
   convertImage<splitAvx2>(bgr, step, width, height, nv12);
 }
 
-#endif
-
-}  // namespace
-
-void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
-                       std::uint8_t* nv12) {
-  convertImage<splitPortable>(bgr, step, width, height, nv12);
-}
-
-#if defined(__x86_64__)
-
-BgrToNv12 bestBgrToNv12() {
-  const bool hasAvx2 = __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0;
-  return hasAvx2 ? bgrToNv12Avx2 : bgrToNv12Portable;
+[[gnu::target("avx512bw,avx2,fma")]] void bgrToNv12Avx512(const std::uint8_t* bgr, std::size_t step,
+                                                          unsigned width, unsigned height,
+                                                          std::uint8_t* nv12) {
+  convertImage<splitAvx2>(bgr, step, width, height, nv12);
 }
 
 #elif defined(__aarch64__)
 
-BgrToNv12 bestBgrToNv12() {
-  return [](const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
-            std::uint8_t* nv12) { convertImage<splitNeon>(bgr, step, width, height, nv12); };
-}
-
-#else
-
-BgrToNv12 bestBgrToNv12() {
-  return bgrToNv12Portable;
+void bgrToNv12Neon(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
+                   std::uint8_t* nv12) {
+  convertImage<splitNeon>(bgr, step, width, height, nv12);
 }
 
 #endif
+
+}  // namespace
+
+BgrToNv12Conversions bgrToNv12Conversions() {
+  BgrToNv12Conversions conversions = {};
+  auto next = conversions.begin();
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0) {
+    if (__builtin_cpu_supports("avx512bw") != 0) {
+      *next++ = bgrToNv12Avx512;
+    }
+    *next++ = bgrToNv12Avx2;
+  }
+#elif defined(__aarch64__)
+  *next++ = bgrToNv12Neon;
+#endif
+  *next = bgrToNv12Portable;
+  return conversions;
+}
 
 }  // namespace media_backend

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -15,11 +16,8 @@ namespace media_backend {
 using BgrToNv12 = void (*)(const std::uint8_t* bgr, std::size_t step, unsigned width,
                            unsigned height, std::uint8_t* nv12);
 
-// For every processor of the architecture.
-void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
-                       std::uint8_t* nv12);
-
-// The fastest one for the processor that this runs on.
-BgrToNv12 bestBgrToNv12();
+// Those that this processor can run, the fastest first; null after the last.
+using BgrToNv12Conversions = std::array<BgrToNv12, 3>;
+BgrToNv12Conversions bgrToNv12Conversions();
 
 }  // namespace media_backend

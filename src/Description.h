@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -10,14 +11,19 @@
 namespace media_backend {
 
 // A pipeline description as it is written, piece after piece. Unlike a string stream it never
-// groups digits as the process's locale would, and it allocates once.
+// groups digits as the process's locale would, and it allocates once. Pieces are copied into place
+// here, where the compiler knows most of their lengths: a string's own append() is a call for each.
 class Description {
  public:
   // `expectedLength`: characters to make room for at once; a longer text still fits.
-  explicit Description(std::size_t expectedLength) { text_.reserve(expectedLength); }
+  explicit Description(std::size_t expectedLength) : text_(expectedLength, '\0') {}
 
   Description& operator<<(std::string_view piece) {
-    text_.append(piece);
+    if (piece.size() > text_.size() - length_) {
+      text_.resize(2 * text_.size() + piece.size());
+    }
+    std::memcpy(text_.data() + length_, piece.data(), piece.size());
+    length_ += piece.size();
     return *this;
   }
 
@@ -25,22 +31,25 @@ class Description {
   Description& operator<<(Integer number) {
     char digits[24];
     const std::to_chars_result result = std::to_chars(digits, digits + sizeof(digits), number);
-    text_.append(digits, result.ptr);
-    return *this;
+    return *this << std::string_view(digits, static_cast<std::size_t>(result.ptr - digits));
   }
 
   // Writes key and value, or nothing if the value is null or empty.
   Description& optional(std::string_view key, const char* value) {
     if (value != nullptr && *value != '\0') {
-      text_.append(key).append(value);
+      *this << key << value;
     }
     return *this;
   }
 
-  std::string take() { return std::move(text_); }
+  std::string take() {
+    text_.resize(length_);
+    return std::move(text_);
+  }
 
  private:
   std::string text_;
+  std::size_t length_ = 0;
 };
 
 }  // namespace media_backend

@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <new>
 
+#include <sys/mman.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
@@ -20,6 +22,21 @@ cv::Mat decode(const std::string& path) {
   } catch (const cv::Exception&) {
     return {};
   }
+}
+
+constexpr std::align_val_t kLargePage{2U << 20U};  // bytes
+
+struct LargePageDelete {
+  void operator()(std::uint8_t* bytes) const { ::operator delete[](bytes, kLargePage); }
+};
+using LargePages = std::unique_ptr<std::uint8_t[], LargePageDelete>;
+
+// Uninitialised memory, in large pages if the kernel gives them out. A big image takes thousands of
+// small ones, and that many page faults can last longer than its conversion.
+LargePages allocate(std::size_t size) {
+  LargePages bytes(new (kLargePage) std::uint8_t[size]);
+  madvise(bytes.get(), size, MADV_HUGEPAGE);
+  return bytes;
 }
 
 }  // namespace
@@ -47,9 +64,8 @@ std::shared_ptr<lumora::LumoraPicture> StillImageFrameSource::load(
     return {};
   }
 
-  // Not a vector, which would write every byte once more.
-  const std::unique_ptr<std::uint8_t[]> nv12(new std::uint8_t[std::size_t{width} * height * 3 / 2]);
-  bestBgrToNv12()(image.data, image.step[0], width, height, nv12.get());
+  const LargePages nv12 = allocate(std::size_t{width} * height * 3 / 2);
+  bgrToNv12Conversions().front()(image.data, image.step[0], width, height, nv12.get());
   std::shared_ptr<lumora::LumoraPicture> picture =
       lumora::LumoraPicture::fromNv12Host(nv12.get(), width, height, width);
   if (picture == nullptr) {

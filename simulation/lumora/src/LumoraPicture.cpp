@@ -12,7 +12,7 @@ std::shared_ptr<LumoraPicture> LumoraPicture::fromNv12Host(const void* data, uns
   }
   std::shared_ptr<LumoraPicture> picture(new LumoraPicture(width, height));
   const auto* source = static_cast<const std::uint8_t*>(data);
-  std::uint8_t* target = picture->pixels_.data();
+  std::uint8_t* target = picture->pixels_.get();
   const std::size_t rows = std::size_t{height} + height / 2;
   for (std::size_t row = 0; row < rows; ++row) {
     std::memcpy(target + row * width, source + row * stride, width);
@@ -23,7 +23,7 @@ std::shared_ptr<LumoraPicture> LumoraPicture::fromNv12Host(const void* data, uns
 LumoraPicture::LumoraPicture(unsigned width, unsigned height)
     : width_(width),
       height_(height),
-      pixels_(std::size_t{width} * (std::size_t{height} + height / 2)) {}
+      pixels_(new std::uint8_t[std::size_t{width} * (std::size_t{height} + height / 2)]) {}
 
 void LumoraPicture::setMetadata(const std::string& key, MetadataValue value) {
   metadata_.insert_or_assign(key, std::move(value));

@@ -82,8 +82,8 @@ class LUMORA_API LumoraPicture {
   unsigned width() const { return width_; }    // pixels
   unsigned height() const { return height_; }  // pixels
   unsigned stride() const { return width_; }   // bytes between rows of either plane
-  const std::uint8_t* luma() const { return pixels_.data(); }
-  const std::uint8_t* chroma() const { return pixels_.data() + std::size_t{width_} * height_; }
+  const std::uint8_t* luma() const { return pixels_.get(); }
+  const std::uint8_t* chroma() const { return pixels_.get() + std::size_t{width_} * height_; }
 
   void setMetadata(const std::string& key, MetadataValue value);
   // Null if the picture does not carry the key.
@@ -94,7 +94,7 @@ class LUMORA_API LumoraPicture {
 
   unsigned width_;
   unsigned height_;
-  std::vector<std::uint8_t> pixels_;
+  std::unique_ptr<std::uint8_t[]> pixels_;
   std::map<std::string, MetadataValue> metadata_;
 };
 
