@@ -1,6 +1,6 @@
 // Loading the library, beside an empty one that is linked against the same libraries. Each is
-// loaded by a child of a process that has loaded neither; the counters give the sizes of the files without
-// what is for the debugger.
+// loaded by a child of a process that has loaded neither; the counters give the sizes of the files
+// without what is for the debugger.
 
 #include <chrono>
 #include <cstdio>

@@ -75,8 +75,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double median = quantile(subject, 0.5) / quantile(peer, 0.5);
       const double low = quantile(single, 0.25);
       const double high = quantile(single, 0.75);
-      std::printf("%-56s %7.3f  (%.3f to %.3f, aim: %.3g)\n", ratio.title, median, low, high,
-                  ratio.aim);
+      std::printf("%-56s %7.3f  (%.3f to %.3f, ", ratio.title, median, low, high);
+      std::printf(ratio.aim == kNoAim ? "no aim)\n" : "aim: %.3g)\n", ratio.aim);
       lines << nlohmann::ordered_json{{"title", ratio.title},
                                       {"ratio", median},
                                       {"low", low},

@@ -125,7 +125,8 @@ TEST_F(VividCamera, ShowsTheNewestFrameToACallerThatSlept) {
     std::this_thread::sleep_for(1s);
     const GstClockTime awake = now();
     ASSERT_NE(capture(slow), nullptr) << error_;
-    EXPECT_GT(g_taken + 2 * GST_SECOND / 5, awake);
+    // The newest one is up to a frame time old, and videorate keeps one until the next has come.
+    EXPECT_GT(g_taken + 3 * GST_SECOND / 5, awake);
   }
 }
 
