@@ -1,6 +1,7 @@
 // The exact texts of the pipeline descriptions.
 
 #include <locale>
+#include <string>
 #include <tuple>
 
 #include <gmock/gmock.h>
@@ -64,6 +65,12 @@ TEST_F(Descriptions, InputConversion) {
   for (const auto& [profile, colorimetry, text] : rows) {
     EXPECT_EQ(GstVideoBackend(profile).inputConversionChain(colorimetry), text);
   }
+}
+
+TEST_F(Descriptions, HoldTextsOfAnyLength) {
+  const std::string value(5000, 'x');
+  EXPECT_EQ(GstVideoBackend(nvidiaProfile()).inputConversionChain(value.c_str()),
+            "  ! nvvidconv   ! video/x-raw(memory:NVMM),format=NV12,colorimetry=" + value + " ");
 }
 
 TEST_F(Descriptions, TransportEncoder) {
