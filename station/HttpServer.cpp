@@ -7,6 +7,7 @@
 #include <gio/gio.h>
 #include <nlohmann/json.hpp>
 
+#include "HttpRequestFilter.h"
 #include "WeakReference.h"
 
 namespace station {
@@ -145,7 +146,8 @@ void HttpServer::accept(GSocketConnection* connection) {
   g_object_set_data_full(G_OBJECT(remote), kSocket,
                          new WeakReference(g_socket_connection_get_socket(connection)),
                          WeakReference::drop);
-  soup_server_accept_iostream(server_.get(), G_IO_STREAM(connection), local, remote, nullptr);
+  g_autoptr(GIOStream) stream = filterHttpRequests(connection);
+  soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
 }
 
 void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* message,

@@ -26,8 +26,9 @@ Server& server() {
 
 // The status that a plain request must have, 0 if this is none.
 int expectedStatus(const std::string& request) {
+  // No empty or dotted part of the path, which would be taken out of it.
   static const std::regex kPlain(
-      "([A-Z]{3,7}) (/[a-z0-9./]*) HTTP/1\\.[01]\r\nHost: [a-z]+\r\n\r\n");
+      "([A-Z]{3,7}) (/|(?:/[a-z0-9]+(?:\\.[a-z0-9]+)*)+) HTTP/1\\.[01]\r\nHost: [a-z]+\r\n\r\n");
   static const std::map<std::string, int> kPaths = {{"/", 200},
                                                     {"/page.css", 200},
                                                     {"/page.js", 200},

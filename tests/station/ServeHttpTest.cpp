@@ -143,6 +143,17 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
   server.stop();
 }
 
+TEST(ServeHttpPaths, ATransferCodingIsRefusedHoweverItComes) {
+  Server server("http", {"--board", "imx", "--codec", "h264"});
+  Connection client(server.port());
+  client.send("GET / HTTP/1.1\r\nHost: a\r\nX: Transfer-Encoding: x\r\nTRANSFER-");
+  std::this_thread::sleep_for(milliseconds(50));  // else one piece
+  client.send("encoding: x\r\n\r\n");
+  EXPECT_EQ(client.receive().substr(0, 12), "HTTP/1.1 501");
+  EXPECT_EQ(client.receive(), "");
+  server.stop();
+}
+
 TEST(ServeHttpPage, ShowsTheLivePicture) {
   // chromedriver talks to Chromium by that name.
   if (run({"sh", "-c", "command -v chromium && command -v chromedriver && getent hosts localhost"})

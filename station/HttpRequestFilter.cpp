@@ -1,0 +1,95 @@
+#include "HttpRequestFilter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kUnwanted = "\ntransfer-encoding";
+constexpr std::string_view kRefusal =
+    "HTTP/1.1 501 Not Implemented\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+
+struct RequestFilter {
+  GObject object;
+  GSocket* socket;  // kept by the object's data
+  gsize matched;    // bytes of kUnwanted that the last ones are
+};
+
+bool completesUnwanted(RequestFilter& filter, char character) {
+  // Nothing in kUnwanted but its beginning is a line's end.
+  if (g_ascii_tolower(character) == kUnwanted[filter.matched]) {
+    ++filter.matched;
+  } else {
+    filter.matched = character == kUnwanted[0] ? 1 : 0;
+  }
+  return filter.matched == kUnwanted.size();
+}
+
+GConverterResult convert(GConverter* self, const void* input, gsize inputSize, void* output,
+                         gsize outputSize, GConverterFlags flags, gsize* bytesRead,
+                         gsize* bytesWritten, GError** error) {
+  auto& filter = *reinterpret_cast<RequestFilter*>(self);
+  const gsize size = std::min(inputSize, outputSize);
+  if (size == 0) {
+    if ((flags & G_CONVERTER_INPUT_AT_END) != 0) {
+      return G_CONVERTER_FINISHED;
+    }
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "nothing has come");
+    return G_CONVERTER_ERROR;
+  }
+  for (const char character : std::string_view(static_cast<const char*>(input), size)) {
+    if (completesUnwanted(filter, character)) {
+      filter.matched = 0;
+      g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
+                                  nullptr);
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
+      return G_CONVERTER_ERROR;
+    }
+  }
+  std::memcpy(output, input, size);
+  *bytesRead = *bytesWritten = size;
+  return G_CONVERTER_CONVERTED;
+}
+
+void reset(GConverter* self) {
+  reinterpret_cast<RequestFilter*>(self)->matched = 0;
+}
+
+void setUpConverter(gpointer interface, gpointer /*unused*/) {
+  static_cast<GConverterIface*>(interface)->convert = convert;
+  static_cast<GConverterIface*>(interface)->reset = reset;
+}
+
+GType filterType() {
+  static const GType kType = [] {
+    const GType type = g_type_register_static_simple(
+        G_TYPE_OBJECT, "StationHttpRequestFilter", sizeof(GObjectClass), nullptr,
+        sizeof(RequestFilter), nullptr, static_cast<GTypeFlags>(0));
+    const GInterfaceInfo converter = {setUpConverter, nullptr, nullptr};
+    g_type_add_interface_static(type, G_TYPE_CONVERTER, &converter);
+    return type;
+  }();
+  return kType;
+}
+
+}  // namespace
+
+namespace station {
+
+GIOStream* filterHttpRequests(GSocketConnection* connection) {
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  g_autoptr(GObject) filter = G_OBJECT(g_object_new(filterType(), nullptr));
+  reinterpret_cast<RequestFilter*>(filter)->socket = socket;
+  g_object_set_data_full(filter, "station-socket", g_object_ref(socket), g_object_unref);
+  g_autoptr(GInputStream) input = g_converter_input_stream_new(
+      g_io_stream_get_input_stream(G_IO_STREAM(connection)), G_CONVERTER(filter));
+  GIOStream* const stream =
+      g_simple_io_stream_new(input, g_io_stream_get_output_stream(G_IO_STREAM(connection)));
+  // The socket closes with its connection.
+  g_object_set_data_full(G_OBJECT(stream), "station-connection", g_object_ref(connection),
+                         g_object_unref);
+  return stream;
+}
+
+}  // namespace station
