@@ -6,24 +6,54 @@
 
 namespace {
 
-constexpr std::string_view kUnwanted = "\ntransfer-encoding";
 constexpr std::string_view kRefusal =
     "HTTP/1.1 501 Not Implemented\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
 
 struct RequestFilter {
   GObject object;
   GSocket* socket;  // kept by the object's data
-  gsize matched;    // bytes of kUnwanted that the last ones are
+  char line[64];    // the current one's beginning
+  gsize length;     // of what is in there
+  gboolean ended;
 };
 
-bool completesUnwanted(RequestFilter& filter, char character) {
-  // Nothing in kUnwanted but its beginning is a line's end.
-  if (g_ascii_tolower(character) == kUnwanted[filter.matched]) {
-    ++filter.matched;
-  } else {
-    filter.matched = character == kUnwanted[0] ? 1 : 0;
+bool begins(std::string_view line, std::string_view name) {
+  return line.size() >= name.size() &&
+         g_ascii_strncasecmp(line.data(), name.data(), name.size()) == 0;
+}
+
+// Whether the library mishandles a request with this line and `next` behind it.
+bool isMishandled(std::string_view line, char next) {
+  constexpr std::string_view kLength = "content-length";
+  if (!begins(line, kLength)) {
+    return begins(line, "transfer-encoding");
   }
-  return filter.matched == kUnwanted.size();
+  std::string_view value = line.substr(kLength.size());
+  value.remove_prefix(std::min(value.find_first_not_of(" \t:"), value.size()));
+  if (!value.empty() && value.back() == '\r') {
+    value.remove_suffix(1);
+  }
+  const bool number =
+      !value.empty() && value.find_first_not_of("0123456789") == std::string_view::npos;
+  const bool goesOn = line.size() == sizeof(RequestFilter::line) || next == ' ' || next == '\t';
+  return !number || goesOn;
+}
+
+// Whether the request is refused for this next character of it.
+bool isRefused(RequestFilter& filter, char character) {
+  if (filter.ended != FALSE) {
+    filter.ended = FALSE;
+    if (isMishandled({filter.line, filter.length}, character)) {
+      return true;
+    }
+    filter.length = 0;
+  }
+  if (character == '\n') {
+    filter.ended = TRUE;
+  } else if (filter.length < sizeof(filter.line)) {
+    filter.line[filter.length++] = character;
+  }
+  return false;
 }
 
 GConverterResult convert(GConverter* self, const void* input, gsize inputSize, void* output,
@@ -39,8 +69,7 @@ GConverterResult convert(GConverter* self, const void* input, gsize inputSize, v
     return G_CONVERTER_ERROR;
   }
   for (const char character : std::string_view(static_cast<const char*>(input), size)) {
-    if (completesUnwanted(filter, character)) {
-      filter.matched = 0;
+    if (isRefused(filter, character)) {
       g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
                                   nullptr);
       g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
@@ -53,7 +82,9 @@ GConverterResult convert(GConverter* self, const void* input, gsize inputSize, v
 }
 
 void reset(GConverter* self) {
-  reinterpret_cast<RequestFilter*>(self)->matched = 0;
+  auto& filter = *reinterpret_cast<RequestFilter*>(self);
+  filter.length = 0;
+  filter.ended = FALSE;
 }
 
 void setUpConverter(gpointer interface, gpointer /*unused*/) {

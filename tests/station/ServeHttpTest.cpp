@@ -143,14 +143,23 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
   server.stop();
 }
 
-TEST(ServeHttpPaths, ATransferCodingIsRefusedHoweverItComes) {
+// What the server library would keep the memory of, whose loss address sanitizers report.
+TEST(ServeHttpPaths, ABodyOfNoKnownLengthIsRefusedHoweverItComes) {
   Server server("http", {"--board", "imx", "--codec", "h264"});
-  Connection client(server.port());
-  client.send("GET / HTTP/1.1\r\nHost: a\r\nX: Transfer-Encoding: x\r\nTRANSFER-");
-  std::this_thread::sleep_for(milliseconds(50));  // else one piece
-  client.send("encoding: x\r\n\r\n");
-  EXPECT_EQ(client.receive().substr(0, 12), "HTTP/1.1 501");
-  EXPECT_EQ(client.receive(), "");
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"X: Transfer-Encoding: x\r\nTRANSFER-", "encoding: x\r\n\r\n", "501"},
+      {"Transfer-Encoding: chunked\r\n", "\r\n0\r\n\r\n", "501"},
+      {"Content-Length", ": 1x\r\n\r\n", "501"},
+      {"Content-Length: 1\r\n", " x\r\n\r\n", "501"},
+      {"Content-Length: 0\r", "\n\r\n", "200"},
+  };
+  for (const auto& [begin, end, answer] : rows) {
+    Connection client(server.port());
+    client.send(std::string("GET / HTTP/1.1\r\nHost: a\r\n") + begin);
+    std::this_thread::sleep_for(milliseconds(50));  // else one piece
+    client.send(end);
+    EXPECT_EQ(client.receive().substr(0, 12), std::string("HTTP/1.1 ") + answer) << begin << end;
+  }
   server.stop();
 }
 
