@@ -17,43 +17,56 @@ struct RequestFilter {
   gboolean ended;
 };
 
+constexpr std::string_view kCoding = "transfer-encoding";
+constexpr std::string_view kLength = "content-length";
+
 bool begins(std::string_view line, std::string_view name) {
   return line.size() >= name.size() &&
          g_ascii_strncasecmp(line.data(), name.data(), name.size()) == 0;
 }
 
-// Whether the library mishandles a request with this line and `next` behind it.
-bool isMishandled(std::string_view line, char next) {
-  constexpr std::string_view kLength = "content-length";
+bool isNumber(std::string_view value) {
+  return !value.empty() && value.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// Whether the library mishandles a request with this line, which may be its last.
+bool isMishandled(std::string_view line) {
   if (!begins(line, kLength)) {
-    return begins(line, "transfer-encoding");
+    return begins(line, kCoding);
   }
   std::string_view value = line.substr(kLength.size());
   value.remove_prefix(std::min(value.find_first_not_of(" \t:"), value.size()));
   if (!value.empty() && value.back() == '\r') {
     value.remove_suffix(1);
   }
-  const bool number =
-      !value.empty() && value.find_first_not_of("0123456789") == std::string_view::npos;
-  const bool goesOn = line.size() == sizeof(RequestFilter::line) || next == ' ' || next == '\t';
-  return !number || goesOn;
+  return !isNumber(value) || line.size() == sizeof(RequestFilter::line);  // there may be more of it
 }
 
 // Whether the request is refused for this next character of it.
 bool isRefused(RequestFilter& filter, char character) {
-  if (filter.ended != FALSE) {
-    filter.ended = FALSE;
-    if (isMishandled({filter.line, filter.length}, character)) {
-      return true;
-    }
-    filter.length = 0;
-  }
+  const std::string_view line(filter.line, filter.length);
   if (character == '\n') {
     filter.ended = TRUE;
-  } else if (filter.length < sizeof(filter.line)) {
+    return isMishandled(line);
+  }
+  if (filter.ended != FALSE) {
+    filter.ended = FALSE;
+    filter.length = 0;
+    if ((character == ' ' || character == '\t') && begins(line, kLength)) {
+      return true;  // its value goes on
+    }
+  }
+  if (filter.length < sizeof(filter.line)) {
     filter.line[filter.length++] = character;
   }
   return false;
+}
+
+GConverterResult refuse(const RequestFilter& filter, GError** error) {
+  g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
+                              nullptr);
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
+  return G_CONVERTER_ERROR;
 }
 
 GConverterResult convert(GConverter* self, const void* input, gsize inputSize, void* output,
@@ -63,17 +76,15 @@ GConverterResult convert(GConverter* self, const void* input, gsize inputSize, v
   const gsize size = std::min(inputSize, outputSize);
   if (size == 0) {
     if ((flags & G_CONVERTER_INPUT_AT_END) != 0) {
-      return G_CONVERTER_FINISHED;
+      return isMishandled({filter.line, filter.length}) ? refuse(filter, error)
+                                                        : G_CONVERTER_FINISHED;
     }
     g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "nothing has come");
     return G_CONVERTER_ERROR;
   }
   for (const char character : std::string_view(static_cast<const char*>(input), size)) {
     if (isRefused(filter, character)) {
-      g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
-                                  nullptr);
-      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
-      return G_CONVERTER_ERROR;
+      return refuse(filter, error);
     }
   }
   std::memcpy(output, input, size);
