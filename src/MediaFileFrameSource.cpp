@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <new>
 #include <optional>
 #include <vector>
 
+#include <gst/allocators/gstdmabuf.h>
 #include <media_backend/GstNv12Sample.h>
 
 #include "Description.h"
@@ -15,11 +17,72 @@
 namespace media_backend {
 namespace {
 
+// A small file can promise any number of pixels, and GStreamer ends the process if it gets no
+// memory for them.
+constexpr std::int64_t kMostPixels = std::int64_t{8192} * 8192;
+
+// False unless `caps` are of pictures with more pixels.
+bool areHuge(const GstCaps* caps, int& width, int& height) {
+  const GstStructure* const format = caps != nullptr ? gst_caps_get_structure(caps, 0) : nullptr;
+  return format != nullptr && gst_structure_get_int(format, "width", &width) &&
+         gst_structure_get_int(format, "height", &height) &&
+         std::int64_t{width} * height > kMostPixels;
+}
+
+// A decoder may go on to take memory when its format is refused, or before it is linked to
+// anything. So it is told to take it where there is none.
+GstPadProbeReturn refuseHuge(GstPad* pad, GstPadProbeInfo* info, gpointer /*unused*/) {
+  GstCaps* caps = nullptr;
+  int width = 0;
+  int height = 0;
+  if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) != 0) {
+    GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
+      gst_event_parse_caps(event, &caps);
+    }
+    if (!areHuge(caps, width, height)) {
+      return GST_PAD_PROBE_OK;
+    }
+    const GstPtr<GstElement> decoder(gst_pad_get_parent_element(pad));
+    GST_ELEMENT_ERROR(decoder.get(), STREAM, FORMAT,
+                      ("pictures of %d x %d are too large", width, height), (nullptr));
+    return GST_PAD_PROBE_DROP;
+  }
+  GstQuery* const query = GST_PAD_PROBE_INFO_QUERY(info);
+  if (GST_QUERY_TYPE(query) == GST_QUERY_ALLOCATION) {
+    gst_query_parse_allocation(query, &caps, nullptr);
+  }
+  if (!areHuge(caps, width, height)) {
+    return GST_PAD_PROBE_OK;
+  }
+  const GstPtr<GstAllocator> none(gst_dmabuf_allocator_new());  // has none without a descriptor
+  gst_query_add_allocation_param(query, none.get(), nullptr);
+  return GST_PAD_PROBE_HANDLED;
+}
+
+void onElement(GstBin* /*decodebin*/, GstElement* element, gpointer /*unused*/) {
+  const GstPtr<GstPad> pad(gst_element_get_static_pad(element, "src"));
+  if (pad != nullptr) {
+    gst_pad_add_probe(pad.get(),
+                      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                                   GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM),
+                      refuseHuge, nullptr, nullptr);
+  }
+}
+
+void refuseHugePictures(GstElement* pipeline) {
+  const GstPtr<GstElement> decodebin(gst_bin_get_by_name(GST_BIN(pipeline), "simu_file_decode"));
+  if (decodebin != nullptr) {
+    g_signal_connect(decodebin.get(), "element-added", G_CALLBACK(onElement), nullptr);
+  }
+}
+
 constexpr SourcePipeline::Traits kTraits = {
     "simu_file_src",
     "location",
     "simu_file_sink",
     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
+    refuseHugePictures,
     "failed to create media file GStreamer pipeline",
     "GStreamer filesrc not found",
     "GStreamer appsink not found",

@@ -17,10 +17,11 @@ namespace media_backend {
 class SourcePipeline {
  public:
   struct Traits {
-    const char* sourceName;      // name of the source element in the description
-    const char* sourceProperty;  // its property that takes the location
-    const char* sinkName;        // name of the appsink in the description
-    GstMessageType watched;      // what report() looks for on the bus
+    const char* sourceName;                 // name of the source element in the description
+    const char* sourceProperty;             // its property that takes the location
+    const char* sinkName;                   // name of the appsink in the description
+    GstMessageType watched;                 // what report() looks for on the bus
+    void (*prepare)(GstElement* pipeline);  // called before it plays, unless null
 
     // error texts
     const char* createFailed;
@@ -94,6 +95,9 @@ inline bool SourcePipeline::build(const std::string& description, const std::str
   if (sink_ == nullptr) {
     error = traits_.sinkMissing;
     return false;
+  }
+  if (traits_.prepare != nullptr) {
+    traits_.prepare(pipeline_.get());
   }
   return true;
 }

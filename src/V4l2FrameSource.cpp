@@ -19,6 +19,7 @@ constexpr SourcePipeline::Traits kTraits = {
     "device",
     "simu_v4l_sink",
     static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING),
+    nullptr,
     "failed to create GStreamer pipeline",
     "GStreamer v4l2src not found",
     "GStreamer appsink not found",

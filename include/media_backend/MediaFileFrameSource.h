@@ -21,7 +21,7 @@ struct MediaFileFrameSourceConfig {
 };
 
 // A media file as a simulated camera: every decoded frame of the file in order, scaled to NV12, as
-// fast as the caller takes them.
+// fast as the caller takes them. Frames of more than 8192 x 8192 pixels are a failure.
 //
 // The pipeline starts inside the first capture() and is reused while the configuration stays the
 // same (frame rates closer than 1e-6 count as the same); another configuration starts from the
