@@ -29,6 +29,23 @@ bool areHuge(const GstCaps* caps, int& width, int& height) {
          std::int64_t{width} * height > kMostPixels;
 }
 
+void postTooLarge(GstElement* element, int width, int height) {
+  GST_ELEMENT_ERROR(element, STREAM, FORMAT, ("pictures of %d x %d are too large", width, height),
+                    (nullptr));
+}
+
+// Before there is a decoder, where the file's type tells the size. Some decoders take memory before
+// they tell it.
+gboolean onContinue(GstElement* decodebin, GstPad* /*pad*/, GstCaps* caps, gpointer /*unused*/) {
+  int width = 0;
+  int height = 0;
+  if (!areHuge(caps, width, height)) {
+    return TRUE;
+  }
+  postTooLarge(decodebin, width, height);
+  return FALSE;
+}
+
 // A decoder may go on to take memory when its format is refused, or before it is linked to
 // anything. So it is told to take it where there is none.
 GstPadProbeReturn refuseHuge(GstPad* pad, GstPadProbeInfo* info, gpointer /*unused*/) {
@@ -44,8 +61,7 @@ GstPadProbeReturn refuseHuge(GstPad* pad, GstPadProbeInfo* info, gpointer /*unus
       return GST_PAD_PROBE_OK;
     }
     const GstPtr<GstElement> decoder(gst_pad_get_parent_element(pad));
-    GST_ELEMENT_ERROR(decoder.get(), STREAM, FORMAT,
-                      ("pictures of %d x %d are too large", width, height), (nullptr));
+    postTooLarge(decoder.get(), width, height);
     return GST_PAD_PROBE_DROP;
   }
   GstQuery* const query = GST_PAD_PROBE_INFO_QUERY(info);
@@ -73,6 +89,7 @@ void onElement(GstBin* /*decodebin*/, GstElement* element, gpointer /*unused*/) 
 void refuseHugePictures(GstElement* pipeline) {
   const GstPtr<GstElement> decodebin(gst_bin_get_by_name(GST_BIN(pipeline), "simu_file_decode"));
   if (decodebin != nullptr) {
+    g_signal_connect(decodebin.get(), "autoplug-continue", G_CALLBACK(onContinue), nullptr);
     g_signal_connect(decodebin.get(), "element-added", G_CALLBACK(onElement), nullptr);
   }
 }

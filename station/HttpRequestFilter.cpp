@@ -26,7 +26,9 @@ bool begins(std::string_view line, std::string_view name) {
 }
 
 bool isNumber(std::string_view value) {
-  return !value.empty() && value.find_first_not_of("0123456789") == std::string_view::npos;
+  constexpr std::size_t kMostDigits = 18;  // that are less than 2^63 for certain
+  return !value.empty() && value.size() <= kMostDigits &&
+         value.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 // Whether the library mishandles a request with this line, which may be its last.
@@ -36,30 +38,29 @@ bool isMishandled(std::string_view line) {
   }
   std::string_view value = line.substr(kLength.size());
   value.remove_prefix(std::min(value.find_first_not_of(" \t:"), value.size()));
-  if (!value.empty() && value.back() == '\r') {
-    value.remove_suffix(1);
-  }
+  value = value.substr(0, value.find_last_not_of(" \t\r") + 1);
   return !isNumber(value) || line.size() == sizeof(RequestFilter::line);  // there may be more of it
 }
 
 // Whether the request is refused for this next character of it.
 bool isRefused(RequestFilter& filter, char character) {
-  const std::string_view line(filter.line, filter.length);
-  if (character == '\n') {
-    filter.ended = TRUE;
-    return isMishandled(line);
-  }
   if (filter.ended != FALSE) {
+    const bool goesOn =
+        (character == ' ' || character == '\t') && begins({filter.line, filter.length}, kLength);
     filter.ended = FALSE;
     filter.length = 0;
-    if ((character == ' ' || character == '\t') && begins(line, kLength)) {
-      return true;  // its value goes on
+    if (goesOn) {
+      return true;
     }
+  }
+  if (character == '\n') {
+    filter.ended = TRUE;
+    return isMishandled({filter.line, filter.length});
   }
   if (filter.length < sizeof(filter.line)) {
     filter.line[filter.length++] = character;
   }
-  return false;
+  return character == '\0';  // older ones of the library take it out, and read what is left
 }
 
 GConverterResult refuse(const RequestFilter& filter, GError** error) {

@@ -180,18 +180,20 @@ TEST_F(MediaFile, SaysWhyAFileCannotBePlayed) {
   std::ofstream(folder_ / "text.mp4") << std::string(20000, 'x');
   std::ofstream(folder_ / "nothing.mp4") << "";
   fs::create_directory(folder_ / "folder.mp4");
-  // Grey pixels, of which there is not one. GStreamer cannot live without their 4 GiB.
+  // Grey pixels, of which there are none or four. GStreamer cannot live without their 4 GiB.
   const std::string_view huge(
       "\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\xff\xff\0\0\xff\xff\x08\0\0\0\0\x93\x6e\x86\x8c"
       "\0\0\0\x09IDAT\x78\x9c\x63\0\0\0\1\0\1\x5e\xff\x7d\xf9\0\0\0\0IEND\xae\x42\x60\x82",
       66);
   std::ofstream(folder_ / "huge.mp4") << huge;
+  std::ofstream(folder_ / "text.pgm") << "P2\n65500 65500\n255\n1 2 3 4\n";
   const MediaFileFrameSourceConfig good = clip();
   const std::pair<const char*, const char*> rows[] = {
       {"text.mp4", "This appears to be a text file ("},
       {"nothing.mp4", "Stream contains no data. ("},
       {"folder.mp4", "is a directory. ("},
-      {"huge.mp4", "pictures of 65535 x 65535 are too large ("}};
+      {"huge.mp4", "pictures of 65535 x 65535 are too large ("},
+      {"text.pgm", "pictures of 65500 x 65500 are too large ("}};
   for (const auto& [name, reason] : rows) {
     SCOPED_TRACE(name);
     MediaFileFrameSourceConfig bad = good;
