@@ -1,18 +1,26 @@
-// Takes pictures out of one file, as a camera that has been given it: for files that are broken.
+// Takes pictures out of files, as a camera that has been given them: for files that are broken.
 //
-// Usage: take-picture still|media FILE
-// Prints what came of it and exits with 0, whether that is a picture or an error.
+// Usage: take-picture
+// Reads lines "still FILE" or "media FILE". Each file has a process of its own, which begins with
+// the libraries loaded. Answers a line with what waitpid() told of it, and what it printed: the
+// number of pictures and the error, where it has not come to grief.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <exception>
+#include <cstdlib>
+#include <iostream>
+#include <new>
 #include <string>
 
 #include <media_backend/MediaFileFrameSource.h>
 #include <media_backend/StillImageFrameSource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
+constexpr unsigned kSeconds = 60;  // for a file, with all processors busy
 constexpr int kMostFrames = 10;
 constexpr std::chrono::seconds kPatience{2};
 
@@ -34,21 +42,51 @@ int takeFrames(const std::string& path, std::string& error) {
   return frames;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: take-picture still|media FILE\n");
-    return 2;
-  }
-  const std::string path = argv[2];
+int take(const std::string& kind, const std::string& path) {
   std::string error;
   int pictures = 0;
   try {
-    pictures = argv[1] == std::string("still") ? takeStill(path, error) : takeFrames(path, error);
+    pictures = kind == "still" ? takeStill(path, error) : takeFrames(path, error);
   } catch (const std::bad_alloc&) {
     error = "out of memory";  // as documented
   }
   std::printf("%d %s\n", pictures, error.c_str());
   return pictures > 0 || !error.empty() ? 0 : 3;  // 3: a file without a picture, or no picture yet
+}
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t count; (count = read(fd, buffer, sizeof(buffer))) > 0;) {
+    text.append(buffer, static_cast<std::size_t>(count));
+  }
+  return text;
+}
+
+}  // namespace
+
+int main() {
+  for (std::string kind, path; std::cin >> kind && std::getline(std::cin >> std::ws, path);) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+      return EXIT_FAILURE;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(kSeconds);
+      dup2(ends[1], STDOUT_FILENO);
+      dup2(ends[1], STDERR_FILENO);
+      close(ends[0]);
+      close(ends[1]);
+      exit(take(kind, path));
+    }
+    close(ends[1]);
+    std::string printed = readAll(ends[0]);
+    close(ends[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    std::replace(printed.begin(), printed.end(), '\n', ' ');
+    std::cout << status << ' ' << printed << std::endl;
+  }
+  return EXIT_SUCCESS;
 }
