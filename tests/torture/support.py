@@ -10,6 +10,10 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BEGIN = time.monotonic()
+# For a process whose memory is watched. What was freed, but malloc() keeps, counts, too. By default it grows
+# for tens of minutes: every new thread takes another arena, and each arena comes to the most that one ever
+# held. With one arena, and with large blocks given back at once, it is at its level after the warm-up.
+ONE_HEAP = {"MALLOC_ARENA_MAX": "1", "MALLOC_MMAP_THRESHOLD_": "16384"}
 
 
 class Broken(Exception):
