@@ -30,8 +30,9 @@ bool areHuge(const GstCaps* caps, int& width, int& height) {
 }
 
 void postTooLarge(GstElement* element, int width, int height) {
-  GST_ELEMENT_ERROR(element, STREAM, FORMAT, ("pictures of %d x %d are too large", width, height),
-                    (nullptr));
+  g_autoptr(GError) error = g_error_new(GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT,
+                                        "pictures of %d x %d are too large", width, height);
+  gst_element_post_message(element, gst_message_new_error(GST_OBJECT(element), error, nullptr));
 }
 
 // Before there is a decoder, where the file's type tells the size. Some decoders take memory before

@@ -192,8 +192,8 @@ TEST_F(MediaFile, SaysWhyAFileCannotBePlayed) {
       {"text.mp4", "This appears to be a text file ("},
       {"nothing.mp4", "Stream contains no data. ("},
       {"folder.mp4", "is a directory. ("},
-      {"huge.mp4", "pictures of 65535 x 65535 are too large ("},
-      {"text.pgm", "pictures of 65500 x 65500 are too large ("}};
+      {"huge.mp4", "pictures of 65535 x 65535 are too large"},
+      {"text.pgm", "pictures of 65500 x 65500 are too large"}};
   for (const auto& [name, reason] : rows) {
     SCOPED_TRACE(name);
     MediaFileFrameSourceConfig bad = good;
