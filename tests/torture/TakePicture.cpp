@@ -22,7 +22,7 @@ namespace {
 
 constexpr unsigned kSeconds = 60;  // for a file, with all processors busy
 constexpr int kMostFrames = 10;
-constexpr std::chrono::seconds kPatience{2};
+constexpr std::chrono::milliseconds kPatience{500};
 
 int takeStill(const std::string& path, std::string& error) {
   return media_backend::StillImageFrameSource().load({path}, error) != nullptr ? 1 : 0;
