@@ -160,6 +160,10 @@ inline void SourcePipeline::teardown() {
     // A full sink holds the lock that a start which still goes on waits for, and that start the one
     // that the change of state below needs.
     gst_app_sink_set_drop(GST_APP_SINK(sink_.get()), TRUE);
+    // So does the end of a stream, which waits for the samples before it to be taken; taking one
+    // makes it look again.
+    g_object_set(sink_.get(), "wait-on-eos", FALSE, nullptr);
+    g_autoptr(GstSample) waitedFor = pull(std::chrono::nanoseconds::zero());
   }
   if (pipeline_ != nullptr) {
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
