@@ -302,33 +302,44 @@ TEST_F(MediaFile, NegativeTimeoutDoesNotWait) {
   EXPECT_EQ(error_, "");
 }
 
-// What a busy machine does to a start: the sink, asked to play, is filled before it gets to it.
-// From then on the start waits for the sink, and the sink for somebody who takes its frames.
+// What a busy machine does to a start: the sink, asked to play, is filled before it gets to it, or
+// has got all there is. From then on the start waits for the sink, and the sink for somebody who
+// takes its frames.
 TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
-  static std::atomic<bool> isBusy = true;
+  static std::atomic<bool> isBusy;
   const MediaFileFrameSourceConfig config = clip();
-  g_otherDescription =
-      "filesrc name=simu_file_src ! fakesink async=false videotestsrc num-buffers=1 ! fakesink "
-      "videotestsrc ! video/x-raw,format=NV12,width=192,height=64 ! "
-      "appsink name=simu_file_sink async=false max-buffers=1 emit-signals=true";
-  g_onParsed = [] {
-    g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
-    const auto stayBusy = +[](GstElement*) {
-      while (isBusy) {
-        std::this_thread::sleep_for(1ms);
-      }
-      return GST_FLOW_OK;
-    };
-    g_signal_connect(sink, "new-preroll", G_CALLBACK(stayBusy), nullptr);
+  const auto describe = [](const char* source, const char* sink) {
+    return std::string("filesrc name=simu_file_src ! fakesink async=false ") +
+           "videotestsrc num-buffers=1 ! fakesink videotestsrc " + source +
+           " ! video/x-raw,format=NV12,width=192,height=64 ! "
+           "appsink name=simu_file_sink async=false emit-signals=true " +
+           sink;
   };
-  EXPECT_EQ(next(config, 0ms), kNoFrame);
-  EXPECT_EQ(error_, "");
-  isBusy = false;
-  std::this_thread::sleep_for(100ms);
-  source_.stop();
-  g_onParsed = nullptr;
-  g_otherDescription = nullptr;
-  expectFrames(config, 0, 1);
+  for (const std::string& description :
+       {describe("", "max-buffers=1"), describe("num-buffers=1", "max-buffers=2")}) {
+    SCOPED_TRACE(description);
+    isBusy = true;
+    g_otherDescription = description.c_str();
+    g_onParsed = [] {
+      g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
+      const auto stayBusy = +[](GstElement*) {
+        while (isBusy) {
+          std::this_thread::sleep_for(1ms);
+        }
+        return GST_FLOW_OK;
+      };
+      g_signal_connect(sink, "new-preroll", G_CALLBACK(stayBusy), nullptr);
+    };
+    EXPECT_EQ(next(config, 0ms), kNoFrame);
+    EXPECT_EQ(error_, "");
+    isBusy = false;
+    std::this_thread::sleep_for(100ms);
+    source_.stop();
+    g_onParsed = nullptr;
+    g_otherDescription = nullptr;
+    expectFrames(config, 0, 1);
+    source_.stop();
+  }
 }
 
 TEST_F(MediaFile, ManySourcesAtOnceLeaveNoThreadAndNoDescriptorBehind) {
