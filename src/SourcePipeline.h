@@ -163,7 +163,7 @@ inline void SourcePipeline::teardown() {
     // So does the end of a stream, which waits for the samples before it to be taken; taking one
     // makes it look again.
     g_object_set(sink_.get(), "wait-on-eos", FALSE, nullptr);
-    g_autoptr(GstSample) waitedFor = pull(std::chrono::nanoseconds::zero());
+    [[maybe_unused]] g_autoptr(GstSample) taken = pull(std::chrono::nanoseconds::zero());
   }
   if (pipeline_ != nullptr) {
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
