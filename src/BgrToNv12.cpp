@@ -159,17 +159,14 @@ inline void splitNeon(const std::uint8_t* bgr, const LowGreys& low, Planes& plan
   return static_cast<Lane>(g + quotient + static_cast<Lane>(rest >> 15));
 }
 
-// floor(near / 2 - Exact * far / 31250), where `near` is the difference to green of the colour
-// that chroma is about, `far` that of the other one.
-template <int Exact>
+// floor(near / 2 - c * far), where `near` is the difference to green of the colour that chroma is
+// about, `far` that of the other one. As `near` is whole, so is the half of a whole number:
+// floor(near - 2 * c * far). Factor is 2 * c in 16 bits, which gives the right floor of the product
+// for each of the 511 differences.
+template <int Factor>
 [[gnu::always_inline]] inline Lane chroma(Lane near, Lane far) {
-  constexpr int kRounded = (Exact * 256 + 15625) / 31250;
-  constexpr int kBias = 51;
-  const auto scaled = static_cast<Lane>(128 * near - kRounded * far + kBias);
-  const auto quotient = static_cast<Lane>(scaled >> 8);
-  const auto half = static_cast<Lane>(near - 2 * quotient);
-  const auto rest = static_cast<Lane>(15625 * half - Exact * far);
-  return static_cast<Lane>(quotient + static_cast<Lane>(rest >> 15));
+  const auto share = static_cast<Lane>(-Factor * far >> 16);
+  return static_cast<Lane>(static_cast<Lane>(near + share) >> 1);
 }
 
 struct ChromaSum {
@@ -180,8 +177,8 @@ struct ChromaSum {
 [[gnu::always_inline]] inline Lane addPixel(int b, int g, int r, ChromaSum& sum, Word& whole) {
   const auto rg = static_cast<Lane>(r - g);
   const auto bg = static_cast<Lane>(b - g);
-  sum.u = static_cast<Lane>(sum.u + chroma<5273>(bg, rg));
-  sum.v = static_cast<Lane>(sum.v + chroma<2541>(rg, bg));
+  sum.u = static_cast<Lane>(sum.u + chroma<22117>(bg, rg));
+  sum.v = static_cast<Lane>(sum.v + chroma<10658>(rg, bg));
   return luma(static_cast<Lane>(g), rg, bg, whole);
 }
 
