@@ -298,12 +298,6 @@ void bgrToNv12Portable(const std::uint8_t* bgr, std::size_t step, unsigned width
   convertImage<splitAvx2>(bgr, step, width, height, nv12);
 }
 
-[[gnu::target("avx512bw,avx2,fma")]] void bgrToNv12Avx512(const std::uint8_t* bgr, std::size_t step,
-                                                          unsigned width, unsigned height,
-                                                          std::uint8_t* nv12) {
-  convertImage<splitAvx2>(bgr, step, width, height, nv12);
-}
-
 #elif defined(__aarch64__)
 
 void bgrToNv12Neon(const std::uint8_t* bgr, std::size_t step, unsigned width, unsigned height,
@@ -320,9 +314,6 @@ BgrToNv12Conversions bgrToNv12Conversions() {
   auto next = conversions.begin();
 #if defined(__x86_64__)
   if (__builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0) {
-    if (__builtin_cpu_supports("avx512bw") != 0) {
-      *next++ = bgrToNv12Avx512;
-    }
     *next++ = bgrToNv12Avx2;
   }
 #elif defined(__aarch64__)

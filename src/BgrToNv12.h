@@ -16,8 +16,8 @@ namespace media_backend {
 using BgrToNv12 = void (*)(const std::uint8_t* bgr, std::size_t step, unsigned width,
                            unsigned height, std::uint8_t* nv12);
 
-// Those that this processor can run, the fastest first; null after the last.
-using BgrToNv12Conversions = std::array<BgrToNv12, 3>;
+// Those that this processor can run, the fastest first; null if there is but one.
+using BgrToNv12Conversions = std::array<BgrToNv12, 2>;
 BgrToNv12Conversions bgrToNv12Conversions();
 
 }  // namespace media_backend

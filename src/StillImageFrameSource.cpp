@@ -31,11 +31,13 @@ struct LargePageDelete {
 };
 using LargePages = std::unique_ptr<std::uint8_t[], LargePageDelete>;
 
-// Uninitialised memory, in large pages if the kernel gives them out. A big image takes thousands of
-// small ones, and that many page faults can last longer than its conversion.
+// Uninitialised memory, in whole large pages if the kernel gives them out. An image takes hundreds
+// of small ones, and that many page faults can last longer than its conversion.
 LargePages allocate(std::size_t size) {
-  LargePages bytes(new (kLargePage) std::uint8_t[size]);
-  madvise(bytes.get(), size, MADV_HUGEPAGE);
+  constexpr auto kPage = static_cast<std::size_t>(kLargePage);
+  const std::size_t whole = (size + kPage - 1) / kPage * kPage;
+  LargePages bytes(new (kLargePage) std::uint8_t[whole]);
+  madvise(bytes.get(), whole, MADV_HUGEPAGE);
   return bytes;
 }
 
