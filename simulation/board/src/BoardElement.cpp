@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Faults.h"
+#include "FrameMappings.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -123,6 +124,10 @@ bool assemble(BoardElement* self) {
   GstElement* last = append(self, first, inside);
   if (model.bridgesSrc) {
     last = append(self, last, makeSurfaceBridge());
+  }
+  if (model.board == Model::Board::Imx) {
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(inside, "sink");
+    keepFramesMapped(pad);
   }
   finishCodec(self, inside);
   setTarget(self, "sink", first != nullptr ? first : inside);

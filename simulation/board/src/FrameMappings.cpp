@@ -1,0 +1,124 @@
+#include "FrameMappings.h"
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <gst/allocators/gstdmabuf.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+namespace simulated_board {
+namespace {
+
+// More than a camera has frames. A mapping also keeps the memory of a frame that is gone.
+constexpr std::size_t kMostMappings = 16;
+
+class Mapping {
+ public:
+  // Reads as much of the file `fd` as `status` says it has.
+  Mapping(int fd, const struct stat& status)
+      : device_(status.st_dev),
+        inode_(status.st_ino),
+        size_(static_cast<std::size_t>(status.st_size)),
+        bytes_(mmap(nullptr, size_, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0)) {}
+  ~Mapping() {
+    if (bytes_ != MAP_FAILED) {
+      munmap(bytes_, size_);
+    }
+  }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+
+  bool isOf(const struct stat& status) const {
+    return status.st_dev == device_ && status.st_ino == inode_ &&
+           static_cast<std::size_t>(status.st_size) == size_;
+  }
+  std::size_t size() const { return size_; }
+  void* bytes() const { return bytes_ != MAP_FAILED ? bytes_ : nullptr; }
+
+ private:
+  const dev_t device_;
+  const ino_t inode_;
+  const std::size_t size_;
+  void* const bytes_;
+};
+
+class FrameMappings {
+ public:
+  // The same frame in mapped memory; null if that is not to be had.
+  GstBuffer* map(GstBuffer* frame);
+
+ private:
+  std::shared_ptr<Mapping> find(int fd);
+
+  std::vector<std::shared_ptr<Mapping>> mappings_;  // the one used last at the end
+};
+
+// What a mapped frame needs for as long as its memory is in use.
+struct Source {
+  ~Source() { gst_buffer_unref(frame); }
+
+  std::shared_ptr<Mapping> mapping;
+  GstBuffer* frame;
+};
+
+std::shared_ptr<Mapping> FrameMappings::find(int fd) {
+  struct stat status;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    return nullptr;
+  }
+  const auto found = std::find_if(mappings_.begin(), mappings_.end(),
+                                  [&](const auto& mapping) { return mapping->isOf(status); });
+  if (found != mappings_.end()) {
+    std::rotate(found, found + 1, mappings_.end());
+    return mappings_.back();
+  }
+  auto mapping = std::make_shared<Mapping>(fd, status);
+  if (mapping->bytes() == nullptr) {
+    return nullptr;
+  }
+  if (mappings_.size() == kMostMappings) {
+    mappings_.erase(mappings_.begin());
+  }
+  mappings_.push_back(std::move(mapping));
+  return mappings_.back();
+}
+
+GstBuffer* FrameMappings::map(GstBuffer* frame) {
+  GstMemory* const memory = gst_buffer_peek_memory(frame, 0);
+  if (gst_buffer_n_memory(frame) != 1 || gst_is_dmabuf_memory(memory) == FALSE) {
+    return nullptr;
+  }
+  const std::shared_ptr<Mapping> mapping = find(gst_dmabuf_memory_get_fd(memory));
+  gsize offset = 0;
+  const gsize size = gst_memory_get_sizes(memory, &offset, nullptr);
+  if (mapping == nullptr || offset > mapping->size() || size > mapping->size() - offset) {
+    return nullptr;
+  }
+  GstBuffer* const mapped = gst_buffer_copy(frame);
+  gst_buffer_replace_all_memory(
+      mapped, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, mapping->bytes(), mapping->size(),
+                                     offset, size, new Source{mapping, gst_buffer_ref(frame)},
+                                     [](gpointer source) { delete static_cast<Source*>(source); }));
+  return mapped;
+}
+
+GstPadProbeReturn mapFrame(GstPad*, GstPadProbeInfo* info, gpointer mappings) {
+  GstBuffer* const frame = GST_PAD_PROBE_INFO_BUFFER(info);
+  GstBuffer* const mapped = static_cast<FrameMappings*>(mappings)->map(frame);
+  if (mapped != nullptr) {
+    GST_PAD_PROBE_INFO_DATA(info) = mapped;
+    gst_buffer_unref(frame);
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+}  // namespace
+
+void keepFramesMapped(GstPad* pad) {
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, mapFrame, new FrameMappings,
+                    [](gpointer mappings) { delete static_cast<FrameMappings*>(mappings); });
+}
+
+}  // namespace simulated_board
