@@ -57,10 +57,8 @@ class FrameMappings {
 
 // What a mapped frame needs for as long as its memory is in use.
 struct Source {
-  ~Source() { gst_buffer_unref(frame); }
-
   std::shared_ptr<Mapping> mapping;
-  GstBuffer* frame;
+  std::unique_ptr<GstBuffer, void (*)(GstBuffer*)> frame;
 };
 
 std::shared_ptr<Mapping> FrameMappings::find(int fd) {
@@ -98,9 +96,10 @@ GstBuffer* FrameMappings::map(GstBuffer* frame) {
   }
   GstBuffer* const mapped = gst_buffer_copy(frame);
   gst_buffer_replace_all_memory(
-      mapped, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, mapping->bytes(), mapping->size(),
-                                     offset, size, new Source{mapping, gst_buffer_ref(frame)},
-                                     [](gpointer source) { delete static_cast<Source*>(source); }));
+      mapped,
+      gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, mapping->bytes(), mapping->size(), offset,
+                             size, new Source{mapping, {gst_buffer_ref(frame), gst_buffer_unref}},
+                             [](gpointer source) { delete static_cast<Source*>(source); }));
   return mapped;
 }
 
