@@ -31,11 +31,12 @@ struct LargePageDelete {
 };
 using LargePages = std::unique_ptr<std::uint8_t[], LargePageDelete>;
 
-// Uninitialised memory, in whole large pages if the kernel gives them out. An image takes hundreds
-// of small ones, and that many page faults can last longer than its conversion.
+// Uninitialised memory, in whole large pages if it fills one and the kernel gives them out. An
+// image takes hundreds of small ones else, and so many page faults can last longer than its
+// conversion.
 LargePages allocate(std::size_t size) {
   constexpr auto kPage = static_cast<std::size_t>(kLargePage);
-  const std::size_t whole = (size + kPage - 1) / kPage * kPage;
+  const std::size_t whole = size < kPage ? size : (size + kPage - 1) / kPage * kPage;
   LargePages bytes(new (kLargePage) std::uint8_t[whole]);
   madvise(bytes.get(), whole, MADV_HUGEPAGE);
   return bytes;
