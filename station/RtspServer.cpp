@@ -1,11 +1,8 @@
 #include "RtspServer.h"
 
-#include <algorithm>
-#include <utility>
-#include <vector>
-
 #include "RtspAuth.h"
-#include "WeakReference.h"
+#include "RtspClient.h"
+#include "RtspDrain.h"
 
 namespace station {
 namespace {
@@ -14,7 +11,6 @@ using media_backend::GstVideoBackend;
 
 // Longer than a session lives without its client's keep-alive, which the server library sees to.
 constexpr std::chrono::seconds kIdle{90};
-constexpr guint kSetupSeconds = 15;            // that a client has to set up its session
 constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
 // Below the ports that the kernel gives out by itself.
 constexpr guint16 kFirstUdpPort = 16384;
@@ -31,55 +27,6 @@ std::string describe(const GstVideoBackend& backend, const ServeOptions& options
   return std::string("( ") + CameraFeed::kElement + backend.inputConversionChain(nullptr) +
          encoder + backend.rtspPayloaderChain(options.encoder.codec, options.mtu) + ")";
 }
-
-// Closes a client that has still no session.
-gboolean checkClient(gpointer reference) {
-  g_autoptr(GstRTSPClient) client = static_cast<GstRTSPClient*>(WeakReference::get(reference));
-  if (client == nullptr) {
-    return G_SOURCE_REMOVE;
-  }
-  GList* const sessions = gst_rtsp_client_session_filter(client, nullptr, nullptr);
-  if (sessions == nullptr) {
-    gst_rtsp_client_close(client);
-  }
-  g_list_free_full(sessions, g_object_unref);
-  return G_SOURCE_REMOVE;
-}
-
-// The sessions that a client has begun, which end with it. The server library ends their pipelines,
-// but keeps them for a minute: of clients that come and go without TEARDOWN, soon as many as may
-// be.
-class ClientSessions {
- public:
-  explicit ClientSessions(GstRTSPSessionPool* pool)
-      : pool_(GST_RTSP_SESSION_POOL(g_object_ref(pool))) {}
-  ~ClientSessions() {
-    for (const auto& reference : sessions_) {
-      const GstPtr<GstRTSPSession> session(
-          static_cast<GstRTSPSession*>(WeakReference::get(reference.get())));
-      if (session != nullptr) {
-        gst_rtsp_session_pool_remove(pool_.get(), session.get());
-      }
-    }
-  }
-  ClientSessions(const ClientSessions&) = delete;
-  ClientSessions& operator=(const ClientSessions&) = delete;
-
-  static void onSession(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
-    auto& sessions = static_cast<ClientSessions*>(self)->sessions_;
-    const auto hasEnded = [](const std::unique_ptr<WeakReference>& reference) {
-      return GstPtr<GstRTSPSession>(
-                 static_cast<GstRTSPSession*>(WeakReference::get(reference.get()))) == nullptr;
-    };
-    sessions.erase(std::remove_if(sessions.begin(), sessions.end(), hasEnded), sessions.end());
-    sessions.push_back(std::make_unique<WeakReference>(session));
-  }
-  static void drop(gpointer self) { delete static_cast<ClientSessions*>(self); }
-
- private:
-  const GstPtr<GstRTSPSessionPool> pool_;
-  std::vector<std::unique_ptr<WeakReference>> sessions_;
-};
 
 bool isPlaying(GstRTSPSession* session) {
   GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
@@ -99,10 +46,18 @@ GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gp
              : GST_RTSP_STS_OK;
 }
 
+void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+  adjustDrain(context->sessmedia);
+  // Wakes the stream's sending thread: it may still wait for a viewer over TCP that has gone.
+  gst_rtsp_stream_transport_message_sent(
+      gst_rtsp_session_media_get_transport(context->sessmedia, 0));
+}
+
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
   (*static_cast<FeedsPtr*>(feeds))->add(media);
+  addDrain(media);
 }
 
 void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
@@ -172,25 +127,28 @@ void RtspServer::accept(GSocketConnection* connection) {
   }
   g_autofree gchar* address =
       g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(remote)));
-  auto* const socket = G_SOCKET(g_object_ref(g_socket_connection_get_socket(connection)));
+  accepting_ = g_socket_connection_get_socket(connection);
+  auto* const socket = G_SOCKET(g_object_ref(accepting_));
   gst_rtsp_server_transfer_connection(server_.get(), socket, address,
                                       g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)),
                                       nullptr);
 }
 
-void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*self*/) {
-  const GstPtr<GstRTSPSessionPool> pool(gst_rtsp_server_get_session_pool(server));
-  auto* const sessions = new ClientSessions(pool.get());
-  g_object_set_data_full(G_OBJECT(client), "station-sessions", sessions, ClientSessions::drop);
-  g_signal_connect(client, "new-session", G_CALLBACK(ClientSessions::onSession), sessions);
+void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer self) {
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
+  RtspClient::follow(client, static_cast<RtspServer*>(self)->accepting_, sessions.get());
   g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
-  g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kSetupSeconds, checkClient,
-                             new WeakReference(client), WeakReference::drop);
+  g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
 }
 
 void RtspServer::tick() {
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
   gst_rtsp_session_pool_cleanup(sessions.get());
+  GList* const clients = gst_rtsp_server_client_filter(server_.get(), nullptr, nullptr);
+  for (const GList* item = clients; item != nullptr; item = item->next) {
+    RtspClient::look(GST_RTSP_CLIENT(item->data));
+  }
+  g_list_free_full(clients, g_object_unref);
 }
 
 }  // namespace station

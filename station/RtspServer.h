@@ -30,7 +30,8 @@ class RtspServer {
 
   const Listener& listener() const { return listener_; }
 
-  // To be called a few times a second: ends sessions that are not kept alive.
+  // To be called a few times a second: ends sessions that are not kept alive, and
+  // connections that have to.
   void tick();
 
  private:
@@ -44,6 +45,7 @@ class RtspServer {
   const std::string description_;
   const std::shared_ptr<RtspFeeds> feeds_;
   const GstPtr<GstRTSPServer> server_;
+  GSocket* accepting_ = nullptr;  // of the client that the server library makes at the moment
   Listener listener_;
 };
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -57,9 +58,10 @@ struct Reception {
   int unitsBeforeKey = 0;
 };
 
-Reception receive(const std::string& url, const Stream& stream, double seconds) {
-  const std::string description = "rtspsrc latency=0 protocols=tcp location=" + url +
-                                  " ! appsink name=packets sync=false " + "emit-signals=false";
+Reception receive(const std::string& url, const char* transport, const Stream& stream,
+                  double seconds) {
+  const std::string description = std::string("rtspsrc latency=0 protocols=") + transport +
+                                  " location=" + url + " ! appsink name=packets sync=false";
   g_autoptr(GstElement) pipeline = gst_parse_launch(description.c_str(), nullptr);
   g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline), "packets");
   const std::string depayload = std::string("appsrc name=in format=time ! ") + stream.depayloader +
@@ -111,7 +113,7 @@ TEST_P(ServeRtsp, SeveralClientsAtOnce) {
   std::this_thread::sleep_for(std::chrono::seconds(1));
   auto udp = std::async(std::launch::async, probe, server.url(), "udp", true);
   std::this_thread::sleep_for(std::chrono::seconds(2));
-  const Reception reception = receive(server.url(), stream, 3);
+  const Reception reception = receive(server.url(), "tcp", stream, 3);
 
   for (const json& probed : {tcp.get(), udp.get()}) {
     EXPECT_EQ(probed.value("codec_name", ""), stream.ffmpegName);
@@ -138,6 +140,32 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Stream{"imx", "h264", "h264", "H264", "rtph264depay ! h264parse"},
                     Stream{"nvidia", "h265", "hevc", "H265", "rtph265depay ! h265parse"}),
     [](const auto& instance) { return std::string(instance.param.codec); });
+
+// A player that is halted reads nothing: it holds up nobody else, and is thrown out.
+TEST(ServeRtspHalted, PlayerOverTcpHoldsUpNobodyOverUdp) {
+#if defined(EMULATED)
+  GTEST_SKIP() << "so few pictures are encoded that nobody is late";
+#endif
+  constexpr double kReceived = 18;  // seconds
+  const Stream stream{"imx", "h264", "h264", "H264", "rtph264depay ! h264parse"};
+  Server server("rtsp", {"--board", stream.board, "--bitrate", "20000000"});
+  Program player({"ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", server.url(),
+                  "-progress", "pipe:1", "-f", "null", "-"});
+  for (std::string line = "-"; !line.empty() && line.rfind("frame=", 0) != 0;) {
+    line = player.readLine();
+  }
+  player.signal(SIGSTOP);
+  std::this_thread::sleep_for(std::chrono::seconds(2));  // until the kernel takes no more
+  const Reception reception = receive(server.url(), "udp", stream, kReceived);
+  EXPECT_GT(reception.units, (kReceived * 30 - kKeyDistance) * kLeastShare);
+
+  const auto begin = std::chrono::steady_clock::now();
+  player.signal(SIGCONT);
+  player.wait();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30))
+      << "the connection ended only because nobody used it";
+  server.stop();
+}
 
 TEST(ServeRtspSleep, CameraRunsOnlyWhileSomebodyWatches) {
   Server server("rtsp", {"--board", "nvidia", "--path", "/door"});
