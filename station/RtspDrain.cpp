@@ -61,7 +61,8 @@ void adjustDrain(GstRTSPSessionMedia* viewer) {
   auto* const drain =
       static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(media), kKey));
   Viewers viewers{drain};
-  gst_rtsp_stream_transport_filter(stream, note, &viewers);
+  // Gives a list of those that note() picks, which is none.
+  g_list_free(gst_rtsp_stream_transport_filter(stream, note, &viewers));
   if (viewers.open && !viewers.overUdp) {
     gst_rtsp_stream_remove_transport(stream, drain);
   } else if (viewers.overUdp && !viewers.open) {
