@@ -26,9 +26,8 @@ class RtspClient {
 
   // To be called a few times a second. Ends the connection of a client
   // - that has had no session for 15 s,
-  // - whose stream has left it out for 3 s: one over TCP that was ten seconds late, and whose
-  // player
-  //   would wait for pictures that do not come.
+  // - whose stream has left it out for 3 s, as it does with one over TCP that is ten seconds late:
+  //   its player would wait for pictures that do not come.
   static void look(GstRTSPClient* client);
 
   ~RtspClient();

@@ -30,8 +30,7 @@ class RtspServer {
 
   const Listener& listener() const { return listener_; }
 
-  // To be called a few times a second: ends sessions that are not kept alive, and
-  // connections that have to.
+  // To be called a few times a second: ends what is not kept alive, late or idle.
   void tick();
 
  private:
