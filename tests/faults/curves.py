@@ -1,4 +1,4 @@
-"""Draws the curves of tests/torture/soak: a row a process, a column a quantity."""
+"""Draws the curves of tests/faults/soak: a row a process, a column a quantity."""
 
 import support
 
