@@ -17,9 +17,9 @@ constexpr std::uint32_t kDefaultSampleRate = 48000;
 constexpr std::uint8_t kDefaultChannels = 1;
 constexpr std::uint64_t kDefaultFrameDurationNs = 20'000'000;
 constexpr std::size_t kMaxPacketBytes = 4000;
-// Opus packets last 120 ms at most. What claims to be far longer is not worth the memory, or the
-// noise, to be told so: a sender's wrong duration would take gigabytes.
-constexpr std::uint64_t kAbsurdFrameDurationNs = 1'000'000'000;
+// Samples per channel of the longest Opus packet, 120 ms at 48 kHz. opus_encode() refuses a longer
+// frame, so none is allocated: a sender's wrong duration would take gigabytes.
+constexpr std::uint32_t kMaxFrameSamples = 5760;
 
 // The longest timeout whose nanoseconds fit the clock's count.
 constexpr milliseconds kLongestTimeout =
@@ -33,6 +33,23 @@ Value orDefault(Value value, Value fallback) {
 std::uint32_t samplesPerFrame(std::uint64_t durationNs, std::uint32_t sampleRate) {
   const auto samples = static_cast<std::int32_t>(durationNs * sampleRate / 1'000'000'000U);
   return static_cast<std::uint32_t>(std::max(samples, 1));
+}
+
+// The noise generator's step is state * multiplier + increment, modulo 2^32. Two steps in a row are
+// one of the same form, so any number of steps takes as many rounds as the number has bits.
+struct NoiseStep {
+  std::uint32_t multiplier = 1664525;
+  std::uint32_t increment = 1013904223;
+
+  std::uint32_t operator()(std::uint32_t state) const { return state * multiplier + increment; }
+  NoiseStep twice() const { return {multiplier * multiplier, (*this)(increment)}; }
+};
+
+std::uint32_t noiseStateAfter(std::uint32_t state, std::uint64_t steps) {
+  for (NoiseStep step; steps != 0; steps >>= 1U, step = step.twice()) {
+    state = (steps & 1U) != 0 ? step(state) : state;
+  }
+  return state;
 }
 
 }  // namespace
@@ -175,10 +192,6 @@ std::uint64_t AudioContinuityGuard::alignedTimelineLocked(std::uint64_t untilPts
 
 bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::uint8_t channels,
                                                std::uint64_t frameDurationNs) {
-  if (frameDurationNs > kAbsurdFrameDurationNs) {
-    encoder_.reset();
-    return false;
-  }
   const std::uint32_t samples = samplesPerFrame(frameDurationNs, sampleRate);
   if (encoder_ != nullptr && encoderFormat_.sampleRate == sampleRate &&
       encoderFormat_.channels == channels && encoderFormat_.frameSamples == samples) {
@@ -193,9 +206,9 @@ bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::ui
   }
   opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(bitrate_));
   opus_encoder_ctl(encoder.get(), OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
-  pcm_.assign(std::size_t{channels} * samples, 0);
+  pcm_.assign(samples > kMaxFrameSamples ? 0 : std::size_t{channels} * samples, 0);
   packet_.assign(kMaxPacketBytes, 0);
-  // Last, so that no encoder is kept whose buffers could not be had.
+  // Last, so that no encoder is kept without its buffers when an allocation fails.
   encoderFormat_ = {sampleRate, channels, samples};
   encoder_ = std::move(encoder);
   return true;
@@ -204,13 +217,19 @@ bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::ui
 // White noise at a quarter of full scale, from a linear congruential generator.
 // Inline, since a call of an exported function for each sample would cost more than the sample.
 inline std::int16_t AudioContinuityGuard::nextNoiseSampleLocked() {
-  noiseState_ = noiseState_ * 1664525U + 1013904223U;
+  noiseState_ = NoiseStep{}(noiseState_);
   const std::int32_t sample = static_cast<std::int32_t>(noiseState_ >> 16U) - 32768;
   return static_cast<std::int16_t>(sample / 4);
 }
 
 bool AudioContinuityGuard::generateFallbackLocked(EncodedAudioFrame& frame) {
   if (!ensureEncoderLocked(sampleRate_, channels_, frameDurationNs_)) {
+    return false;
+  }
+  if (encoderFormat_.frameSamples > kMaxFrameSamples) {
+    // The noise moves on by the frame that is not encoded, as it does when encoding fails.
+    const std::uint64_t steps = std::uint64_t{channels_} * encoderFormat_.frameSamples;
+    noiseState_ = noiseStateAfter(noiseState_, mode_ == FallbackMode::Noise ? steps : 0);
     return false;
   }
   if (mode_ == FallbackMode::Noise) {

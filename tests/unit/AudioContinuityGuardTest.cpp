@@ -29,6 +29,7 @@ int g_channels = 1;  // how many of them `g_pcm` takes
 std::vector<opus_int16> g_pcm;
 opus_int32 g_bitrate = 0;
 std::atomic<int> g_allocations = 0;
+std::atomic<std::size_t> g_allocated = 0;  // bytes
 std::atomic<int> g_allocationToFail = kNever;
 
 }  // namespace
@@ -49,6 +50,7 @@ extern "C" opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* pcm, i
 // NOLINTNEXTLINE(misc-new-delete-overloads)
 void* operator new(std::size_t size) {
   static auto* const real = nextDefinition<void*(std::size_t)>("_Znwm");
+  g_allocated += size;
   if (g_allocations++ == g_allocationToFail) {
     throw std::bad_alloc();
   }
@@ -217,13 +219,9 @@ TEST(AudioContinuityGuardTest, AFrameThatCannotBeEncodedLeavesTheTimelineAlone) 
     int encodingsToFault;
     std::size_t made;
   } rows[] = {
-      {44100, 1, 20 * kMs, kNever, 0},
-      {48000, 3, 20 * kMs, kNever, 0},
-      {48000, 1, 1, kNever, 0},
-      {48000, 1, 20 * kMs, 0, 0},
-      {48000, 1, 20 * kMs, 3, 3},
-      // 960 samples, if they are counted in 64 bits
-      {48000, 1, 384307188202283, kNever, 0},
+      {44100, 1, 20 * kMs, kNever, 0}, {48000, 3, 20 * kMs, kNever, 0},
+      {48000, 1, 1, kNever, 0},        {48000, 1, 20 * kMs, 0, 0},
+      {48000, 1, 20 * kMs, 3, 3},      {48000, 1, 44'739'242'666'667, kNever, 0},  // 2^31 samples
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.sampleRate << " Hz, to fault " << row.encodingsToFault);
@@ -236,6 +234,47 @@ TEST(AudioContinuityGuardTest, AFrameThatCannotBeEncodedLeavesTheTimelineAlone) 
     g_encodingsToFault = kNever;
     guard.prime(0, 0, 0);
     EXPECT_EQ(nextLabel(guard), labelOf({{}, kSecond + (40 + 20 * row.made) * kMs}));
+  }
+}
+
+// Samples are counted modulo 2^32, from a product modulo 2^64.
+TEST(AudioContinuityGuardTest, CountsTheSamplesOfAnyDuration) {
+  for (const std::uint64_t durationNs : {89'478'505'333'334ULL, 384'307'188'202'283ULL}) {
+    AudioContinuityGuard guard;
+    guard.prime(48000, 1, durationNs);
+    const Frames made = guard.makeFallbackUntil(kSecond, 1, kSilent);
+    ASSERT_EQ(made.size(), 1);
+    EXPECT_EQ(made[0].durationNs, durationNs);
+    EXPECT_EQ(opus_packet_get_nb_samples(made[0].payload.data(),
+                                         static_cast<opus_int32>(made[0].payload.size()), 48000),
+              960);
+  }
+}
+
+// A frame that is too long to be encoded takes its noise, and no memory for it.
+TEST(AudioContinuityGuardTest, SkipsTheNoiseOfAFrameThatIsTooLong) {
+  const struct {
+    std::uint64_t durationNs;
+    std::uint8_t channels;
+    opus_int16 next;  // the sample after it, found by stepping one by one
+  } rows[] = {
+      {140 * kMs, 1, 1421},
+      {2 * kSecond, 1, -590},
+      {2 * kSecond, 2, 1812},
+      {44'739'242'645'834, 2, 6069},  // 2^31 - 1 samples a channel
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.durationNs << " ns");
+    AudioContinuityGuard guard;
+    guard.setFallbackMode(Mode::Noise);
+    guard.prime(48000, row.channels, row.durationNs);
+    g_allocated = 0;
+    EXPECT_FALSE(guard.maybeMakeFallback(kSilent));
+    EXPECT_LT(g_allocated, 5000U);
+    guard.prime(0, 0, 0);
+    g_pcm.clear();
+    EXPECT_TRUE(guard.maybeMakeFallback(kSilent));
+    EXPECT_EQ(g_pcm.front(), row.next);
   }
 }
 
