@@ -158,7 +158,7 @@ bool isNv12DmaBuf(const lumora::FrameExportHandle& handle) {
   return chroma.offset >= lumaEnd && luma.stride <= kMaxStride && chroma.stride <= kMaxStride;
 }
 
-// Memory over a duplicate of the host's descriptor; null if either cannot be had.
+// dma-buf memory over dup(fd); null if dup() or the allocator fails.
 GstMemory* duplicateDmaBuf(int fd, gsize size) {
   g_autoptr(GstAllocator) allocator = gst_dmabuf_allocator_new();
   if (allocator == nullptr) {
@@ -169,6 +169,7 @@ GstMemory* duplicateDmaBuf(int fd, gsize size) {
     return nullptr;
   }
   GstMemory* const memory = gst_dmabuf_allocator_alloc(allocator, duplicate.get(), size);
+  gst_clear_object(&allocator);  // the memory has a reference of its own
   if (memory != nullptr) {
     duplicate.release();
   }
@@ -324,7 +325,8 @@ const char* GstVideoBackend::codecName(Codec codec) {
 }
 
 const char* GstVideoBackend::h26xEncoder(bool h265) const {
-  return h265 ? profile_.h265Encoder.c_str() : profile_.h264Encoder.c_str();
+  const std::string& encoder = h265 ? profile_.h265Encoder : profile_.h264Encoder;
+  return encoder.empty() ? "" : encoder.c_str();
 }
 
 const char* GstVideoBackend::h26xParser(bool h265) const {

@@ -22,6 +22,7 @@ namespace {
 
 std::string_view g_failing;  // the function below that fails
 int g_failed = 0;
+std::string g_released;  // in this order, while an allocation fails
 
 bool fails(std::string_view function) {
   g_failed += g_failing == function ? 1 : 0;
@@ -41,6 +42,11 @@ int dup(int fd) noexcept {
   return fails("dup") ? -1 : nextDefinition<int(int)>("dup")(fd);
 }
 
+int close(int fd) {
+  g_released += g_failing == "gst_dmabuf_allocator_alloc" ? "descriptor " : "";
+  return nextDefinition<int(int)>("close")(fd);
+}
+
 GstBuffer* gst_buffer_new(void) {
   return callUnlessFailing<GstBuffer>("gst_buffer_new");
 }
@@ -50,6 +56,10 @@ GstAllocator* gst_dmabuf_allocator_new(void) {
 }
 
 GstMemory* gst_dmabuf_allocator_alloc(GstAllocator* allocator, gint fd, gsize size) {
+  const auto note = [](gpointer, GObject*) { g_released += "allocator "; };
+  if (g_failing == "gst_dmabuf_allocator_alloc") {
+    g_object_weak_ref(G_OBJECT(allocator), note, nullptr);
+  }
   return callUnlessFailing<GstMemory>("gst_dmabuf_allocator_alloc", allocator, fd, size);
 }
 
@@ -276,6 +286,7 @@ TEST_F(FrameWrapping, LeavesNothingBehindWhenItFails) {
     EXPECT_EQ(keepAlive_.use_count(), 1);
     EXPECT_EQ(openDescriptors(), descriptors_);
   }
+  EXPECT_EQ(g_released, "allocator descriptor ");
 }
 
 }  // namespace
