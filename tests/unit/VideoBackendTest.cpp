@@ -60,6 +60,7 @@ TEST(ProfileQueries, NamesOfElementsAndCaps) {
     EXPECT_EQ(backend.h26xEncoder(true), profile.h265Encoder);
   }
   const GstVideoBackend none{Profile{}};
+  EXPECT_EQ(none.h26xEncoder(true), GstVideoBackend{Profile{}}.h26xEncoder(true));  // outlives both
   EXPECT_STREQ(none.name(), "none");
   EXPECT_STREQ(none.h26xParser(false), "h264parse");
   EXPECT_STREQ(none.h26xParser(true), "h265parse");
