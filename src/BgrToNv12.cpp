@@ -43,28 +43,23 @@ struct Nv12Block {
   return static_cast<std::uint8_t>(std::fma(0.114, b, std::fma(0.299, r, 0.587 * g)));
 }
 
-// The greys whose luma falls just short of themselves, a bit each. They are converted as the next
-// darker grey: the chroma of all greys is the same.
-using LowGreys = std::array<std::uint8_t, 32>;
+// One bit for each grey whose luma falls just short of itself: lumaOf(grey, grey, grey) < grey.
+// They are converted as the next darker grey: the chroma of all greys is the same. Written out,
+// because std::fma() is no constant expression.
+constexpr std::array<std::uint8_t, 32> kLowGreys = {
+    0x16, 0x21, 0x21, 0x8c, 0x81, 0x84, 0x52, 0xea, 0x01, 0x40, 0x32, 0xc8, 0x04, 0x91, 0x44, 0xd4,
+    0x81, 0x08, 0x20, 0x18, 0x04, 0x87, 0xc0, 0x50, 0x18, 0x0a, 0x03, 0xc1, 0x90, 0x98, 0x12, 0x53,
+};
 
-LowGreys findLowGreys() {
-  LowGreys bits = {};
-  for (unsigned grey = 0; grey < 256; ++grey) {
-    const unsigned low = lumaOf(grey, grey, grey) < grey ? 1 : 0;
-    bits[grey / 8] = static_cast<std::uint8_t>(bits[grey / 8] | low << (grey % 8));
-  }
-  return bits;
-}
+using SplitFunction = void (*)(const std::uint8_t* bgr, Planes& planes);
 
-using SplitFunction = void (*)(const std::uint8_t* bgr, const LowGreys& low, Planes& planes);
-
-inline void splitPortable(const std::uint8_t* bgr, const LowGreys& low, Planes& planes) {
+inline void splitPortable(const std::uint8_t* bgr, Planes& planes) {
   auto* const b = reinterpret_cast<std::uint8_t*>(planes.b);
   auto* const g = reinterpret_cast<std::uint8_t*>(planes.g);
   auto* const r = reinterpret_cast<std::uint8_t*>(planes.r);
   for (unsigned i = 0; i < kPixels; ++i, bgr += 3) {
     const bool grey = bgr[0] == bgr[1] && bgr[1] == bgr[2];
-    const int less = grey ? low[bgr[1] / 8] >> (bgr[1] % 8) & 1 : 0;
+    const int less = grey ? kLowGreys[bgr[1] / 8] >> (bgr[1] % 8) & 1 : 0;
     b[i] = static_cast<std::uint8_t>(bgr[0] - less);
     g[i] = static_cast<std::uint8_t>(bgr[1] - less);
     r[i] = static_cast<std::uint8_t>(bgr[2] - less);
@@ -73,8 +68,7 @@ inline void splitPortable(const std::uint8_t* bgr, const LowGreys& low, Planes& 
 
 #if defined(__x86_64__)
 
-[[gnu::target("avx2,fma")]] inline void splitAvx2(const std::uint8_t* bgr, const LowGreys& low,
-                                                  Planes& planes) {
+[[gnu::target("avx2,fma")]] inline void splitAvx2(const std::uint8_t* bgr, Planes& planes) {
   const __m256i third0 = _mm256_broadcastsi128_si256(
       _mm_setr_epi8(-1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1, 0, 0, -1));
   const __m256i third1 = _mm256_broadcastsi128_si256(
@@ -88,7 +82,7 @@ inline void splitPortable(const std::uint8_t* bgr, const LowGreys& low, Planes& 
   const __m256i orderR = _mm256_broadcastsi128_si256(
       _mm_setr_epi8(2, 5, 8, 11, 14, 1, 4, 7, 10, 13, 0, 3, 6, 9, 12, 15));
   const __m256i bitOf = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ULL));
-  const auto* const bits = reinterpret_cast<const __m128i*>(low.data());
+  const auto* const bits = reinterpret_cast<const __m128i*>(kLowGreys.data());
   const __m256i lowDark = _mm256_broadcastsi128_si256(_mm_loadu_si128(bits));
   const __m256i lowBright = _mm256_broadcastsi128_si256(_mm_loadu_si128(bits + 1));
 
@@ -123,11 +117,11 @@ inline void splitPortable(const std::uint8_t* bgr, const LowGreys& low, Planes& 
 
 #elif defined(__aarch64__)
 
-inline void splitNeon(const std::uint8_t* bgr, const LowGreys& low, Planes& planes) {
+inline void splitNeon(const std::uint8_t* bgr, Planes& planes) {
   auto* const b = reinterpret_cast<std::uint8_t*>(planes.b);
   auto* const g = reinterpret_cast<std::uint8_t*>(planes.g);
   auto* const r = reinterpret_cast<std::uint8_t*>(planes.r);
-  const uint8x16x2_t bits = {{vld1q_u8(low.data()), vld1q_u8(low.data() + 16)}};
+  const uint8x16x2_t bits = {{vld1q_u8(kLowGreys.data()), vld1q_u8(kLowGreys.data() + 16)}};
   for (unsigned i = 0; i < kPixels; i += 16) {
     const uint8x16x3_t in = vld3q_u8(bgr + std::size_t{3} * i);
     const uint8x16_t eight = vqtbl2q_u8(bits, vshrq_n_u8(in.val[1], 3));
@@ -234,12 +228,12 @@ struct Place {
 };
 
 template <SplitFunction Split>
-[[gnu::always_inline]] inline void convertBlock(const Place& at, const LowGreys& low) {
+[[gnu::always_inline]] inline void convertBlock(const Place& at) {
   Planes top;
   Planes bottom;
   Nv12Block out;
-  Split(at.bgr[0], low, top);
-  Split(at.bgr[1], low, bottom);
+  Split(at.bgr[0], top);
+  Split(at.bgr[1], bottom);
   if (convert(top, bottom, out)) {
     correct(at.bgr[0], out.whole[0], out.luma[0]);
     correct(at.bgr[1], out.whole[1], out.luma[1]);
@@ -251,13 +245,12 @@ template <SplitFunction Split>
 
 // The block of `count` pixels that is left at the end of a row.
 template <SplitFunction Split>
-[[gnu::always_inline]] inline void convertRest(const Place& at, unsigned count,
-                                               const LowGreys& low) {
+[[gnu::always_inline]] inline void convertRest(const Place& at, unsigned count) {
   std::uint8_t bgr[2][3 * kPixels] = {};
   std::uint8_t nv12[3][kPixels];
   std::memcpy(bgr[0], at.bgr[0], std::size_t{3} * count);
   std::memcpy(bgr[1], at.bgr[1], std::size_t{3} * count);
-  convertBlock<Split>({{bgr[0], bgr[1]}, {nv12[0], nv12[1]}, nv12[2]}, low);
+  convertBlock<Split>({{bgr[0], bgr[1]}, {nv12[0], nv12[1]}, nv12[2]});
   std::memcpy(at.luma[0], nv12[0], count);
   std::memcpy(at.luma[1], nv12[1], count);
   std::memcpy(at.chroma, nv12[2], count);
@@ -267,7 +260,6 @@ template <SplitFunction Split>
 [[gnu::always_inline]] inline void convertImage(const std::uint8_t* bgr, std::size_t step,
                                                 unsigned width, unsigned height,
                                                 std::uint8_t* nv12) {
-  static const LowGreys kLow = findLowGreys();
   std::uint8_t* const chroma = nv12 + std::size_t{width} * height;
   for (std::size_t y = 0; y < height; y += 2) {
     unsigned x = 0;
@@ -277,10 +269,10 @@ template <SplitFunction Split>
       return Place{{in, in + step}, {luma, luma + width}, chroma + y / 2 * width + x};
     };
     for (; width - x >= kPixels; x += kPixels) {
-      convertBlock<Split>(place(), kLow);
+      convertBlock<Split>(place());
     }
     if (x < width) {
-      convertRest<Split>(place(), width - x, kLow);
+      convertRest<Split>(place(), width - x);
     }
   }
 }
