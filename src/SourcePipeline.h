@@ -43,9 +43,10 @@ class SourcePipeline {
   // The next sample within `timeout` (negative: at once), which the caller owns; null if none.
   GstSample* pull(std::chrono::nanoseconds timeout);
 
-  // Takes one watched message from the bus and returns its type, GST_MESSAGE_UNKNOWN if there is
-  // none. An error's or a warning's text goes into `error`.
-  GstMessageType report(std::string& error);
+  // Takes one watched message from the bus, which may take up to `wait` to get there, and returns
+  // its type, GST_MESSAGE_UNKNOWN if there is none. An error's or a warning's text goes into
+  // `error`.
+  GstMessageType report(std::string& error, GstClockTime wait = 0);
 
   // Whether the sink has handed out the last sample of the stream. The sink knows before the bus.
   bool isAtEnd() const { return gst_app_sink_is_eos(GST_APP_SINK(sink_.get())) != FALSE; }
@@ -54,10 +55,14 @@ class SourcePipeline {
 
  private:
   static constexpr GstClockTime kStateChangeTimeout = 500 * GST_MSECOND;
+  static constexpr GstClockTime kLateMessageTimeout = 100 * GST_MSECOND;
 
   bool build(const std::string& description, const std::string& location, std::string& error);
   bool play(std::string& error);
   bool failWithReport(const char* fallback, std::string& error);
+  void emptyDecoders();
+  static bool isDecoder(GstElement* element);
+  static void shut(GstPad* pad, gint64 deadline);
 
   const Traits& traits_;
   GstPtr<GstElement> pipeline_;
@@ -116,6 +121,9 @@ inline bool SourcePipeline::play(std::string& error) {
 
 inline bool SourcePipeline::failWithReport(const char* fallback, std::string& error) {
   report(error);
+  if (error.empty()) {  // a streaming thread may post its error after the state change has failed
+    report(error, kLateMessageTimeout);
+  }
   if (error.empty()) {
     error = fallback;
   }
@@ -128,13 +136,13 @@ inline GstSample* SourcePipeline::pull(std::chrono::nanoseconds timeout) {
                                       static_cast<GstClockTime>(wait.count()));
 }
 
-inline GstMessageType SourcePipeline::report(std::string& error) {
+inline GstMessageType SourcePipeline::report(std::string& error, GstClockTime wait) {
   if (pipeline_ == nullptr) {
     return GST_MESSAGE_UNKNOWN;
   }
   g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_.get());
   g_autoptr(GstMessage) message =
-      bus == nullptr ? nullptr : gst_bus_pop_filtered(bus, traits_.watched);
+      bus == nullptr ? nullptr : gst_bus_timed_pop_filtered(bus, wait, traits_.watched);
   if (message == nullptr) {
     return GST_MESSAGE_UNKNOWN;
   }
@@ -155,6 +163,51 @@ inline GstMessageType SourcePipeline::report(std::string& error) {
   return type;
 }
 
+inline bool SourcePipeline::isDecoder(GstElement* element) {
+  GstElementFactory* const factory = gst_element_get_factory(element);
+  return factory != nullptr && !GST_IS_BIN(element) &&
+         gst_element_factory_list_is_type(factory, GST_ELEMENT_FACTORY_TYPE_DECODER) != FALSE;
+}
+
+// Drops what comes from now on, and waits until the element has worked off what came before: it
+// holds the pad's stream lock for that. `deadline`, of the monotonic clock in microseconds, ends
+// the wait for an element that waits for the pipeline to stop, as for its sink's clock.
+inline void SourcePipeline::shut(GstPad* pad, gint64 deadline) {
+  const auto drop = [](GstPad*, GstPadProbeInfo*, gpointer) { return GST_PAD_PROBE_DROP; };
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, drop, nullptr, nullptr);
+  bool isIdle = false;
+  while (!isIdle && g_get_monotonic_time() < deadline) {
+    isIdle = GST_PAD_STREAM_TRYLOCK(pad) != FALSE;
+    if (isIdle) {
+      GST_PAD_STREAM_UNLOCK(pad);
+    } else {
+      g_usleep(1000);
+    }
+  }
+}
+
+// Lets nothing more into the pipeline's decoders and waits for what is inside, while the sink still
+// takes what comes out.
+//
+// GStreamer's libav video decoder crashes if it gets no output buffer while it drains at the end of
+// the stream, as it does once going to NULL flushes downstream: it clears a flag of the current
+// frame, which is null then (gst_ffmpegviddec_video_frame(), label no_output; seen with 1.22, and
+// still in later sources).
+inline void SourcePipeline::emptyDecoders() {
+  const gint64 deadline =
+      g_get_monotonic_time() + gint64{GST_TIME_AS_USECONDS(kStateChangeTimeout)};
+  g_autoptr(GstIterator) elements = gst_bin_iterate_recurse(GST_BIN(pipeline_.get()));
+  g_auto(GValue) item = G_VALUE_INIT;
+  while (gst_iterator_next(elements, &item) == GST_ITERATOR_OK) {
+    auto* const element = GST_ELEMENT(g_value_get_object(&item));
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "sink");
+    if (pad != nullptr && isDecoder(element)) {
+      shut(pad, deadline);
+    }
+    g_value_reset(&item);
+  }
+}
+
 inline void SourcePipeline::teardown() {
   if (sink_ != nullptr) {
     // A full sink holds the lock that a start which still goes on waits for, and that start the one
@@ -166,6 +219,7 @@ inline void SourcePipeline::teardown() {
     [[maybe_unused]] g_autoptr(GstSample) taken = pull(std::chrono::nanoseconds::zero());
   }
   if (pipeline_ != nullptr) {
+    emptyDecoders();
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
     gst_element_get_state(pipeline_.get(), nullptr, nullptr, kStateChangeTimeout);
   }

@@ -292,6 +292,34 @@ TEST_F(MediaFile, NamesWhatItCannotBuild) {
   }
 }
 
+// A busy streaming thread posts its error when the change of state has failed already.
+TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
+  const MediaFileFrameSourceConfig config = clip();
+  g_otherDescription =
+      "filesrc name=simu_file_src ! fakesink state-error=ready-to-paused appsrc ! "
+      "appsink name=simu_file_sink";
+  g_onParsed = [] {
+    const auto postLate = +[](GstBus* bus, GstMessage* message, gpointer) {
+      if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) {
+        return GST_BUS_PASS;
+      }
+      gst_object_ref(bus);
+      std::thread([bus, message] {
+        std::this_thread::sleep_for(30ms);
+        gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+        gst_bus_post(bus, message);
+        gst_object_unref(bus);
+      }).detach();
+      return GST_BUS_DROP;
+    };
+    g_autoptr(GstBus) bus = gst_element_get_bus(g_pipeline);
+    gst_bus_set_sync_handler(bus, postLate, nullptr, nullptr);
+  };
+  EXPECT_EQ(next(config), kNoFrame);
+  EXPECT_THAT(error_, HasSubstr("Erroring out on state change as requested"));
+  g_onParsed = nullptr;
+}
+
 // Here no frame ever comes.
 TEST_F(MediaFile, NegativeTimeoutDoesNotWait) {
   const MediaFileFrameSourceConfig config = clip();
@@ -340,6 +368,37 @@ TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
     expectFrames(config, 0, 1);
     source_.stop();
   }
+}
+
+// All frames are still inside a decoder of this many threads when their end comes, so that stopping
+// then meets the decoder handing them out.
+TEST_F(MediaFile, StopsWhileTheDecoderDrains) {
+  const MediaFileFrameSourceConfig config = clip("long delay.mp4", {"-an", "-bf", "16"});
+  g_onParsed = [] {
+    const auto useThreads = +[](GstBin*, GstBin*, GstElement* element, gpointer) {
+      if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), "max-threads") != nullptr) {
+        g_object_set(element, "max-threads", 16, nullptr);
+      }
+    };
+    g_signal_connect(g_pipeline, "deep-element-added", G_CALLBACK(useThreads), nullptr);
+  };
+  for (int i = 0; i < 500; ++i) {
+    next(config, 0ms);
+    EXPECT_EQ(error_, "");
+    source_.stop();
+  }
+  g_onParsed = nullptr;
+}
+
+// The sink waits an hour for its time, the decoder for the sink.
+TEST_F(MediaFile, StopsWhileTheDecoderWaits) {
+  const MediaFileFrameSourceConfig config = clip();
+  g_otherDescription =
+      "filesrc name=simu_file_src ! fakesink async=false videotestsrc ! jpegenc ! jpegdec ! "
+      "appsink name=simu_file_sink async=false sync=true ts-offset=3600000000000";
+  EXPECT_EQ(next(config, 100ms), kNoFrame);
+  EXPECT_EQ(error_, "");
+  source_.stop();
 }
 
 TEST_F(MediaFile, ManySourcesAtOnceLeaveNoThreadAndNoDescriptorBehind) {
