@@ -32,12 +32,21 @@ inline std::ptrdiff_t runningThreads() {
   });
 }
 
-// Pool threads end a moment after their last task. False if more than `most` threads stay.
-inline bool threadsSettle(std::ptrdiff_t most) {
-  for (int i = 0; i < 1000 && runningThreads() > most; ++i) {
+// What a pipeline holds is released a moment after it. False if more than `most` stay.
+template <typename Count>
+bool settles(const Count& count, std::ptrdiff_t most) {
+  for (int i = 0; i < 1000 && count() > most; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return runningThreads() <= most;
+  return count() <= most;
+}
+
+inline bool threadsSettle(std::ptrdiff_t most) {
+  return settles(runningThreads, most);
+}
+
+inline bool descriptorsSettle(std::ptrdiff_t most) {
+  return settles(openDescriptors, most);
 }
 
 // Bytes from malloc() in use, mapped blocks included; a sanitizer's allocator is not seen.
