@@ -1,6 +1,6 @@
-# Finds the host's picture library: headers lumora/LumoraPicture.h and lumora/FrameExport.h, and
-# libLumoraTools.so, below LUMORA_ROOT and nowhere else if that is set. Makes the target
-# lumora::LumoraTools.
+# Finds the host's picture library: lumora/LumoraPicture.h, which declares its whole interface alone
+# or with lumora/FrameExport.h beside it, and libLumoraTools.so. Looks below LUMORA_ROOT and nowhere
+# else if that is set. Makes the target lumora::LumoraTools.
 set(lumora_places)
 if(LUMORA_ROOT)
   set(lumora_places PATHS ${LUMORA_ROOT} NO_DEFAULT_PATH)

@@ -6,7 +6,11 @@
 
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
+#if __has_include(<lumora/FrameExport.h>)
 #include <lumora/FrameExport.h>
+#else  // a picture library whose one header has its whole interface
+#include <lumora/LumoraPicture.h>
+#endif
 
 #include <media_backend/Export.h>
 

@@ -1,4 +1,3 @@
-#include <lumora/FrameExport.h>
 #include <lumora/LumoraPicture.h>
 
 namespace lumora {

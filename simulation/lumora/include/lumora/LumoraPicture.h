@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <lumora/Export.h>
+#include <lumora/FrameExport.h>
 
 namespace lumora {
 
