@@ -1,11 +1,7 @@
 #include <media_backend/MediaFileFrameSource.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <new>
-#include <optional>
 #include <vector>
 
 #include <gst/allocators/gstdmabuf.h>
@@ -95,39 +91,13 @@ void refuseHugePictures(GstElement* pipeline) {
   }
 }
 
-constexpr SourcePipeline::Traits kTraits = {
-    "simu_file_src",
-    "location",
-    "simu_file_sink",
-    static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
-    refuseHugePictures,
-    "failed to create media file GStreamer pipeline",
-    "GStreamer filesrc not found",
-    "GStreamer appsink not found",
-    "failed to start media file GStreamer pipeline",
-    "media file GStreamer pipeline failed during state change",
-};
-
-MediaFileFrameSourceConfig normalised(const MediaFileFrameSourceConfig& config) {
-  MediaFileFrameSourceConfig result = config;
-  result.width = gst_source::even_dimension(config.width);
-  result.height = gst_source::even_dimension(config.height);
-  result.fps = std::clamp(config.fps, 0.1, 240.0);
-  return result;
-}
-
-bool isSame(const MediaFileFrameSourceConfig& a, const MediaFileFrameSourceConfig& b) {
-  return a.path == b.path && a.width == b.width && a.height == b.height &&
-         std::abs(a.fps - b.fps) < 1e-6 && a.loop == b.loop;
-}
-
 // The board's converter scales and converts in hardware, where there is one.
 const char* converter() {
   g_autoptr(GstElementFactory) nvvidconv = gst_element_factory_find("nvvidconv");
   return nvvidconv != nullptr ? "nvvidconv " : "videoconvert ! videoscale ";
 }
 
-std::string describe(const MediaFileFrameSourceConfig& config) {
+std::string describe(const SourcePipeline::Config& config) {
   Description text(320);
   text << "filesrc name=simu_file_src "
           "! decodebin name=simu_file_decode "
@@ -140,62 +110,46 @@ std::string describe(const MediaFileFrameSourceConfig& config) {
   return text.take();
 }
 
+constexpr SourcePipeline::Traits kTraits = {
+    "simu_file_src",
+    "location",
+    "simu_file_sink",
+    static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
+    describe,
+    refuseHugePictures,
+    "failed to create media file GStreamer pipeline",
+    "GStreamer filesrc not found",
+    "GStreamer appsink not found",
+    "failed to start media file GStreamer pipeline",
+    "media file GStreamer pipeline failed during state change",
+};
+
 }  // namespace
 
 struct [[gnu::visibility("hidden")]] MediaFileFrameSource::Impl {
   SourcePipeline pipeline{kTraits};
-  std::optional<MediaFileFrameSourceConfig> active;  // normalised; set while the pipeline runs
   std::vector<std::uint8_t> scratch;
 
   std::shared_ptr<lumora::LumoraPicture> capture(const MediaFileFrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,
                                                  std::string& error);
-  bool start(const MediaFileFrameSourceConfig& config, std::string& error);
-  bool restart(const MediaFileFrameSourceConfig& config, std::string& error);
-  void teardown();
 };
-
-bool MediaFileFrameSource::Impl::start(const MediaFileFrameSourceConfig& config,
-                                       std::string& error) {
-  gst_source::ensure_initialized();
-  if (!pipeline.start(describe(config), config.path, error)) {
-    return false;
-  }
-  active = config;
-  return true;
-}
-
-bool MediaFileFrameSource::Impl::restart(const MediaFileFrameSourceConfig& config,
-                                         std::string& error) {
-  teardown();
-  if (!start(config, error)) {
-    teardown();
-    return false;
-  }
-  return true;
-}
-
-void MediaFileFrameSource::Impl::teardown() {
-  pipeline.teardown();
-  active.reset();
-}
 
 std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::Impl::capture(
     const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
     std::string& error) {
   error.clear();
-  const MediaFileFrameSourceConfig wanted = normalised(config);
-  if (wanted.path.empty()) {
+  if (config.path.empty()) {
     error = "empty media file path";
-    teardown();
+    pipeline.teardown();
     return {};
   }
-  if (!std::filesystem::exists(std::filesystem::status(wanted.path))) {
-    error = "media file does not exist: " + wanted.path;
-    teardown();
+  if (!std::filesystem::exists(std::filesystem::status(config.path))) {
+    error = "media file does not exist: " + config.path;
+    pipeline.teardown();
     return {};
   }
-  if ((!active || !isSame(wanted, *active)) && !restart(wanted, error)) {
+  if (!pipeline.run({config.path, config.width, config.height, config.fps, config.loop}, error)) {
     return {};
   }
 
@@ -206,11 +160,11 @@ std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::Impl::capture(
     }
     const GstMessageType message = pipeline.report(error);
     if (message == GST_MESSAGE_ERROR) {
-      teardown();
+      pipeline.teardown();
       return {};
     }
     const bool ended = message == GST_MESSAGE_EOS || pipeline.isAtEnd();
-    if (!ended || !wanted.loop || !restart(wanted, error)) {
+    if (!ended || !config.loop || !pipeline.restart(error)) {
       return {};
     }
   }
@@ -224,17 +178,11 @@ MediaFileFrameSource::~MediaFileFrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::capture(
     const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
     std::string& error) {
-  try {
-    return impl_->capture(config, timeout, error);
-  } catch (const std::bad_alloc&) {
-    // What the pipeline reported may be lost with it, and nobody would end the pipeline then.
-    impl_->teardown();
-    throw;
-  }
+  return impl_->pipeline.withTeardown([&] { return impl_->capture(config, timeout, error); });
 }
 
 void MediaFileFrameSource::stop() {
-  impl_->teardown();
+  impl_->pipeline.teardown();
 }
 
 }  // namespace media_backend

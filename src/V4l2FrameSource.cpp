@@ -1,9 +1,6 @@
 #include <media_backend/V4l2FrameSource.h>
 
-#include <algorithm>
-#include <cmath>
-#include <new>
-#include <optional>
+#include <cstdint>
 #include <vector>
 
 #include <media_backend/GstNv12Sample.h>
@@ -14,34 +11,8 @@
 namespace media_backend {
 namespace {
 
-constexpr SourcePipeline::Traits kTraits = {
-    "simu_v4l_src",
-    "device",
-    "simu_v4l_sink",
-    static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING),
-    nullptr,
-    "failed to create GStreamer pipeline",
-    "GStreamer v4l2src not found",
-    "GStreamer appsink not found",
-    "failed to start GStreamer pipeline",
-    "GStreamer pipeline failed during state change",
-};
-
-V4l2FrameSourceConfig normalised(const V4l2FrameSourceConfig& config) {
-  V4l2FrameSourceConfig result = config;
-  result.width = gst_source::even_dimension(config.width);
-  result.height = gst_source::even_dimension(config.height);
-  result.fps = std::clamp(config.fps, 0.1, 240.0);
-  return result;
-}
-
-bool isSame(const V4l2FrameSourceConfig& a, const V4l2FrameSourceConfig& b) {
-  return a.device == b.device && a.width == b.width && a.height == b.height &&
-         std::abs(a.fps - b.fps) < 1e-6;
-}
-
 // Frames are dropped at every place where they could pile up: a slow caller gets no stale one.
-std::string describe(const V4l2FrameSourceConfig& config) {
+std::string describe(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = gst_source::fps_fraction(config.fps);
   Description text(360);
   text << "v4l2src name=simu_v4l_src do-timestamp=true io-mode=2 "
@@ -57,55 +28,47 @@ std::string describe(const V4l2FrameSourceConfig& config) {
   return text.take();
 }
 
+constexpr SourcePipeline::Traits kTraits = {
+    "simu_v4l_src",
+    "device",
+    "simu_v4l_sink",
+    static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING),
+    describe,
+    nullptr,
+    "failed to create GStreamer pipeline",
+    "GStreamer v4l2src not found",
+    "GStreamer appsink not found",
+    "failed to start GStreamer pipeline",
+    "GStreamer pipeline failed during state change",
+};
+
 }  // namespace
 
 struct [[gnu::visibility("hidden")]] V4l2FrameSource::Impl {
   SourcePipeline pipeline{kTraits};
-  std::optional<V4l2FrameSourceConfig> active;  // normalised; set while the pipeline runs
   std::vector<std::uint8_t> scratch;
 
   std::shared_ptr<lumora::LumoraPicture> capture(
       const V4l2FrameSourceConfig& config, std::chrono::nanoseconds timeout, std::string& error);
-  bool start(const V4l2FrameSourceConfig& config, std::string& error);
-  void teardown();
 };
-
-bool V4l2FrameSource::Impl::start(const V4l2FrameSourceConfig& config, std::string& error) {
-  gst_source::ensure_initialized();
-  if (!pipeline.start(describe(config), config.device, error)) {
-    return false;
-  }
-  active = config;
-  return true;
-}
-
-void V4l2FrameSource::Impl::teardown() {
-  pipeline.teardown();
-  active.reset();
-}
 
 std::shared_ptr<lumora::LumoraPicture> V4l2FrameSource::Impl::capture(
     const V4l2FrameSourceConfig& config, std::chrono::nanoseconds timeout, std::string& error) {
   error.clear();
-  const V4l2FrameSourceConfig wanted = normalised(config);
-  if (wanted.device.empty()) {
+  if (config.device.empty()) {
     error = "empty V4L device path";
-    teardown();
+    pipeline.teardown();
     return {};
   }
-  if (!active || !isSame(wanted, *active)) {
-    teardown();
-    if (!start(wanted, error)) {
-      teardown();
-      return {};
-    }
+  if (!pipeline.run({config.device, config.width, config.height, config.fps, false}, error)) {
+    return {};
   }
   g_autoptr(GstSample) sample = pipeline.pull(timeout);
   if (sample != nullptr) {
     return gst_source::picture_from_nv12_sample(sample, scratch, error);
   }
   if (pipeline.report(error) != GST_MESSAGE_UNKNOWN) {
-    teardown();
+    pipeline.teardown();
   }
   return {};
 }
@@ -117,17 +80,11 @@ V4l2FrameSource::~V4l2FrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> V4l2FrameSource::capture(const V4l2FrameSourceConfig& config,
                                                                 std::chrono::nanoseconds timeout,
                                                                 std::string& error) {
-  try {
-    return impl_->capture(config, timeout, error);
-  } catch (const std::bad_alloc&) {
-    // What the pipeline reported may be lost with it, and nobody would end the pipeline then.
-    impl_->teardown();
-    throw;
-  }
+  return impl_->pipeline.withTeardown([&] { return impl_->capture(config, timeout, error); });
 }
 
 void V4l2FrameSource::stop() {
-  impl_->teardown();
+  impl_->pipeline.teardown();
 }
 
 }  // namespace media_backend
