@@ -22,7 +22,7 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "Torture.h"
-#include "support/Command.h"
+#include "support/Clip.h"
 #include "support/Pipeline.h"
 #include "support/ProcessState.h"
 #include "support/Profiles.h"
@@ -61,8 +61,7 @@ std::shared_ptr<ExportedFrame> makeFrame() {
 TEST(Lifetime, MediaFileSourceDestroyedAtAnyMoment) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
-  runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=64x32:rate=30",
-              "-frames:v", "20", "-c:v", "libx264", clip});
+  makeClip(clip, "64x32", 30, 20);
   std::mt19937 chance(static_cast<unsigned>(tortureSeed()));
   const unsigned long times = 20 * tortureScale();
   std::ptrdiff_t descriptors = 0;

@@ -28,7 +28,7 @@
 #include <sys/resource.h>
 
 #include "Torture.h"
-#include "support/Command.h"
+#include "support/Clip.h"
 #include "support/ProcessState.h"
 #include "support/Profiles.h"
 #include "support/TempFolder.h"
@@ -144,8 +144,8 @@ int denyEach(const std::function<bool()>& call) {
 class ResourceFailure : public testing::Test {
  protected:
   void makeFiles() const {
-    runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=64x32:rate=30",
-                "-frames:v", "3", "-c:v", "libx264", clip_, "-frames:v", "1", image_});
+    makeClip(clip_, "64x32", 30, 3);
+    makeClip(image_, "64x32", 30, 1);
     std::ofstream(garbage_) << std::string(4096, 'x');
   }
 

@@ -17,7 +17,7 @@
 #include <media_backend/MediaFileFrameSource.h>
 #include <simulated_board/SimulatedBoard.h>
 
-#include "support/Command.h"
+#include "support/Clip.h"
 #include "support/InterposedParse.h"
 #include "support/ProcessState.h"
 #include "support/TempFolder.h"
@@ -38,20 +38,15 @@ constexpr int kFrames = 10;
 constexpr int kStripes = 6;
 constexpr int kNoFrame = -1;
 
-// Writes a clip of kFrames numbered frames, H.264 with sound unless ffmpeg's `options` say
-// otherwise.
-void makeClip(const std::string& path, const std::string& size,
-              const std::vector<std::string>& options) {
-  const std::string stripes = "if(bitand(N\\,pow(2\\,floor(X*6/W)))\\,235\\,16)";
-  const std::string picture =
-      "color=s=" + size + ":r=30,format=yuv420p,geq=lum=" + stripes + ":cb=128:cr=128";
-  std::vector<std::string> command = {"ffmpeg", "-v", "error", "-f", "lavfi", "-i", picture};
-  for (const char* argument : {"-f", "lavfi", "-i", "sine", "-frames:v", "10", "-t", "0.34"}) {
-    command.emplace_back(argument);
-  }
-  command.insert(command.end(), options.begin(), options.end());
-  command.push_back(path);
-  runCommand(command);
+// A clip of kFrames numbered frames with sound, unless ffmpeg's `options` say otherwise.
+void makeNumberedClip(const std::string& path, const std::string& size,
+                      const std::vector<std::string>& options) {
+  const std::string stripes = "geq=lum=if(bitand(N\\,pow(2\\,floor(X*6/W)))\\,235\\,16)";
+  std::vector<std::string> all = {
+      "-f", "lavfi", "-i",  "sine",
+      "-t", "0.34",  "-vf", "format=yuv420p," + stripes + ":cb=128:cr=128"};
+  all.insert(all.end(), options.begin(), options.end());
+  makeClip(path, size, 30, kFrames, all);
 }
 
 int numberIn(const lumora::LumoraPicture& picture) {
@@ -72,7 +67,7 @@ class MediaFile : public testing::Test {
                                   const std::vector<std::string>& options = {"-an"}) {
     const std::string path = folder_ / name;
     if (!fs::exists(path)) {
-      makeClip(path, "192x64", options);
+      makeNumberedClip(path, "192x64", options);
     }
     return {path, 192, 64, 30, true};
   }
@@ -108,7 +103,7 @@ TEST_F(MediaFile, PlaysWhateverCanBeDecoded) {
   for (const auto& [name, size, options] : rows) {
     SCOPED_TRACE(name);
     const MediaFileFrameSourceConfig config = {folder_ / name, 193, 65, 30, false};
-    makeClip(config.path, size, options);
+    makeNumberedClip(config.path, size, options);
     for (int frame = 0; frame < kFrames; ++frame) {
       const auto picture = source_.capture(config, kLong, error_);
       ASSERT_NE(picture, nullptr) << error_;
