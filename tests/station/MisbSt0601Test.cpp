@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -91,21 +94,36 @@ TEST(MisbSt0601, EncodesTheStandardsExamples) {
   }
 }
 
+// A value that an item cannot say is left out, or is the item's code for out of range.
 TEST(MisbSt0601, MarksOrLeavesOutWhatDoesNotFit) {
-  const auto picture = blankPicture();
-  EXPECT_EQ(decode(station::encodeMisbSt0601(*picture)).size(), 2U) << "version and checksum only";
-
-  picture->setMetadata(Keys::kRollDeg, 50.1);
-  picture->setMetadata(Keys::kSensorLatDeg, -90.5);
-  picture->setMetadata(Keys::kSensorAltM, 19000.5);
-  picture->setMetadata(Keys::kHfovDeg, -1.0);
-  picture->setMetadata(Keys::kYawDeg, -90.0);
-  picture->setMetadata(Keys::kVfovDeg, std::string("wide"));
-  auto items = decode(station::encodeMisbSt0601(*picture));
-  EXPECT_EQ(number(items[7]), 0x8000U);
-  EXPECT_EQ(number(items[13]), 0x80000000U);
-  EXPECT_EQ(number(items[5]), 0xBFFFU) << "270 degrees";
-  EXPECT_EQ(items.count(15) + items.count(16) + items.count(17), 0U);
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  struct Row {
+    int tag;
+    const std::string& key;
+    lumora::LumoraPicture::MetadataValue value;
+    std::optional<std::uint64_t> encoded;
+  };
+  const Row rows[] = {
+      {5, Keys::kYawDeg, -90.0, 0xBFFF},  // 270 degrees
+      {5, Keys::kYawDeg, std::nan(""), {}},
+      {6, Keys::kPitchDeg, std::nan(""), 0x8000},
+      {7, Keys::kRollDeg, 50.1, 0x8000},
+      {13, Keys::kSensorLatDeg, -90.5, 0x80000000},
+      {14, Keys::kSensorLonDeg, kInfinity, 0x80000000},
+      {15, Keys::kSensorAltM, 19000.5, {}},
+      {16, Keys::kHfovDeg, -1.0, {}},
+      {17, Keys::kVfovDeg, std::string("wide"), {}},
+      {18, Keys::kPanDeg, 360.0 * 1000000 + 180, 0x80000000},  // turns
+      {19, Keys::kTiltDeg, std::int64_t{1}, {}},
+      {21, Keys::kMeasuredSlantRangeM, -kInfinity, {}},
+  };
+  for (const Row& row : rows) {
+    const auto picture = blankPicture();
+    picture->setMetadata(row.key, row.value);
+    auto items = decode(station::encodeMisbSt0601(*picture));
+    ASSERT_EQ(items.size(), row.encoded ? 3U : 2U) << row.key << ", besides version and checksum";
+    EXPECT_EQ(number(items[row.tag]), row.encoded.value_or(0)) << row.key;
+  }
 }
 
 }  // namespace
