@@ -66,8 +66,10 @@ Result run(const std::vector<std::string>& arguments) {
   return Program(arguments).wait();
 }
 
-std::vector<std::string> station(const std::vector<std::string>& arguments) {
+std::vector<std::string> station(const std::vector<std::string>& arguments,
+                                 const std::vector<std::string>& more) {
   std::vector<std::string> command = {MEDIA_STATION};
   command.insert(command.end(), arguments.begin(), arguments.end());
+  command.insert(command.end(), more.begin(), more.end());
   return command;
 }

@@ -37,5 +37,7 @@ class Program {
 };
 
 Result run(const std::vector<std::string>& arguments);
-// The command that runs the program under test, through the emulator if it takes one.
-std::vector<std::string> station(const std::vector<std::string>& arguments);
+// The command that runs the program under test, through the emulator if it takes one; `more`
+// follows the arguments.
+std::vector<std::string> station(const std::vector<std::string>& arguments,
+                                 const std::vector<std::string>& more = {});
