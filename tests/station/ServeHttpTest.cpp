@@ -1,19 +1,17 @@
-// HTTP as clients see it: curl, ffprobe, Chromium, and clients that do not behave.
+// HTTP as clients see it: curl, ffprobe, Chromium, and a client that pauses.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <list>
 #include <nlohmann/json.hpp>
-#include <numeric>
 #include <thread>
 
 #include "Connection.h"
 #include "Program.h"
 #include "Server.h"
+#include "support/Command.h"
 #include "support/TempFolder.h"
 
 using nlohmann::json;
@@ -21,44 +19,9 @@ using nlohmann::json;
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
-
-// Pictures that a client sees come in `duration`, behind a first second: a stream begins with what
-// there is since the last key picture. Access unit delimiters are counted.
-unsigned int picturesIn(int port, milliseconds duration) {
-  Connection client(port);
-  client.get("/stream.h264");
-  const std::string delimiter("\0\0\0\1\x09", 5);
-  const auto begin = std::chrono::steady_clock::now() + seconds(1);
-  unsigned int pictures = 0;
-  std::string rest;
-  while (std::chrono::steady_clock::now() < begin + duration) {
-    const std::string bytes = client.receive();
-    if (bytes.empty()) {
-      ADD_FAILURE() << "the stream ended";
-      return 0;
-    }
-    rest += bytes;
-    std::size_t place = 0;
-    for (std::size_t found; (found = rest.find(delimiter, place)) != std::string::npos;) {
-      place = found + delimiter.size();
-      pictures += std::chrono::steady_clock::now() >= begin ? 1U : 0U;
-    }
-    rest.erase(0, std::max(place, rest.size() - std::min(rest.size(), delimiter.size() - 1)));
-  }
-  return pictures;
-}
 
 json status(const Server& server) {
   return json::parse(run({"curl", "-sS", server.url() + "/status.json"}).out);
-}
-
-// The server sees a client's end when it writes to it.
-void awaitViewers(const Server& server, int count) {
-  for (int i = 0; i < 50 && status(server)["streams"][0]["viewers"] != count; ++i) {
-    std::this_thread::sleep_for(milliseconds(100));
-  }
-  EXPECT_EQ(status(server)["streams"][0]["viewers"], count);
 }
 
 struct Stream {
@@ -117,25 +80,14 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
       {"POST", "/", "405 text/plain; charset=utf-8", "only GET and HEAD"},
       {"GET", "/stream.h265", "404 text/plain; charset=utf-8", "nothing is served"},
       {"GET", "/../../../../etc/passwd", "404 text/plain; charset=utf-8", "nothing is served"},
-      {"GET", "/%2e%2e/%2e%2e/etc/passwd", "404 text/plain; charset=utf-8", "nothing is served"},
-      {"GET", "//etc/passwd", "404 text/plain; charset=utf-8", "nothing is served"},
   };
   for (const auto& [method, path, answer, content] : rows) {
     const TempFolder folder;
-    std::vector<std::string> command = {"curl",
-                                        "-sS",
-                                        "--path-as-is",
-                                        "-o",
-                                        folder / "body",
-                                        "-w",
-                                        "%{http_code} %{content_type}",
-                                        server.url() + path};
-    if (std::string(method) == "HEAD") {
-      command.insert(command.begin() + 1, "-I");
-    } else {
-      command.insert(command.begin() + 1, {"-X", method});
-    }
-    EXPECT_EQ(run(command).out, answer) << method << path;
+    const bool isHead = std::string(method) == "HEAD";
+    const Result result =
+        run({"curl", "-sS", "--path-as-is", isHead ? "-I" : "-X" + std::string(method), "-o",
+             folder / "body", "-w", "%{http_code} %{content_type}", server.url() + path});
+    EXPECT_EQ(result.out, answer) << method << path;
     std::ifstream stream(folder / "body");
     const std::string body{std::istreambuf_iterator<char>(stream), {}};
     EXPECT_NE(body.find(content), std::string::npos) << method << path;
@@ -164,52 +116,34 @@ TEST(ServeHttpPaths, ABodyOfNoKnownLengthIsRefusedHoweverItComes) {
   server.stop();
 }
 
+// A red picture is red in what a browser shows a few seconds later.
 TEST(ServeHttpPage, ShowsTheLivePicture) {
-  // chromedriver talks to Chromium by that name.
-  if (run({"sh", "-c", "command -v chromium && command -v chromedriver && getent hosts localhost"})
-          .exitCode != 0) {
-    GTEST_SKIP() << "no Chromium with chromedriver, or no name localhost: page not looked at";
+  if (run({"sh", "-c", "command -v chromium"}).exitCode != 0) {
+    GTEST_SKIP() << "no Chromium: page not looked at";
   }
   const TempFolder folder;
-  Server server("http", {"--board", "nvidia", "--codec", "mjpeg"});
-  const Result result =
-      run({TEST_SOURCES "/look-at-page", server.url() + "/", folder.path().string()});
-  ASSERT_EQ(result.exitCode, 0) << result.err;
-  const json seen = json::parse(result.out);
-  EXPECT_EQ(seen["console"], json::array());
-  EXPECT_EQ(seen["figures"]["profile"], "nvidia-nvmm");
-  EXPECT_EQ(seen["figures"]["codec"], "mjpeg");
-  EXPECT_EQ(seen["figures"]["viewers"], "1 of 32");
-  EXPECT_NE(run({"cmp", folder / "first.png", folder / "second.png"}).exitCode, 0);
-  server.stop();
-}
-
-// Half of the clients never read: they lose whole pictures, and nobody else does.
-TEST(ServeHttpLoad, StalledClientsHoldNobodyUp) {
-  constexpr milliseconds kDuration(5000);
-  constexpr int kEach = 25;
-  Server server("http", {"--board", "imx", "--codec", "h264", "--max-clients", "60"});
-  const unsigned int alone = picturesIn(server.port(), kDuration);
-  const long memoryBefore = server.memory();
-
-  std::list<Connection> stalled;
-  for (int i = 0; i < kEach; ++i) {
-    stalled.emplace_back(server.port()).get("/stream.h264");
+  runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:size=320x180", "-frames:v",
+              "1", folder / "red.png"});
+  Program server(station({"serve", "http", folder / "red.png", "--board", "nvidia", "--codec",
+                          "mjpeg", "--port", "0"}));
+  const std::string line = server.readLine();
+  const std::string url = line.substr(line.find("http:"), line.find("  ") - line.find("http:"));
+  const auto look = [&](const std::string& as) {
+    return run({"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+                "--disable-dev-shm-usage", "--user-data-dir=" + folder / "profile",
+                "--virtual-time-budget=8000", as, url});
+  };
+  const std::string page = look("--dump-dom").out;
+  for (const char* const figure : {"profile\">nvidia-nvmm<", "codec\">mjpeg<", "viewers\">1 of 32<",
+                                   "Live, 320 × 180", "role=\"status\">live<"}) {
+    EXPECT_NE(page.find(figure), std::string::npos) << figure << page;
   }
-  std::vector<unsigned int> pictures(kEach);
-  std::vector<std::thread> readers;
-  readers.reserve(kEach);
-  for (unsigned int& count : pictures) {
-    readers.emplace_back([&] { count = picturesIn(server.port(), kDuration); });
-  }
-  for (std::thread& reader : readers) {
-    reader.join();
-  }
-  EXPECT_GE(*std::min_element(pictures.begin(), pictures.end()), 0.95 * alone);
-  // For each client a picture and what the server library keeps; in the kernel there is more.
-  EXPECT_LT(server.memory() - memoryBefore, 64 * 1024 * 1024);
-  awaitViewers(server, kEach);
-  server.stop();
+  look("--screenshot=" + folder / "page.png");
+  const Result middle = run({"sh", "-c",
+                             "ffmpeg -v error -i " + folder / "page.png" +
+                                 " -vf crop=20:20:150:120,scale=1:1,format=rgb24 -f rawvideo - |"
+                                 " od -An -tu1"});
+  EXPECT_EQ(middle.out.substr(0, 12), " 252   0   0") << middle.err;
 }
 
 // A client that reads again after a pause gets whole pictures, from a key picture on.
@@ -222,7 +156,7 @@ TEST(ServeHttpLoad, AStalledClientGoesOnAtAKeyPicture) {
     std::this_thread::sleep_for(milliseconds(200));
   }
   std::string received;
-  const auto end = std::chrono::steady_clock::now() + seconds(3);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
   while (std::chrono::steady_clock::now() < end) {
     received += client.receive();
   }
@@ -234,29 +168,6 @@ TEST(ServeHttpLoad, AStalledClientGoesOnAtAKeyPicture) {
       run({"ffmpeg", "-v", "error", "-i", folder / "all.h264", "-f", "null", "-"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
-  server.stop();
-}
-
-TEST(ServeHttpLoad, ComingAndGoingLeavesNothingBehind) {
-  Server server("http", {"--board", "imx", "--codec", "mjpeg"});
-  const auto comeAndGo = [&server](int times) {
-    for (int i = 0; i < times; ++i) {
-      Connection client(server.port());
-      client.get(i % 2 == 0 ? "/stream.mjpeg" : "/snapshot.jpg");
-      client.receive();
-    }
-    server.awaitLine("camera sleeps");
-    EXPECT_EQ(status(server)["connections"], 1);
-  };
-  comeAndGo(20);
-  const auto descriptors = server.descriptors();
-  const auto threads = server.threads();
-  comeAndGo(100);
-  for (int i = 0; i < 50 && server.descriptors() > descriptors; ++i) {
-    std::this_thread::sleep_for(milliseconds(100));  // the last connections are being closed
-  }
-  EXPECT_LE(server.descriptors(), descriptors);
-  EXPECT_LE(server.threads(), threads);
   server.stop();
 }
 

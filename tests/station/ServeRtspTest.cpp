@@ -52,7 +52,6 @@ json probe(const std::string& url, const char* transport, bool joins) {
 // What rtspsrc gives: RTP packets, and behind its depayloader access units.
 struct Reception {
   std::string caps;
-  std::size_t packets = 0;
   std::size_t largest = 0;  // bytes of a packet
   std::size_t units = 0;
   int unitsBeforeKey = 0;
@@ -60,35 +59,28 @@ struct Reception {
 
 Reception receive(const std::string& url, const char* transport, const Stream& stream,
                   double seconds) {
-  const std::string description = std::string("rtspsrc latency=0 protocols=") + transport +
-                                  " location=" + url + " ! appsink name=packets sync=false";
+  const std::string description =
+      std::string("rtspsrc latency=0 protocols=") + transport + " location=" + url +
+      " ! tee name=t ! queue ! appsink name=packets sync=false t. ! queue ! " + stream.depayloader +
+      " ! appsink name=units sync=false";
   g_autoptr(GstElement) pipeline = gst_parse_launch(description.c_str(), nullptr);
-  g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline), "packets");
-  const std::string depayload = std::string("appsrc name=in format=time ! ") + stream.depayloader +
-                                " ! appsink name=units sync=false";
-  g_autoptr(GstElement) units = gst_parse_launch(depayload.c_str(), nullptr);
-  g_autoptr(GstElement) in = gst_bin_get_by_name(GST_BIN(units), "in");
-  g_autoptr(GstElement) out = gst_bin_get_by_name(GST_BIN(units), "units");
-  gst_element_set_state(units, GST_STATE_PLAYING);
+  g_autoptr(GstElement) packets = gst_bin_get_by_name(GST_BIN(pipeline), "packets");
+  g_autoptr(GstElement) units = gst_bin_get_by_name(GST_BIN(pipeline), "units");
   gst_element_set_state(pipeline, GST_STATE_PLAYING);
 
   Reception reception;
   bool keySeen = false;
   const gint64 end = g_get_monotonic_time() + static_cast<gint64>(seconds * G_USEC_PER_SEC);
   while (g_get_monotonic_time() < end) {
-    g_autoptr(GstSample) packet = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), GST_SECOND / 10);
-    if (packet == nullptr) {
-      continue;
-    }
-    if (reception.packets++ == 0) {
+    g_autoptr(GstSample) packet =
+        gst_app_sink_try_pull_sample(GST_APP_SINK(packets), GST_SECOND / 100);
+    if (packet != nullptr) {
       g_autofree gchar* caps = gst_caps_to_string(gst_sample_get_caps(packet));
       reception.caps = caps;
+      reception.largest =
+          std::max(reception.largest, gst_buffer_get_size(gst_sample_get_buffer(packet)));
     }
-    reception.largest =
-        std::max(reception.largest, gst_buffer_get_size(gst_sample_get_buffer(packet)));
-    GstFlowReturn flow = GST_FLOW_OK;
-    g_signal_emit_by_name(in, "push-sample", packet, &flow);
-    g_autoptr(GstSample) unit = gst_app_sink_try_pull_sample(GST_APP_SINK(out), 0);
+    g_autoptr(GstSample) unit = gst_app_sink_try_pull_sample(GST_APP_SINK(units), 0);
     if (unit != nullptr) {
       ++reception.units;
       keySeen = keySeen ||
@@ -97,7 +89,6 @@ Reception receive(const std::string& url, const char* transport, const Stream& s
     }
   }
   gst_element_set_state(pipeline, GST_STATE_NULL);
-  gst_element_set_state(units, GST_STATE_NULL);
   return reception;
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
@@ -32,13 +30,6 @@ class Server {
   // Waits for a line of this text on standard error, after those already read.
   void awaitLine(const std::string& line) { program_.awaitErrorLine(line); }
 
-  // Open descriptors without those of the camera's pool, which keeps as many frames as were ever
-  // under way at once.
-  std::ptrdiff_t descriptors() const;
-  std::ptrdiff_t threads() const;
-  // Resident memory in bytes.
-  long memory() const;
-
   // Ctrl-C; the exit code has to be 0.
   void stop();
 
@@ -50,4 +41,4 @@ class Server {
 };
 
 // Makes the clip that servers show.
-std::string makeClip(const TempFolder& folder);
+std::string makeServedClip(const TempFolder& folder);
