@@ -42,7 +42,7 @@ TEST(Doctor, FindsTheSimulatedBoardsUsable) {
 }
 
 // One broken encoder: what is said of it, and whether other codecs keep the board usable.
-TEST(Doctor, SeesHowAnEncoderFailsToOpen) {
+TEST(Doctor, SeesHowAnEncoderFails) {
   struct Case {
     const char* fault;
     const char* limit;
@@ -50,7 +50,8 @@ TEST(Doctor, SeesHowAnEncoderFailsToOpen) {
   };
   for (const Case& c : {Case{"no-open", "120", "Cannot open the device of nvv4l2h264enc"},
                         Case{"hang-open", "3", "did not open in 3 s"},
-                        Case{"crash-open", "120", "crashed: Segmentation fault"}}) {
+                        Case{"crash-open", "120", "crashed: Segmentation fault"},
+                        Case{"lacks:output-io-mode", "120", "has no property output-io-mode"}}) {
     SCOPED_TRACE(c.fault);
     const json report = doctorJson(std::string("nvv4l2h264enc=") + c.fault,
                                    {"--board", "nvvidconv,nvv4l2h264enc", "--timeout", c.limit}, 4);
@@ -74,20 +75,6 @@ TEST(Doctor, TheCodecThatIsAskedForDecides) {
   EXPECT_FALSE(doctorJson(faults, with("h264"), 4)["codecs"]["h264"]["works"]);
   EXPECT_TRUE(doctorJson(faults, with("h265"), 0)["codecs"]["h265"]["works"]);
   EXPECT_EQ(doctor("", with("mpeg2")).exitCode, 2);
-}
-
-TEST(Doctor, MarksThePropertyThatAnElementLacks) {
-  const Result result = doctor("nvv4l2h264enc=lacks:output-io-mode",
-                               {"--board", "nvvidconv,nvv4l2h264enc", "--timeout", "120"});
-  EXPECT_EQ(result.exitCode, 4) << result.err;
-  EXPECT_NE(result.out.find("nvv4l2h264enc has no property output-io-mode"), std::string::npos);
-  const std::size_t piece = result.out.find("output-io-mode=5 ");
-  ASSERT_NE(piece, std::string::npos) << result.out;
-  const std::size_t column = piece - result.out.rfind('\n', piece) - 1;
-  const std::size_t below = result.out.find('\n', piece) + 1;
-  EXPECT_EQ(result.out.substr(below, column + 17), std::string(column, ' ') + "^^^^^^^^^^^^^^^^\n");
-  // The other descriptions do without it.
-  EXPECT_NE(result.out.find("over RTSP h264, over HTTP h264;"), std::string::npos) << result.out;
 }
 
 TEST(Doctor, NamesWhatAPlatformLacks) {

@@ -5,7 +5,7 @@
 #include <tuple>
 
 #include "Program.h"
-#include "support/Command.h"
+#include "support/Clip.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -52,18 +52,11 @@ TEST_F(Grab, AStillImageKeepsItsSizeAndColours) {
 
 TEST_F(Grab, PicturesOfAFileAreNumbered) {
   const std::string clip = folder_ / "clip.mkv";
-  ffmpeg("testsrc2=size=320x180:rate=30:duration=0.1",
-         {"-c:v", "libx264", "-preset", "ultrafast", clip});
-  const std::vector<std::string> command = {"grab", clip,       "-o", folder_ / "a.png", "--width",
-                                            "160",  "--height", "90", "--count"};
-  const auto grab = [&](const char* count) {
-    std::vector<std::string> all = command;
-    all.emplace_back(count);
-    return run(station(all));
-  };
-  EXPECT_EQ(grab("3").exitCode, 0);
+  makeClip(clip, "320x180", 30, 3);
+  const std::vector<std::string> command = {"grab", clip, "-o", folder_ / "a.png"};
+  EXPECT_EQ(run(station(command, {"--count", "3"})).exitCode, 0);
   EXPECT_LT(psnr(folder_ / "a-0001.png", folder_ / "a-0003.png"), 60);
-  const Result tooMany = grab("4");
+  const Result tooMany = run(station(command, {"--count", "4"}));
   EXPECT_EQ(tooMany.exitCode, 5);
   EXPECT_EQ(tooMany.err, "media-station: source has ended after 3 pictures: " + clip + "\n");
 }

@@ -42,13 +42,6 @@ TEST(Inspect, NamesWhatIsMissing) {
   EXPECT_TRUE(present.at("h264parse"));
 }
 
-TEST(Inspect, AnIncompleteFamilyIsNoPlatform) {
-  const Result result = run(station({"inspect", "--board", "nvv4l2h264enc"}));
-  EXPECT_EQ(result.exitCode, 3);
-  EXPECT_NE(result.out.find("found    nvv4l2h264enc"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("missing  nvvidconv"), std::string::npos) << result.out;
-}
-
 TEST(Inspect, DrawsTheRecorder) {
   const TempFolder folder;
   const std::string file = folder / "recorder.svg";

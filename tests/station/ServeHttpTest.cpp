@@ -116,7 +116,7 @@ TEST(ServeHttpPaths, ABodyOfNoKnownLengthIsRefusedHoweverItComes) {
   server.stop();
 }
 
-// A red picture is red in what a browser shows a few seconds later.
+// Chromium renders a red picture red.
 TEST(ServeHttpPage, ShowsTheLivePicture) {
   if (run({"sh", "-c", "command -v chromium"}).exitCode != 0) {
     GTEST_SKIP() << "no Chromium: page not looked at";

@@ -140,7 +140,7 @@ TEST(ServeRtspHalted, PlayerOverTcpHoldsUpNobodyOverUdp) {
   constexpr double kReceived = 18;  // seconds
   const Stream stream{"imx", "h264", "h264", "H264", "rtph264depay ! h264parse"};
   Server server("rtsp", {"--board", stream.board, "--bitrate", "20000000"});
-  Program player({"ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", server.url(),
+  Program player({"ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", server.url(), "-t", "60",
                   "-progress", "pipe:1", "-f", "null", "-"});
   for (std::string line = "-"; !line.empty() && line.rfind("frame=", 0) != 0;) {
     line = player.readLine();
