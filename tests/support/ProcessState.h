@@ -32,21 +32,22 @@ inline std::ptrdiff_t runningThreads() {
   });
 }
 
-// What a pipeline holds is released a moment after it. False if more than `most` stay.
-template <typename Count>
-bool settles(const Count& count, std::ptrdiff_t most) {
-  for (int i = 0; i < 1000 && count() > most; ++i) {
+// Pipelines and pool threads end a moment after the call that ends them. False if `condition` does
+// not become true within ten seconds.
+template <typename Condition>
+bool settles(const Condition& condition) {
+  for (int i = 0; i < 1000 && !condition(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return count() <= most;
+  return condition();
 }
 
 inline bool threadsSettle(std::ptrdiff_t most) {
-  return settles(runningThreads, most);
+  return settles([most] { return runningThreads() <= most; });
 }
 
 inline bool descriptorsSettle(std::ptrdiff_t most) {
-  return settles(openDescriptors, most);
+  return settles([most] { return openDescriptors() <= most; });
 }
 
 // Bytes from malloc() in use, mapped blocks included; a sanitizer's allocator is not seen.
