@@ -15,6 +15,7 @@ namespace {
 std::mutex g_mutex;
 std::string g_description;                 // the last one that was parsed
 const char* g_otherDescription = nullptr;  // parsed in place of every one, empty for none at all
+int g_parses = 0;
 GstElement* g_pipeline = nullptr;          // the last one, while its source has it
 void (*g_onParsed)() = nullptr;            // does what has to be done before it starts
 
@@ -23,6 +24,7 @@ void (*g_onParsed)() = nullptr;            // does what has to be done before it
 extern "C" GstElement* gst_parse_launch(const gchar* description, GError** error) {
   static auto* const real = nextDefinition<decltype(gst_parse_launch)>("gst_parse_launch");
   const std::lock_guard<std::mutex> lock(g_mutex);
+  ++g_parses;
   g_description = g_otherDescription != nullptr ? g_otherDescription : description;
   g_pipeline = g_description.empty() ? nullptr : real(g_description.c_str(), error);
   if (g_onParsed != nullptr) {

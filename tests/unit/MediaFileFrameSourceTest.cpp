@@ -19,7 +19,6 @@
 
 #include "support/Clip.h"
 #include "support/InterposedParse.h"
-#include "support/ProcessState.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -130,34 +129,6 @@ TEST_F(MediaFile, StaysAtItsEndUnlessItLoops) {
   }
 }
 
-TEST_F(MediaFile, StartsAgainOnlyForAnotherConfiguration) {
-  using Config = MediaFileFrameSourceConfig;
-  const struct {
-    const char* name;
-    void (*change)(Config&);
-    bool restarts;
-  } rows[] = {
-      {"width that rounds to the same", [](Config& c) { c.width = 193; }, false},
-      {"height that rounds to the same", [](Config& c) { c.height = 65; }, false},
-      {"rate within a millionth", [](Config& c) { c.fps = 0.1 + 1e-7; }, false},
-      {"rate below the least", [](Config& c) { c.fps = -7; }, false},
-      {"rate", [](Config& c) { c.fps = 0.6; }, true},
-      {"width", [](Config& c) { c.width = 194; }, true},
-      {"height", [](Config& c) { c.height = 66; }, true},
-      {"loop", [](Config& c) { c.loop = false; }, true},
-      {"spelling of the path", [](Config& c) { c.path.insert(c.path.rfind('/'), "/."); }, true},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    source_.stop();
-    Config config = clip();
-    config.fps = 0.1;
-    expectFrames(config, 0, 2);
-    row.change(config);
-    expectFrames(config, row.restarts ? 0 : 2, 4);
-  }
-}
-
 TEST_F(MediaFile, NamesAPathThatIsNotThere) {
   const MediaFileFrameSourceConfig config = clip();
   expectFrames(config, 0, 2);
@@ -165,9 +136,6 @@ TEST_F(MediaFile, NamesAPathThatIsNotThere) {
   EXPECT_EQ(next(config), kNoFrame);
   EXPECT_EQ(error_, "media file does not exist: " + config.path);
   fs::rename(folder_ / "elsewhere", config.path);
-  expectFrames(config, 0, 2);
-  EXPECT_EQ(next({}), kNoFrame);
-  EXPECT_EQ(error_, "empty media file path");
   expectFrames(config, 0, 2);
 }
 
@@ -245,48 +213,6 @@ TEST_F(MediaFile, ConvertsInHardwareWhereThereIsAny) {
   EXPECT_EQ(g_description, before + "nvvidconv " + after);
 }
 
-TEST_F(MediaFile, HearsErrorsButNotWarnings) {
-  MediaFileFrameSourceConfig config = clip();
-  config.loop = false;
-  expectFrames(config, 0, kFrames);
-  EXPECT_EQ(next(config), kNoFrame);
-
-  g_autoptr(GError) cause = g_error_new_literal(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED, "boom");
-  gst_element_post_message(g_pipeline,
-                           gst_message_new_warning(GST_OBJECT(g_pipeline), cause, "not so bad"));
-  EXPECT_EQ(next(config), kNoFrame);
-  EXPECT_EQ(error_, "");
-  for (const char* debug : {static_cast<const char*>(nullptr), "details"}) {
-    gst_element_post_message(g_pipeline,
-                             gst_message_new_error(GST_OBJECT(g_pipeline), cause, debug));
-    EXPECT_EQ(next(config), kNoFrame);
-    if (error_.empty()) {  // the end of the stream came late, and a call takes one message
-      EXPECT_EQ(next(config), kNoFrame);
-    }
-    EXPECT_EQ(error_, debug == nullptr ? "boom" : "boom (details)");
-    expectFrames(config, 0, kFrames);  // the failure tore it down
-    EXPECT_EQ(next(config), kNoFrame);
-  }
-}
-
-TEST_F(MediaFile, NamesWhatItCannotBuild) {
-  const MediaFileFrameSourceConfig config = clip();
-  const std::pair<const char*, const char*> rows[] = {
-      {"", "failed to create media file GStreamer pipeline"},
-      {"no_such_element", "no element \"no_such_element\""},
-      {"fakesrc ! appsink name=simu_file_sink", "GStreamer filesrc not found"},
-      {"filesrc name=simu_file_src ! fakesink", "GStreamer appsink not found"},
-  };
-  for (const auto& [description, error] : rows) {
-    g_otherDescription = description;
-    EXPECT_EQ(next(config), kNoFrame);
-    EXPECT_EQ(error_, error);
-    g_otherDescription = nullptr;
-    expectFrames(config, 0, 1);
-    source_.stop();
-  }
-}
-
 // A busy streaming thread posts its error when the change of state has failed already.
 TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
   const MediaFileFrameSourceConfig config = clip();
@@ -315,43 +241,33 @@ TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
   g_onParsed = nullptr;
 }
 
-// Here no frame ever comes.
-TEST_F(MediaFile, NegativeTimeoutDoesNotWait) {
-  const MediaFileFrameSourceConfig config = clip();
-  g_otherDescription =
-      "filesrc name=simu_file_src ! fakesink async=false appsrc ! "
-      "appsink name=simu_file_sink async=false";
-  EXPECT_EQ(next(config, -5s), kNoFrame);
-  EXPECT_EQ(error_, "");
-}
-
-// What a busy machine does to a start: the sink, asked to play, is filled before it gets to it, or
-// has got all there is. From then on the start waits for the sink, and the sink for somebody who
-// takes its frames.
+// What a busy machine does to a start: before it gets to the sink, the sink is full in the middle
+// of a list of buffers, or has got all there is. From then on the start waits for the sink, and the
+// sink for somebody who takes its frames.
 TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
   static std::atomic<bool> isBusy;
   const MediaFileFrameSourceConfig config = clip();
-  const auto describe = [](const char* source, const char* sink) {
-    return std::string("filesrc name=simu_file_src ! fakesink async=false ") +
-           "videotestsrc num-buffers=1 ! fakesink videotestsrc " + source +
-           " ! video/x-raw,format=NV12,width=192,height=64 ! "
-           "appsink name=simu_file_sink async=false emit-signals=true " +
-           sink;
-  };
-  for (const std::string& description :
-       {describe("", "max-buffers=1"), describe("num-buffers=1", "max-buffers=2")}) {
-    SCOPED_TRACE(description);
+  // Twice, as the start may get to the sink between the last buffer and the end.
+  for (const auto& [frames, most] : {std::pair("-1", "1"), {"1", "100"}, {"1", "100"}}) {
+    SCOPED_TRACE(frames);
+    const std::string description =
+        "filesrc name=simu_file_src ! fakesink async=false videotestsrc num-buffers=1 "
+        "! identity sleep-time=100000 ! fakesink videotestsrc num-buffers=" +
+        std::string(frames) +
+        " ! video/x-raw,format=UYVY,width=192,height=64 ! rtpvrawpay chunks-per-frame=1 ! queue "
+        "! appsink name=simu_file_sink async=false emit-signals=true max-buffers=" +
+        most;
     isBusy = true;
     g_otherDescription = description.c_str();
     g_onParsed = [] {
-      g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
+      g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
       const auto stayBusy = +[](GstElement*) {
         while (isBusy) {
           std::this_thread::sleep_for(1ms);
         }
         return GST_FLOW_OK;
       };
-      g_signal_connect(sink, "new-preroll", G_CALLBACK(stayBusy), nullptr);
+      g_signal_connect(element, "new-preroll", G_CALLBACK(stayBusy), nullptr);
     };
     EXPECT_EQ(next(config, 0ms), kNoFrame);
     EXPECT_EQ(error_, "");
@@ -396,29 +312,21 @@ TEST_F(MediaFile, StopsWhileTheDecoderWaits) {
   source_.stop();
 }
 
-TEST_F(MediaFile, ManySourcesAtOnceLeaveNoThreadAndNoDescriptorBehind) {
+TEST_F(MediaFile, PlaysBesideOthers) {
   const MediaFileFrameSourceConfig config = clip();
-  const auto play = [&config](int frames) {
-    MediaFileFrameSource source;
-    std::string error;
-    for (int n = 0; n < frames; ++n) {
-      const auto picture = source.capture(config, kLong, error);
-      ASSERT_NE(picture, nullptr) << error;
-      EXPECT_EQ(numberIn(*picture), n % kFrames);
-    }
-  };
-  std::thread([] {}).join();  // a sanitizer may keep a thread of its own from the first one on
-  const std::ptrdiff_t before = runningThreads();
-  play(1);  // what GStreamer sets up for the process
-  g_thread_pool_set_max_unused_threads(0);
-  const std::ptrdiff_t descriptors = openDescriptors();
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.emplace_back(play, 2 * kFrames + 3);
+    threads.emplace_back([&config] {
+      MediaFileFrameSource source;
+      std::string error;
+      for (int n = 0; n < 2 * kFrames + 3; ++n) {
+        const auto picture = source.capture(config, kLong, error);
+        ASSERT_NE(picture, nullptr) << error;
+        EXPECT_EQ(numberIn(*picture), n % kFrames);
+      }
+    });
   }
   std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
-  EXPECT_EQ(openDescriptors(), descriptors);
-  EXPECT_TRUE(threadsSettle(before)) << runningThreads() << " threads, not " << before;
 }
 
 }  // namespace

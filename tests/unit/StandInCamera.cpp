@@ -104,7 +104,6 @@ GstStateChangeReturn StandInSource::changeState(GstElement* element, GstStateCha
 bool StandInSource::open(GstElement* element) {
   StandInCamera& camera = StandInCamera::instance();
   const std::lock_guard<std::mutex> lock(camera.mutex_);
-  ++camera.starts_;
   camera.act_ = nullptr;
   return camera.open_ == nullptr || camera.open_(element);
 }

@@ -29,7 +29,6 @@ class StandInCamera {
   // Frame `number`, at its time at 30 frames per second, luma of value `number`.
   void show(int number);
 
-  int starts() const { return locked(starts_); }
   std::string device() const { return locked(device_); }
 
  private:
@@ -48,5 +47,4 @@ class StandInCamera {
   std::function<bool(GstElement*)> open_;
   Act act_;  // set while a source has one to do or to finish
   bool flushing_ = false;
-  int starts_ = 0;
 };
