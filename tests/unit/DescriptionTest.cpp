@@ -68,9 +68,11 @@ TEST_F(Descriptions, InputConversion) {
 }
 
 TEST_F(Descriptions, HoldTextsOfAnyLength) {
-  const std::string value(5000, 'x');
-  EXPECT_EQ(GstVideoBackend(nvidiaProfile()).inputConversionChain(value.c_str()),
-            "  ! nvvidconv   ! video/x-raw(memory:NVMM),format=NV12,colorimetry=" + value + " ");
+  for (const std::size_t length : {100U, 5000U}) {  // shorter and longer than the room at first
+    const std::string value(length, 'x');
+    EXPECT_EQ(GstVideoBackend(nvidiaProfile()).inputConversionChain(value.c_str()),
+              "  ! nvvidconv   ! video/x-raw(memory:NVMM),format=NV12,colorimetry=" + value + " ");
+  }
 }
 
 TEST_F(Descriptions, TransportEncoder) {
