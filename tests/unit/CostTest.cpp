@@ -1,160 +1,64 @@
-// What a call costs, in counts: allocations, system calls, and pages of pixels that are touched.
+// What a call costs, in counts: instructions beside the work that cannot be avoided, which
+// callgrind counts exactly; allocations; and pages of pixels that are touched.
 
-#include <cstddef>
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <gst/gst.h>
+#include <gst/video/video.h>
 #include <gtest/gtest.h>
 #include <lumora/FrameExport.h>
 #include <lumora/LumoraPicture.h>
+#include <media_backend/AudioContinuityGuard.h>
+#include <media_backend/GstNv12Sample.h>
 #include <media_backend/GstVideoBackend.h>
+#include <opus.h>
 #include <sys/mman.h>
-#include <sys/ptrace.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/Interpose.h"
 #include "support/Profiles.h"
+#include "support/TempFolder.h"
 #include "support/WrapByHand.h"
 
 namespace {
-
 thread_local int t_allocations = 0;
-
 }  // namespace
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kCounts = false;  // a sanitizer's allocator stands in front
-#else
-constexpr bool kCounts = true;
-
-// The C library's names, its own and those that it lets a program replace.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-*)
-extern "C" {
-
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
-
-void* malloc(size_t size) {
+// The next operator new is the standard one, which its own operator delete goes with.
+// NOLINTNEXTLINE(misc-new-delete-overloads)
+void* operator new(std::size_t size) {
+  static auto* const real = nextDefinition<void*(std::size_t)>("_Znwm");
   ++t_allocations;
-  return __libc_malloc(size);
+  return real(size);
 }
-
-void* calloc(size_t count, size_t size) {
-  ++t_allocations;
-  return __libc_calloc(count, size);
-}
-
-void* realloc(void* memory, size_t size) {
-  ++t_allocations;
-  return __libc_realloc(memory, size);
-}
-
-// NOLINTEND(bugprone-reserved-identifier,readability-*)
-}  // extern "C"
-#endif
 
 namespace {
 
+using media_backend::AudioContinuityGuard;
+using media_backend::EncodedAudioFrame;
 using media_backend::GstVideoBackend;
-using Frame = std::shared_ptr<lumora::ExportedFrame>;
 
-Frame exportedFrame() {
+constexpr unsigned kWidth = 1920;
+constexpr unsigned kHeight = 1080;
+
+std::shared_ptr<lumora::ExportedFrame> exportedFrame() {
+  const std::string pixels(std::size_t{kWidth} * kHeight * 3 / 2, 'x');
   return lumora::ExportedFrame::fromPicture(
-      *lumora::LumoraPicture::fromNv12Host(std::string(768, 'x').data(), 32, 16, 32));
-}
-
-template <typename Function>
-int allocationsOf(Function function) {
-  function();  // what only a first call allocates
-  const int before = t_allocations;
-  function();
-  return t_allocations - before;
-}
-
-// The system calls that the function makes when it runs for the second time, by number, and the one
-// that ends the process. Empty where a process cannot be traced, as under an emulator.
-template <typename Function>
-std::vector<long> systemCallsOf(Function function) {
-  const pid_t child = fork();
-  if (child == 0) {
-    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) {
-      _exit(EXIT_FAILURE);
-    }
-    function();
-    kill(getpid(), SIGSTOP);  // raise() may go on with a system call of its own
-    function();
-    syscall(SYS_exit_group, 0);
-  }
-  std::vector<long> calls;
-  int status = 0;
-  waitpid(child, &status, 0);
-  ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-  while (WIFSTOPPED(status)) {
-    __ptrace_syscall_info info{};
-    if (WSTOPSIG(status) == (SIGTRAP | 0x80) &&
-        ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof(info), &info) > 0 &&
-        info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-      calls.push_back(static_cast<long>(info.entry.nr));
-    }
-    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-    waitpid(child, &status, 0);
-  }
-  return calls;
-}
-
-struct Way {
-  const char* name;
-  GstVideoBackend backend;
-  GstBuffer* (*byHand)(const Frame& frame);
-  std::vector<long> systemCalls;
-};
-
-const std::vector<Way>& ways() {
-  static const std::vector<Way> kWays = {
-      {"i.MX", GstVideoBackend(imxProfile()), wrapDmaBufByHand, {SYS_dup, SYS_close}},
-      {"NVIDIA", GstVideoBackend(nvidiaProfile()), wrapSurfaceByHand, {}},
-  };
-  return kWays;
-}
-
-TEST(Cost, WrappingAllocatesWhatGStreamerAndOneReferenceTake) {
-  if (!kCounts) {
-    GTEST_SKIP() << "a sanitizer allocates here";
-  }
-  const Frame frame = exportedFrame();
-  for (const Way& way : ways()) {
-    const int wrapped =
-        allocationsOf([&] { gst_buffer_unref(way.backend.wrapFrame(frame->handle(), frame)); });
-    const int byHand = allocationsOf([&] { gst_buffer_unref(way.byHand(frame)); });
-    EXPECT_GT(byHand, 0) << way.name;
-    EXPECT_EQ(wrapped, byHand) << way.name;
-  }
-}
-
-TEST(Cost, WrappingDuplicatesADescriptorAndNothingMore) {
-  if (!kCounts || systemCallsOf([] {}).empty()) {
-    GTEST_SKIP() << "no process can be watched here, or a sanitizer makes calls of its own";
-  }
-  const Frame frame = exportedFrame();
-  for (const Way& way : ways()) {
-    std::vector<long> expected = way.systemCalls;
-    expected.push_back(SYS_exit_group);
-    EXPECT_EQ(
-        systemCallsOf([&] { gst_buffer_unref(way.backend.wrapFrame(frame->handle(), frame)); }),
-        expected)
-        << way.name;
-  }
+      *lumora::LumoraPicture::fromNv12Host(pixels.data(), kWidth, kHeight, kWidth));
 }
 
 // A file without content gets a page the moment that somebody looks at it.
 TEST(Cost, WrappedPixelsAreNotTouched) {
-  const Frame frame = exportedFrame();
+  const auto frame = exportedFrame();
   const int fd = memfd_create("untouched", MFD_CLOEXEC);
   lumora::FrameExportHandle handle = frame->handle();
   ASSERT_EQ(ftruncate(fd, static_cast<off_t>(handle.size)), 0);
@@ -164,38 +68,190 @@ TEST(Cost, WrappedPixelsAreNotTouched) {
     fstat(fd, &status);
     return status.st_blocks;
   };
-  for (const Way& way : ways()) {
-    gst_buffer_unref(way.backend.wrapFrame(handle, frame));
-    EXPECT_EQ(touched(), 0) << way.name;
+  for (const auto& profile : {nvidiaProfile(), imxProfile()}) {
+    g_autoptr(GstBuffer) buffer = GstVideoBackend(profile).wrapFrame(handle, frame);
+    EXPECT_EQ(touched(), 0) << profile.name;
+    if (profile.platform == GstVideoBackend::Platform::ImxVpu) {
+      guint8 first = 1;
+      gst_buffer_extract(buffer, 0, &first, 1);
+      EXPECT_GT(touched(), 0) << "nothing was watched";
+    }
   }
-  g_autoptr(GstBuffer) buffer = ways()[0].backend.wrapFrame(handle, frame);
-  GstMapInfo map;
-  ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
-  EXPECT_EQ(*static_cast<volatile guint8*>(map.data), 0);
-  gst_buffer_unmap(buffer, &map);
-  EXPECT_GT(touched(), 0);  // else nothing was watched
   close(fd);
 }
 
 TEST(Cost, BuildersAllocateTheirTextAlone) {
-  if (!kCounts) {
-    GTEST_SKIP() << "a sanitizer allocates here";
-  }
   GstVideoBackend::EncoderConfig config;
   config.codec = GstVideoBackend::Codec::H265;
-  for (const Way& way : ways()) {
-    const GstVideoBackend& backend = way.backend;
-    const auto count = [&](const char* builder, auto build) {
-      EXPECT_EQ(allocationsOf([&] { EXPECT_FALSE(build().empty()); }), 1)
-          << builder << " on " << way.name;
-    };
-    count("inputConversionChain", [&] { return backend.inputConversionChain("bt709"); });
-    count("transportEncoderChain", [&] { return backend.transportEncoderChain(config, "-1"); });
-    count("rtspPayloaderChain", [&] { return backend.rtspPayloaderChain(config.codec, 1400); });
-    count("httpUploadChain", [&] { return backend.httpUploadChain("bt709"); });
-    count("httpEncoderChain", [&] { return backend.httpEncoderChain(config); });
-    count("recorderPipeline", [&] { return backend.recorderPipeline(config, 60, true, true); });
+  for (const auto& profile : {nvidiaProfile(), imxProfile()}) {
+    const GstVideoBackend backend(profile);
+    const std::function<std::string()> builders[] = {
+        [&] { return backend.inputConversionChain("bt709"); },
+        [&] { return backend.transportEncoderChain(config, "-1"); },
+        [&] { return backend.rtspPayloaderChain(config.codec, 1400); },
+        [&] { return backend.httpUploadChain("bt709"); },
+        [&] { return backend.httpEncoderChain(config); },
+        [&] { return backend.recorderPipeline(config, 60, true, true); }};
+    for (const auto& build : builders) {
+      t_allocations = 0;
+      const std::string text = build();
+      EXPECT_EQ(t_allocations, 1) << profile.name << ": " << text;
+    }
   }
 }
 
 }  // namespace
+
+// Without optimisation, it is the calls of small functions that are counted.
+#if __has_include(<valgrind/callgrind.h>) && defined(__OPTIMIZE__) && !defined(EMULATED) && \
+    !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#include <valgrind/callgrind.h>
+
+namespace {
+
+constexpr unsigned kTimes = 10;
+
+// A piece of work beside its peer, and how many times the peer's instructions it may take.
+struct Row {
+  const char* name;
+  std::function<void()> subject;
+  std::function<void()> peer;
+  double most;
+};
+
+Row wrapping(const char* name, const GstVideoBackend::Profile& profile,
+             GstBuffer* (*byHand)(const std::shared_ptr<lumora::ExportedFrame>&)) {
+  return {name,
+          [frame = exportedFrame(), backend = GstVideoBackend(profile)] {
+            gst_buffer_unref(backend.wrapFrame(frame->handle(), frame));
+          },
+          [frame = exportedFrame(), byHand] { gst_buffer_unref(byHand(frame)); }, 1.05};
+}
+
+// A picture of one row more has a gap between its planes, so it is repacked.
+Row picture(const char* name, unsigned height, bool repacks, double most) {
+  GstVideoInfo info;
+  gst_video_info_set_format(&info, GST_VIDEO_FORMAT_NV12, kWidth, height);
+  g_autoptr(GstCaps) caps = gst_video_info_to_caps(&info);
+  g_autoptr(GstBuffer) buffer = gst_buffer_new_allocate(nullptr, info.size, nullptr);
+  gst_buffer_memset(buffer, 0, 0x5a, info.size);
+  const std::shared_ptr<GstSample> sample(gst_sample_new(buffer, caps, nullptr, nullptr),
+                                          gst_sample_unref);
+  const std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 3 / 2, 0x5a);
+  return {name,
+          [sample, scratch = std::vector<std::uint8_t>()]() mutable {
+            std::string error;
+            media_backend::gst_source::picture_from_nv12_sample(sample.get(), scratch, error);
+          },
+          [pixels, packed = pixels, repacks]() mutable {
+            if (repacks) {
+              std::memcpy(packed.data(), pixels.data(), packed.size());
+            }
+            lumora::LumoraPicture::fromNv12Host(packed.data(), kWidth, kHeight, kWidth);
+          },
+          most};
+}
+
+Row received() {
+  constexpr int kBatch = 50;
+  EncodedAudioFrame frame;
+  frame.payload.assign(160, 1);
+  const auto now = std::chrono::steady_clock::now();
+  return {"notes of frames and a drain",
+          [frame, now, guard = std::make_shared<AudioContinuityGuard>()] {
+            for (int i = 0; i < kBatch; ++i) {
+              guard->noteReceived(frame, now);
+            }
+            guard->drainReceived();
+          },
+          [frame] {
+            std::deque<EncodedAudioFrame> queue;
+            for (int i = 0; i < kBatch; ++i) {
+              queue.push_back(frame);
+            }
+          },
+          1.3};
+}
+
+Row silence() {
+  const auto guard = std::make_shared<AudioContinuityGuard>();
+  guard->setFallbackMode(AudioContinuityGuard::FallbackMode::Silence);
+  guard->prime(48000, 1, 20'000'000);
+  const std::shared_ptr<OpusEncoder> encoder(
+      opus_encoder_create(48000, 1, OPUS_APPLICATION_AUDIO, nullptr), opus_encoder_destroy);
+  opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(64000));
+  opus_encoder_ctl(encoder.get(), OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
+  return {"a silent frame",
+          [guard] { guard->maybeMakeFallback(AudioContinuityGuard::TimePoint::max()); },
+          [encoder, pcm = std::vector<opus_int16>(960),
+           packet = std::vector<std::uint8_t>(4000)]() mutable {
+            ASSERT_GT(opus_encode(encoder.get(), pcm.data(), 960, packet.data(), 4000), 0);
+          },
+          1.03};
+}
+
+// Under valgrind: counts the work's instructions into the next file.
+void count(const std::function<void()>& work) {
+  work();  // what only a first call does
+  CALLGRIND_START_INSTRUMENTATION;
+  CALLGRIND_ZERO_STATS;
+  for (unsigned i = 0; i < kTimes; ++i) {
+    work();
+  }
+  CALLGRIND_DUMP_STATS;
+  CALLGRIND_STOP_INSTRUMENTATION;
+}
+
+// Of the work that was counted as the `number`th, from 1; 0 if none was.
+double countIn(const std::string& counts, std::size_t number) {
+  std::ifstream file(counts + "." + std::to_string(number));
+  const std::string total = "summary: ";
+  for (std::string line; std::getline(file, line);) {
+    if (line.rfind(total, 0) == 0) {
+      return std::stod(line.substr(total.size()));
+    }
+  }
+  return 0;
+}
+
+TEST(Cost, InstructionsAreFewMoreThanTheWorkTakes) {
+  // GStreamer's look at the caps alone takes 0.016 times as much as the picture as it is.
+  const Row rows[] = {wrapping("wrapFrame() on i.MX", imxProfile(), wrapDmaBufByHand),
+                      wrapping("wrapFrame() on NVIDIA", nvidiaProfile(), wrapSurfaceByHand),
+                      picture("a picture as it is", kHeight, false, 1.03),
+                      picture("a picture repacked", kHeight + 1, true, 1.1),
+                      received(),
+                      silence()};
+  if (RUNNING_ON_VALGRIND != 0) {
+    for (const Row& row : rows) {
+      count(row.subject);
+      count(row.peer);
+    }
+    return;
+  }
+  if (std::system("valgrind --version >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "no valgrind here";
+  }
+  const TempFolder folder;
+  const std::string counts = folder / "counts";
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  // Else the C library copies a picture by one instruction, which is counted once for every byte.
+  const std::string command =
+      "env -u GTEST_OUTPUT GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000"
+      ":glibc.cpu.x86_non_temporal_threshold=1000000000 valgrind -q --tool=callgrind "
+      "--instr-atstart=no --callgrind-out-file='" +
+      counts + "' '" + self + "' --gtest_filter=Cost.Instructions*";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    const double subject = countIn(counts, 2 * i + 1);
+    const double peer = countIn(counts, 2 * i + 2);
+    ASSERT_GT(peer, kTimes * 100) << rows[i].name << ": nothing was counted";
+    std::printf("%-30s %10.0f instructions, %.3f of the peer's\n", rows[i].name, subject / kTimes,
+                subject / peer);
+    EXPECT_LE(subject / peer, rows[i].most) << rows[i].name;
+    EXPECT_GT(subject / peer, 0.9) << rows[i].name << ": something was not done";
+  }
+}
+
+}  // namespace
+#endif
