@@ -1,18 +1,18 @@
-"""What parts of scripts/torture that are written in Python share."""
+"""What the parts of scripts/torture share that are written in Python."""
 
-import datetime
-import importlib.machinery
-import importlib.util
+import contextlib
 import os
 import pathlib
+import re
+import signal
+import subprocess
 import sys
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 BEGIN = time.monotonic()
-# For a process whose memory is watched. What was freed, but malloc() keeps, counts, too. By default it grows
-# for tens of minutes: every new thread takes another arena, and each arena comes to the most that one ever
-# held. With one arena, and with large blocks given back at once, it is at its level after the warm-up.
+PATIENCE = 30  # seconds, on a busy machine
+# Without these, malloc() keeps freed memory in an arena for every few threads, and its level rises for tens
+# of minutes.
 ONE_HEAP = {"MALLOC_ARENA_MAX": "1", "MALLOC_MMAP_THRESHOLD_": "16384"}
 
 
@@ -22,42 +22,71 @@ class Broken(Exception):
 
 def require(condition, text):
     if not condition:
-        raise Broken(text)
-
-
-def now():
-    """Seconds since the start."""
-    return time.monotonic() - BEGIN
+        raise Broken(text() if callable(text) else text)
 
 
 def log(text):
-    print(f"{now():7.2f} {text}", file=sys.stderr, flush=True)
+    print(f"{time.monotonic() - BEGIN:7.2f} {text}", file=sys.stderr, flush=True)
 
 
-def descriptors(pid):
-    """A process's open descriptors, and the frames of its camera's pool, which are not among them. There
-    are as many of these as were ever under way at once, which depends on how busy the machine is."""
-    names = []
-    for entry in pathlib.Path(f"/proc/{pid}/fd").iterdir():
-        try:
-            names.append(os.readlink(entry))
-        except FileNotFoundError:
-            pass  # closed meanwhile
-    frames = sum(name.startswith("/memfd:lumora-frame") for name in names)
-    return len(names) - frames, frames
+def await_that(holds, text, patience=PATIENCE):
+    """Waits until something holds by itself."""
+    end = time.monotonic() + patience
+    while not holds():
+        require(time.monotonic() < end, text)
+        time.sleep(0.05)
 
 
-def load_script(path):
-    """A script of the repository as a module."""
-    name = pathlib.Path(path).name
-    loader = importlib.machinery.SourceFileLoader(name, str(ROOT / path))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
-    sys.dont_write_bytecode = True
-    loader.exec_module(module)
-    return module
+def find_station(builds):
+    program = pathlib.Path(builds) / "release/station/media-station"
+    if not program.is_file():
+        log(f"there is no {program}")
+        sys.exit(77)
+    return program.resolve()
 
 
-def segment_begin(path):
-    """When a recorded segment began, in seconds since 1970, from its name."""
-    stem = path.stem.partition("Z")[0]
-    return datetime.datetime.strptime(stem + "+0000", "%Y%m%dT%H%M%S.%f%z").timestamp()
+def make_clip(path, size, seconds, look="null"):
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                    f"testsrc2=size={size[0]}x{size[1]}:rate=30:duration={seconds},{look}", "-c:v",
+                    "libx264", "-preset", "ultrafast", path], check=True, stdin=subprocess.DEVNULL)
+
+
+class Station:
+    """A process of media-station, and what it takes."""
+
+    def __init__(self, name, folder, command, **more):
+        self.name, self.url = name, None
+        self.errors = folder / (name.replace(" ", "-") + ".log")
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True,
+                                        stderr=self.errors.open("wb"),
+                                        env={**ONE_HEAP, **os.environ}, **more)
+        if "serve" in command:
+            found = re.search(r"\w+://[\d.:]+/\S*", line := self.process.stdout.readline())
+            require(found, f"{name} does not start: {line}")
+            self.url = found[0]
+
+    def usage(self):
+        """Anonymous memory in KiB, descriptors and threads; frames of the camera's pool count as memory."""
+        proc = pathlib.Path(f"/proc/{self.process.pid}")
+        rollup = (proc / "smaps_rollup").read_text()
+        names = []
+        for entry in (proc / "fd").iterdir():
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+                names.append(os.readlink(entry))
+        return {"memory": sum(map(int, re.findall(r"^(?:Pss_Anon|SwapPss): +(\d+)", rollup, re.M))),
+                "descriptors": sum("lumora-frame" not in name for name in names),
+                "threads": len(os.listdir(proc / "task"))}
+
+    def require_alive(self):
+        require(self.process.poll() is None, f"{self.name} ended: {self.process.returncode}")
+        for line in self.errors.read_text(errors="replace").splitlines():
+            require("-CRITICAL " not in line and "Too many open files" not in line,
+                    f"{self.name} said: {line[:200]}")
+
+    def stop(self):
+        """What it printed, after Ctrl-C."""
+        self.require_alive()
+        self.process.send_signal(signal.SIGINT)
+        text, _ = self.process.communicate(timeout=PATIENCE)
+        require(self.process.returncode == 0, f"{self.name} ended with {self.process.returncode}")
+        return text
