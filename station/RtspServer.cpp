@@ -28,22 +28,15 @@ std::string describe(const GstVideoBackend& backend, const ServeOptions& options
          encoder + backend.rtspPayloaderChain(options.encoder.codec, options.mtu) + ")";
 }
 
-bool isPlaying(GstRTSPSession* session) {
-  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
-  bool playing = false;
-  for (const GList* item = all; item != nullptr; item = item->next) {
-    playing = playing || gst_rtsp_session_media_get_rtsp_state(
-                             GST_RTSP_SESSION_MEDIA(item->data)) == GST_RTSP_STATE_PLAYING;
-  }
-  g_list_free_full(all, g_object_unref);
-  return playing;
-}
-
-// The server library would change the transport while packets are sent by it, and end the process.
+// A transport that a second SETUP replaces may be one that packets are sent by, or be counted for
+// the other protocol after a PLAY that failed: either way the server library ends the process.
 GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
-  return context->session != nullptr && isPlaying(context->session)
-             ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE
-             : GST_RTSP_STS_OK;
+  GList* const all = context->session != nullptr
+                         ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
+                         : nullptr;
+  const bool isSetUp = all != nullptr;
+  g_list_free_full(all, g_object_unref);
+  return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
 void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
