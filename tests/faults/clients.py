@@ -134,12 +134,10 @@ class Watcher(threading.Thread):
             if not line.startswith(b"#"):
                 self.times.append(time.monotonic())
 
-    def rate(self, begin):
-        """Pictures in a second since then, and the longest time without one."""
-        end = time.monotonic()
-        times = [begin, *(moment for moment in self.times[:] if moment >= begin), end]
-        gap = max(later - earlier for earlier, later in zip(times, times[1:]))
-        return (len(times) - 2) / (end - begin), gap
+    def longest_gap(self, begin):
+        """The longest time without a picture since then."""
+        times = [begin, *(moment for moment in self.times[:] if moment >= begin), time.monotonic()]
+        return max(later - earlier for earlier, later in zip(times, times[1:]))
 
     def end(self, how=signal.SIGINT):
         """What it complained about."""

@@ -78,8 +78,10 @@ class Station:
                 "threads": len(os.listdir(proc / "task"))}
 
     def require_alive(self):
-        require(self.process.poll() is None, f"{self.name} ended: {self.process.returncode}")
-        for line in self.errors.read_text(errors="replace").splitlines():
+        lines = self.errors.read_text(errors="replace").splitlines()
+        require(self.process.poll() is None, f"{self.name} ended with {self.process.returncode}, "
+                f"said {lines[-3:]}")
+        for line in lines:
             require("-CRITICAL " not in line and "Too many open files" not in line,
                     f"{self.name} said: {line[:200]}")
 
