@@ -158,16 +158,4 @@ TEST(ServeRtspHalted, PlayerOverTcpHoldsUpNobodyOverUdp) {
   server.stop();
 }
 
-TEST(ServeRtspSleep, CameraRunsOnlyWhileSomebodyWatches) {
-  Server server("rtsp", {"--board", "nvidia", "--path", "/door"});
-  for (int i = 0; i < 2; ++i) {
-    const Result result = run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-show_entries",
-                               "stream=codec_name", "-of", "csv=p=0", server.url()});
-    EXPECT_EQ(result.out, "h264\n") << result.err;
-    server.awaitLine("camera runs");
-    server.awaitLine("camera sleeps");
-  }
-  server.stop();
-}
-
 }  // namespace

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <list>
 #include <tuple>
 
+#include "Connection.h"
 #include "Program.h"
 #include "Server.h"
 #include "support/TempFolder.h"
@@ -69,6 +72,53 @@ TEST(Serve, ThePasswordOpens) {
   }
   rtsp.stop();
   http.stop();
+}
+
+// A player that crashes and comes back all the time does not take the places of all others.
+TEST(Serve, WhoVanishesLeavesNoSession) {
+  Server rtsp("rtsp", {"--board", "imx", "--max-clients", "2"});
+  const std::string request = "SETUP rtsp://127.0.0.1:" + std::to_string(rtsp.port()) +
+                              "/camera/stream=0 RTSP/1.0\r\nCSeq: 1\r\n"
+                              "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n";
+  for (int client = 0; client < 5; ++client) {
+    std::string answer;
+    // Until the server has noticed that the one before is gone.
+    for (int i = 0; i < 50 && answer.find("200 OK") == std::string::npos; ++i) {
+      g_usleep(100000);
+      Connection connection(rtsp.port());
+      connection.send(request);
+      answer = connection.receive();
+    }
+    EXPECT_NE(answer.find("200 OK"), std::string::npos) << client << ": " << answer;
+  }
+  rtsp.stop();
+}
+
+TEST(Serve, CameraRunsOnlyWhileSomebodyWatches) {
+  Server rtsp("rtsp", {"--board", "nvidia", "--path", "/door"});
+  Server http("http", {"--board", "imx"});
+  const std::pair<Server&, std::string> rows[] = {{rtsp, rtsp.url()},
+                                                  {http, http.url() + "/stream.h264"}};
+  for (const auto& [server, url] : rows) {
+    for (int i = 0; i < 2; ++i) {
+      const Result result = run(
+          {"ffprobe", "-v", "error", "-show_entries", "stream=codec_name", "-of", "csv=p=0", url});
+      EXPECT_EQ(result.out, "h264\n") << result.err;
+      server.awaitLine("camera runs");
+      server.awaitLine("camera sleeps");
+    }
+    server.stop();
+  }
+}
+
+TEST(Serve, NoMoreViewersThanAllowed) {
+  Server server("http", {"--board", "imx", "--max-clients", "2"});
+  std::list<Connection> viewers;
+  for (const char* const answer : {"200 OK", "200 OK", "503 Service Unavailable"}) {
+    viewers.emplace_back(server.port()).get("/stream.h264");
+    EXPECT_NE(viewers.back().receive().find(answer), std::string::npos) << viewers.size();
+  }
+  server.stop();
 }
 
 }  // namespace
