@@ -52,14 +52,9 @@ class Record : public testing::Test {
     EXPECT_EQ(result.exitCode, 0) << result.err;
     const std::string summary = folder_ / (output + ".txt");
     std::ofstream(summary) << result.out;
-    std::vector<std::string> command = {TEST_SOURCES "/../../scripts/judge",
-                                        "--size",
-                                        "320x180",
-                                        "--recording",
-                                        "-",
-                                        codec,
-                                        folder_ / output,
-                                        summary};
+    const std::string program = TEST_SOURCES "/../../scripts/judge";
+    std::vector<std::string> command = {program, "--size", "320x180",        "--recording",
+                                        "-",     codec,    folder_ / output, summary};
     command.insert(command.end(), options.begin(), options.end());
     return run(command);
   }
