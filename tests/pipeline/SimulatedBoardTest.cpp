@@ -82,15 +82,16 @@ TEST_F(SimulatedBoardTest, SaysWhichSelectionItCannotRegister) {
 }
 
 TEST_F(SimulatedBoardTest, KeyFramesComeAtTheirDistanceAndNotAtCuts) {
-  const std::pair<std::string, std::size_t> rows[] = {
+  constexpr int kFrames = 60;
+  const std::pair<std::string, int> rows[] = {
       {kToBoardMemory + "nvv4l2h264enc iframeinterval=50 preset-level=3", 50},
       {kToBoardMemory + "nvv4l2h264enc iframeinterval=25 idrinterval=10 preset-level=3", 10},
-      {kToBoardMemory + "nvv4l2h264enc iframeinterval=0 idrinterval=0", 100},
+      {kToBoardMemory + "nvv4l2h264enc iframeinterval=0 idrinterval=0", kFrames},
       {kToBoardMemory + "nvv4l2h265enc iframeinterval=10 idrinterval=40", 10},
       {kToBoardMemory + "nvv4l2h265enc iframeinterval=4294967295 idrinterval=45", 45},
       {kToBoardMemory + "nvv4l2av1enc iframeinterval=20 idrinterval=0", 20},
       {" ! vpuenc_h264 gop-size=12", 12},
-      {" ! vpuenc_hevc gop-size=0", 100},
+      {" ! vpuenc_hevc gop-size=0", kFrames},
   };
   for (const auto& [chain, distance] : rows) {
     SCOPED_TRACE(chain);
@@ -98,9 +99,9 @@ TEST_F(SimulatedBoardTest, KeyFramesComeAtTheirDistanceAndNotAtCuts) {
       continue;
     }
     // No frame of snow resembles the one before it: a cut at every frame.
-    const std::vector<Unit> units = encode("snow", 100, chain);
-    for (std::size_t i = 0; i < units.size(); ++i) {
-      EXPECT_EQ(units[i].key, i % distance == 0) << "frame " << i;
+    const std::vector<Unit> units = encode("snow", kFrames, chain);
+    for (int i = 0; i < kFrames; ++i) {
+      EXPECT_EQ(units.at(static_cast<std::size_t>(i)).key, i % distance == 0) << "frame " << i;
     }
   }
 }

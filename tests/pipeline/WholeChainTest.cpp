@@ -6,7 +6,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <string_view>
 #include <vector>
 
 #include <gst/app/gstappsink.h>
@@ -17,11 +16,11 @@
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 
-#include "GstPtr.h"
 #include "support/Av1Depacketizer.h"
 #include "support/Bytes.h"
 #include "support/Command.h"
 #include "support/MovingPicture.h"
+#include "support/Pipeline.h"
 #include "support/Profiles.h"
 #include "support/Requirements.h"
 #include "support/TempFolder.h"
@@ -40,94 +39,6 @@ constexpr int kFrames = 40;
 constexpr double kLeastPsnr = 30;
 // That of so small a picture; GStreamer before 1.20 converts others to it on the way to an encoder.
 constexpr const char* kColorimetry = "bt601";
-
-// A pipeline that takes camera frames one by one.
-class Chain {
- public:
-  // Counts what comes out of the element named `encoder`.
-  Chain(const std::string& description, const char* source, const char* encoder) {
-    g_autoptr(GError) error = nullptr;
-    pipeline_.reset(gst_parse_launch(description.c_str(), &error));
-    if (error != nullptr && !isOldAppsrc(*error)) {
-      throw std::runtime_error(std::string(error->message) + ": " + description);
-    }
-    source_ = element(source);
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(element(encoder).get(), "src");
-    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, countBuffer, &encoded_, nullptr);
-  }
-  ~Chain() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
-  Chain(const Chain&) = delete;
-  Chain& operator=(const Chain&) = delete;
-
-  media_backend::GstPtr<GstElement> element(const char* name) const {
-    return media_backend::GstPtr<GstElement>(gst_bin_get_by_name(GST_BIN(pipeline_.get()), name));
-  }
-
-  GstAppSrc* source() const { return GST_APP_SRC(source_.get()); }
-
-  void setLocation(const char* sink, const std::string& path) {
-    g_object_set(element(sink).get(), "location", path.c_str(), nullptr);
-  }
-
-  void play() { gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING); }
-
-  // Pushes frame `number` and waits until it is encoded: the recorder drops what comes too soon.
-  void push(GstBuffer* buffer, int number) {
-    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(number) * GST_SECOND / 30;
-    GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
-    gst_app_src_push_buffer(source(), buffer);
-    while (encoded_ <= number) {
-      waitFor(GST_MESSAGE_ERROR, GST_MSECOND);
-    }
-  }
-
-  // Pushes what goes beside the frames into the source named `name`.
-  void pushBeside(const char* name, const std::string& bytes, GstClockTime pts,
-                  GstClockTime duration) {
-    GstBuffer* const buffer = bufferOf(bytes);
-    GST_BUFFER_PTS(buffer) = pts;
-    GST_BUFFER_DURATION(buffer) = duration;
-    gst_app_src_push_buffer(GST_APP_SRC(element(name).get()), buffer);
-  }
-
-  void finish() {
-    for (const char* const name : {"klvsrc", "audiosrc"}) {
-      if (const auto beside = element(name); beside != nullptr) {
-        gst_app_src_end_of_stream(GST_APP_SRC(beside.get()));
-      }
-    }
-    gst_app_src_end_of_stream(source());
-    waitFor(GST_MESSAGE_EOS, GST_CLOCK_TIME_NONE);
-  }
-
- private:
-  // Before GStreamer 1.20, appsrc has no "max-buffers"; nothing else is lost with it.
-  static bool isOldAppsrc(const GError& error) {
-    return isBefore120() &&
-           std::string_view(error.message).find("\"max-buffers\"") != std::string_view::npos;
-  }
-
-  static GstPadProbeReturn countBuffer(GstPad*, GstPadProbeInfo*, gpointer count) {
-    ++*static_cast<std::atomic<int>*>(count);
-    return GST_PAD_PROBE_OK;
-  }
-
-  // Throws if an error comes.
-  void waitFor(GstMessageType type, GstClockTime timeout) {
-    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_.get());
-    g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(
-        bus, timeout, static_cast<GstMessageType>(type | GST_MESSAGE_ERROR));
-    if (message != nullptr && GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-      g_autoptr(GError) error = nullptr;
-      gst_message_parse_error(message, &error, nullptr);
-      throw std::runtime_error(error->message);
-    }
-  }
-
-  media_backend::GstPtr<GstElement> pipeline_;
-  media_backend::GstPtr<GstElement> source_;
-  std::atomic<int> encoded_ = 0;
-};
 
 struct Case {
   const char* name;
@@ -154,11 +65,18 @@ class WholeChain : public testing::TestWithParam<Case> {
 
   EncoderConfig config() const { return {GetParam().codec, 4000000, 1, 1, 15, 15}; }
 
-  // Sends kFrames pictures through the chain to its end and sees every one let go. Before each,
+  // Sends kFrames pictures through the pipeline to its end and sees every one let go. Before each,
   // `pushBeside` sends what comes with it.
-  void run(Chain& chain, const std::function<void(int)>& pushBeside = nullptr) {
-    ASSERT_TRUE(backend_.setInputCaps(chain.source(), kWidth, kHeight, 30, true, kColorimetry));
-    chain.play();
+  void run(Pipeline& pipeline, const char* encoder,
+           const std::function<void(int)>& pushBeside = nullptr) {
+    ASSERT_TRUE(backend_.setInputCaps(pipeline.source(), kWidth, kHeight, 30, true, kColorimetry));
+    encoded_ = 0;
+    const auto countBuffer = +[](GstPad*, GstPadProbeInfo*, gpointer count) {
+      ++*static_cast<std::atomic<int>*>(count);
+      return GST_PAD_PROBE_OK;
+    };
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(pipeline.element(encoder).get(), "src");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, countBuffer, &encoded_, nullptr);
     std::vector<std::weak_ptr<lumora::ExportedFrame>> sent;
     for (int i = 0; i < kFrames; ++i) {
       auto frame = lumora::ExportedFrame::fromPicture(*movingPicture(kWidth, kHeight, i));
@@ -171,12 +89,34 @@ class WholeChain : public testing::TestWithParam<Case> {
       if (pushBeside != nullptr) {
         pushBeside(i);
       }
-      chain.push(buffer, i);
+      GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(i) * GST_SECOND / 30;
+      GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
+      pipeline.push(buffer);
+      while (encoded_ <= i) {  // the recorder drops what comes too soon
+        g_autoptr(GstMessage) error = pipeline.message(GST_MESSAGE_ERROR, GST_MSECOND);
+        ASSERT_EQ(error, nullptr);
+      }
     }
-    chain.finish();
+    for (const char* const name : {"klvsrc", "audiosrc"}) {
+      if (const auto beside = pipeline.element(name); beside != nullptr) {
+        gst_app_src_end_of_stream(GST_APP_SRC(beside.get()));
+      }
+    }
+    pipeline.finish();
+    g_autoptr(GstMessage) end = pipeline.message(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
+    ASSERT_TRUE(end != nullptr && GST_MESSAGE_TYPE(end) == GST_MESSAGE_EOS);
     for (std::size_t i = 0; i < sent.size(); ++i) {
       EXPECT_TRUE(sent[i].expired()) << "frame " << i << " is still held";
     }
+  }
+
+  // Pushes what goes beside the frames into the source named `name`.
+  static void pushBeside(const Pipeline& pipeline, const char* name, const std::string& bytes,
+                         GstClockTime pts, GstClockTime duration) {
+    GstBuffer* const buffer = bufferOf(bytes);
+    GST_BUFFER_PTS(buffer) = pts;
+    GST_BUFFER_DURATION(buffer) = duration;
+    gst_app_src_push_buffer(GST_APP_SRC(pipeline.element(name).get()), buffer);
   }
 
   // Decodes files one after the other; they hold exactly the pictures that were sent.
@@ -214,9 +154,10 @@ class WholeChain : public testing::TestWithParam<Case> {
 
   const GstVideoBackend backend_{GetParam().profile()};
   TempFolder folder_;
+  std::atomic<int> encoded_;  // frames, by the pipeline that runs
 };
 
-const std::string kSource = "appsrc name=src is-live=true block=false format=time ";
+const std::string kSource = "appsrc name=in is-live=true block=false format=time ";
 
 const char* ffmpegName(Codec codec) {
   return codec == Codec::Av1 ? "obu" : codec == Codec::H265 ? "hevc" : "h264";
@@ -227,21 +168,18 @@ TEST_P(WholeChain, TransportStreamShowsTheFrames) {
   const std::string caps = GetParam().codec == Codec::Av1
                                ? ""
                                : "! video/x-" + name + ",stream-format=byte-stream,alignment=au ";
-  Chain chain(kSource + backend_.inputConversionChain(kColorimetry) +
-                  backend_.transportEncoderChain(config(), "-1") + caps + "! filesink name=out",
-              "src", "encoder");
-  chain.setLocation("out", folder_ / "stream");
-  ASSERT_NO_FATAL_FAILURE(run(chain));
+  Pipeline pipeline(kSource + backend_.inputConversionChain(kColorimetry) +
+                    backend_.transportEncoderChain(config(), "-1") + caps +
+                    "! filesink location=" + folder_ / "stream");
+  ASSERT_NO_FATAL_FAILURE(run(pipeline, "encoder"));
   expectPictures({folder_ / "stream"}, ffmpegName(GetParam().codec));
 }
 
 TEST_P(WholeChain, HttpStreamShowsTheFrames) {
-  Chain chain(
-      kSource + backend_.httpUploadChain(kColorimetry) + backend_.httpEncoderChain(config()), "src",
-      "encoder");
-  const auto sink = chain.element("sink");
-  g_object_set(sink.get(), "wait-on-eos", FALSE, nullptr);
-  ASSERT_NO_FATAL_FAILURE(run(chain));
+  Pipeline pipeline(kSource + backend_.httpUploadChain(kColorimetry) +
+                    backend_.httpEncoderChain(config()) + " wait-on-eos=false");
+  const auto sink = pipeline.element("sink");
+  ASSERT_NO_FATAL_FAILURE(run(pipeline, "encoder"));
   std::ofstream stream(folder_ / "stream", std::ios::binary);
   while (GstSample* const sample = gst_app_sink_pull_sample(GST_APP_SINK(sink.get()))) {
     stream << bytesOf(gst_sample_get_buffer(sample));
@@ -260,23 +198,24 @@ TEST_P(WholeChain, SegmentsShowTheFramesAndWhatIsBesideThem) {
       return;
     }
     // As the header says.
-    Chain chain(description + (isBefore120() ? " muxer=mpegtsmux" : ""), "mysrc", "enc");
-    chain.setLocation("sink", folder_ / "%d.ts");
+    Pipeline pipeline(
+        description + (isBefore120() ? " muxer=mpegtsmux" : "") + " location=" + folder_ / "%d.ts",
+        "mysrc");
     media_backend::AudioContinuityGuard guard;
     guard.prime(48000, 1, 20'000'000);
     std::string klv;
     std::string sound;
-    ASSERT_NO_FATAL_FAILURE(run(chain, [&](int frame) {
+    ASSERT_NO_FATAL_FAILURE(run(pipeline, "enc", [&](int frame) {
       const GstClockTime pts = static_cast<GstClockTime>(frame) * GST_SECOND / 30;
       if (complete && frame % 5 == 0) {
         const std::string packet = "\x06\x0e\x2b\x34 packet " + std::to_string(frame);
-        chain.pushBeside("klvsrc", packet, pts, GST_CLOCK_TIME_NONE);
+        pushBeside(pipeline, "klvsrc", packet, pts, GST_CLOCK_TIME_NONE);
         klv += packet;
       }
       const auto now = media_backend::AudioContinuityGuard::TimePoint::clock::now();
       for (const auto& packet : guard.makeFallbackUntil(pts, complete ? 10 : 0, now)) {
         const std::string bytes(packet.payload.begin(), packet.payload.end());
-        chain.pushBeside("audiosrc", bytes, packet.ptsNs, packet.durationNs);
+        pushBeside(pipeline, "audiosrc", bytes, packet.ptsNs, packet.durationNs);
         sound += bytes;
       }
     }));
@@ -302,13 +241,12 @@ using H26xOverRtp = WholeChain;
 
 TEST_P(H26xOverRtp, PacketsShowTheFrames) {
   const std::string name = GstVideoBackend::codecName(GetParam().codec);
-  Chain chain(kSource + backend_.inputConversionChain(kColorimetry) +
-                  backend_.transportEncoderChain(config(), nullptr) +
-                  backend_.rtspPayloaderChain(GetParam().codec, 1400) + "! rtp" + name +
-                  "depay ! video/x-" + name + ",stream-format=byte-stream ! filesink name=out",
-              "src", "encoder");
-  chain.setLocation("out", folder_ / "stream");
-  ASSERT_NO_FATAL_FAILURE(run(chain));
+  Pipeline pipeline(kSource + backend_.inputConversionChain(kColorimetry) +
+                    backend_.transportEncoderChain(config(), nullptr) +
+                    backend_.rtspPayloaderChain(GetParam().codec, 1400) + "! rtp" + name +
+                    "depay ! video/x-" + name +
+                    ",stream-format=byte-stream ! filesink location=" + folder_ / "stream");
+  ASSERT_NO_FATAL_FAILURE(run(pipeline, "encoder"));
   expectPictures({folder_ / "stream"}, ffmpegName(GetParam().codec));
 }
 
@@ -330,18 +268,16 @@ TEST_P(Av1OverRtp, PacketsCarryTheEncodersStream) {
   for (const unsigned mtu : {200U, 1400U, 65000U}) {
     SCOPED_TRACE(mtu);
     std::vector<std::string> encoded;
-    Chain chain(kSource + backend_.inputConversionChain(kColorimetry) +
-                    backend_.transportEncoderChain(config(), nullptr) +
-                    backend_.rtspPayloaderChain(GetParam().codec, mtu) +
-                    "! appsink name=out sync=false wait-on-eos=false",
-                "src", "encoder");
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(chain.element("pay0").get(), "sink");
+    Pipeline pipeline(kSource + backend_.inputConversionChain(kColorimetry) +
+                      backend_.transportEncoderChain(config(), nullptr) +
+                      backend_.rtspPayloaderChain(GetParam().codec, mtu) +
+                      "! appsink name=out sync=false wait-on-eos=false");
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(pipeline.element("pay0").get(), "sink");
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, keepBuffer, &encoded, nullptr);
-    ASSERT_NO_FATAL_FAILURE(run(chain));
+    ASSERT_NO_FATAL_FAILURE(run(pipeline, "encoder"));
 
     Av1Depacketizer depacketizer;
-    const auto out = chain.element("out");
-    while (GstSample* const sample = gst_app_sink_pull_sample(GST_APP_SINK(out.get()))) {
+    while (GstSample* const sample = pipeline.pull()) {
       const std::string packet = bytesOf(gst_sample_get_buffer(sample));
       gst_sample_unref(sample);
       EXPECT_LE(packet.size(), mtu);

@@ -155,6 +155,7 @@ class Nv12Sample : public testing::Test {
     std::shared_ptr<lumora::LumoraPicture> picture =
         picture_from_nv12_sample(sample, scratch_, error_);
     EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(sample), 1);
+    EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(gst_sample_get_buffer(sample)), 1);
     // A map that was left behind for reading would refuse this one.
     GstMemory* const memory = gst_buffer_peek_memory(gst_sample_get_buffer(sample), 0);
     GstMapInfo map;

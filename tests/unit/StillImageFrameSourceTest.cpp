@@ -99,18 +99,15 @@ TEST_F(StillImage, IsExactForEveryColour) {
   }
 }
 
+// What the plain arithmetic is held against.
 TEST_F(StillImage, HasTheKnownValuesOfUniformColours) {
-  const std::tuple<cv::Scalar, int, int, int> rows[] = {
-      {{0, 0, 0}, 0, 128, 128},         {{255, 255, 255}, 255, 128, 128},
-      {{0, 0, 255}, 76, 84, 255},       {{0, 255, 0}, 149, 43, 21},
-      {{255, 0, 0}, 29, 255, 107},      {{1, 1, 1}, 0, 128, 128},
-      {{11, 11, 11}, 11, 128, 128},     {{21, 21, 21}, 20, 128, 128},
-      {{100, 100, 100}, 100, 128, 128}, {{128, 128, 128}, 127, 128, 128},
-  };
+  const std::tuple<cv::Scalar, int, int, int> rows[] = {{{255, 255, 255}, 255, 128, 128},
+                                                        {{0, 0, 255}, 76, 84, 255},
+                                                        {{0, 255, 0}, 149, 43, 21},
+                                                        {{255, 0, 0}, 29, 255, 107}};
   for (const auto& [bgr, y, u, v] : rows) {
     const Bytes nv12 = load(write("uniform.png", cv::Mat(2, 2, CV_8UC3, bgr)));
-    EXPECT_EQ(std::vector<int>(nv12.begin(), nv12.end()), (std::vector<int>{y, y, y, y, u, v}))
-        << bgr;
+    EXPECT_EQ(std::vector<int>(nv12.begin(), nv12.end()), (std::vector<int>{y, y, y, y, u, v}));
   }
 }
 
@@ -210,29 +207,23 @@ TEST_F(StillImage, ThrowsIfThePathCannotBeLookedUp) {
   EXPECT_EQ(error_, "");
 }
 
-TEST_F(StillImage, IsReadAgainOnEveryCall) {
-  const cv::Mat first = manyColours(64, 64);
+TEST_F(StillImage, IsReadAgainOnEveryCallFromAnyThread) {
+  const cv::Mat first = manyColours(320, 240);
   const cv::Mat second = ~first;
-  EXPECT_EQ(load(write("image.png", first)), plainNv12(first));
-  EXPECT_EQ(load(write("image.png", second)), plainNv12(second));
-}
-
-TEST_F(StillImage, MayBeLoadedFromSeveralThreads) {
-  const cv::Mat image = manyColours(320, 240);
-  const std::string path = write("image.png", image);
-  const Bytes expected = plainNv12(image);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < 5; ++round) {
+  for (const cv::Mat& image : {first, second}) {
+    const std::string path = write("image.png", image);
+    const Bytes expected = plainNv12(image);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
         std::string error;
         const auto picture = source_.load({path}, error);
         EXPECT_TRUE(picture != nullptr && nv12Of(*picture) == expected) << error;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
   }
 }
 

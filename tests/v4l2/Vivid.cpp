@@ -1,15 +1,9 @@
 #include "Vivid.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
-
-#include <fcntl.h>
-#include <linux/videodev2.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace {
 
@@ -46,21 +40,4 @@ void Vivid::unplug() {
 
 void Vivid::plug() {
   tellDriver("bind");
-}
-
-void Vivid::setControl(const std::string& name, int value) {
-  const int fd = open(device().c_str(), O_RDWR | O_CLOEXEC);
-  v4l2_queryctrl query = {};
-  query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
-  while (ioctl(fd, VIDIOC_QUERYCTRL, &query) == 0 &&
-         name != reinterpret_cast<const char*>(query.name)) {
-    query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
-  }
-  v4l2_control control = {query.id, value};
-  const int result = ioctl(fd, VIDIOC_S_CTRL, &control);
-  const int cause = errno;
-  close(fd);
-  if (result != 0) {
-    throw std::system_error(cause, std::generic_category(), name);
-  }
 }

@@ -11,7 +11,4 @@ class Vivid {
 
   static void unplug();
   static void plug();
-
-  // Sets the control of that name through a file handle of its own, as another program would.
-  static void setControl(const std::string& name, int value);
 };
