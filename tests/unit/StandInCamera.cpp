@@ -10,7 +10,7 @@
 // The element. Not in an unnamed namespace: the camera names it its friend.
 struct StandInSource {
   GstPushSrc base;
-  bool delivered;  // the camera's act is done, its outcome on its way
+  bool delivered;  // a frame is on its way
 
   static GType type();
   static void initClass(gpointer klass, gpointer);
@@ -23,8 +23,6 @@ struct StandInSource {
   static gboolean unlockStop(GstBaseSrc*) { return setFlushing(false); }
   static gboolean setFlushing(bool flushing);
   static GstFlowReturn create(GstPushSrc* source, GstBuffer** buffer);
-  static StandInCamera::Act nextAct();
-  static void finishAct();
 };
 
 namespace {
@@ -104,7 +102,7 @@ GstStateChangeReturn StandInSource::changeState(GstElement* element, GstStateCha
 bool StandInSource::open(GstElement* element) {
   StandInCamera& camera = StandInCamera::instance();
   const std::lock_guard<std::mutex> lock(camera.mutex_);
-  camera.act_ = nullptr;
+  camera.frame_.reset();
   return camera.open_ == nullptr || camera.open_(element);
 }
 
@@ -116,37 +114,29 @@ gboolean StandInSource::setFlushing(bool flushing) {
   return TRUE;
 }
 
-// Null when the pipeline stops.
-StandInCamera::Act StandInSource::nextAct() {
-  StandInCamera& camera = StandInCamera::instance();
-  std::unique_lock<std::mutex> lock(camera.mutex_);
-  camera.changed_.wait(lock, [&camera] { return camera.act_ != nullptr || camera.flushing_; });
-  return camera.flushing_ ? nullptr : camera.act_;
-}
-
-void StandInSource::finishAct() {
-  StandInCamera& camera = StandInCamera::instance();
-  const std::lock_guard<std::mutex> lock(camera.mutex_);
-  camera.act_ = nullptr;
-  camera.changed_.notify_all();
-}
-
 GstFlowReturn StandInSource::create(GstPushSrc* source, GstBuffer** buffer) {
   auto& self = *reinterpret_cast<StandInSource*>(source);
+  StandInCamera& camera = StandInCamera::instance();
   if (std::exchange(self.delivered, false)) {
     waitForDelivery(GST_BASE_SRC(source));
-    finishAct();
+    const std::lock_guard<std::mutex> lock(camera.mutex_);
+    camera.frame_.reset();
+    camera.changed_.notify_all();
   }
-  GstFlowReturn flow = GST_FLOW_CUSTOM_SUCCESS;
-  while (flow == GST_FLOW_CUSTOM_SUCCESS) {
-    const StandInCamera::Act act = nextAct();
-    flow = act != nullptr ? act(GST_ELEMENT(source), buffer) : GST_FLOW_FLUSHING;
-    self.delivered = flow == GST_FLOW_OK;
-    if (!self.delivered) {
-      finishAct();
-    }
+  std::unique_lock<std::mutex> lock(camera.mutex_);
+  camera.changed_.wait(lock, [&camera] { return camera.frame_ || camera.flushing_; });
+  if (camera.flushing_) {
+    return GST_FLOW_FLUSHING;
   }
-  return flow;
+  g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_BASE_SRC_PAD(source));
+  GstVideoInfo info;
+  gst_video_info_from_caps(&info, caps);
+  *buffer = gst_buffer_new_allocate(nullptr, info.size, nullptr);
+  gst_buffer_memset(*buffer, 0, static_cast<guint8>(*camera.frame_), info.size);
+  GST_BUFFER_PTS(*buffer) = gst_util_uint64_scale_int(GST_SECOND, *camera.frame_, 30);
+  GST_BUFFER_DURATION(*buffer) = GST_SECOND / 30;
+  self.delivered = true;
+  return GST_FLOW_OK;
 }
 
 StandInCamera& StandInCamera::instance() {
@@ -169,24 +159,11 @@ void StandInCamera::onOpen(std::function<bool(GstElement*)> open) {
   open_ = std::move(open);
 }
 
-void StandInCamera::perform(Act act) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  act_ = std::move(act);
-  changed_.notify_all();
-  if (!changed_.wait_for(lock, std::chrono::minutes(1), [this] { return act_ == nullptr; })) {
-    throw std::runtime_error("no source did what the camera should do");
-  }
-}
-
 void StandInCamera::show(int number) {
-  perform([number](GstElement* source, GstBuffer** buffer) {
-    g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_BASE_SRC_PAD(source));
-    GstVideoInfo info;
-    gst_video_info_from_caps(&info, caps);
-    *buffer = gst_buffer_new_allocate(nullptr, info.size, nullptr);
-    gst_buffer_memset(*buffer, 0, static_cast<guint8>(number), info.size);
-    GST_BUFFER_PTS(*buffer) = gst_util_uint64_scale_int(GST_SECOND, number, 30);
-    GST_BUFFER_DURATION(*buffer) = GST_SECOND / 30;
-    return GST_FLOW_OK;
-  });
+  std::unique_lock<std::mutex> lock(mutex_);
+  frame_ = number;
+  changed_.notify_all();
+  if (!changed_.wait_for(lock, std::chrono::minutes(1), [this] { return !frame_; })) {
+    throw std::runtime_error("no source took the camera's frame");
+  }
 }

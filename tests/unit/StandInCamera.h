@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include <gst/gst.h>
@@ -11,10 +12,6 @@
 // a driver will not do on command. One source at a time reads it.
 class StandInCamera {
  public:
-  // What the source does for its next buffer, on its own thread: GST_FLOW_OK with a buffer made,
-  // GST_FLOW_CUSTOM_SUCCESS to wait for what else it shall do, anything else to end.
-  using Act = std::function<GstFlowReturn(GstElement* source, GstBuffer** buffer)>;
-
   // The camera of the process, its element registered; GStreamer is initialised by then.
   static StandInCamera& instance();
 
@@ -23,10 +20,8 @@ class StandInCamera {
   // Runs in place of opening the device, false to refuse; null to open it.
   void onOpen(std::function<bool(GstElement* source)> open);
 
-  // Has the running source do something; returns when everything that came of it has reached the
-  // end of the pipeline.
-  void perform(Act act);
-  // Frame `number`, at its time at 30 frames per second, luma of value `number`.
+  // Gives the running source frame `number`, at its time at 30 frames per second, luma of value
+  // `number`; returns when it has reached the end of the pipeline.
   void show(int number);
 
   std::string device() const { return locked(device_); }
@@ -45,6 +40,6 @@ class StandInCamera {
   std::string caps_;
   std::string device_;
   std::function<bool(GstElement*)> open_;
-  Act act_;  // set while a source has one to do or to finish
+  std::optional<int> frame_;  // while a source has one to take or to deliver
   bool flushing_ = false;
 };
