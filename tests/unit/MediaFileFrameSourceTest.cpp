@@ -241,9 +241,9 @@ TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
   g_onParsed = nullptr;
 }
 
-// What a busy machine does to a start: before it gets to the sink, the sink is full in the middle
-// of a list of buffers, or has got all there is. From then on the start waits for the sink, and the
-// sink for somebody who takes its frames.
+// A start on a busy machine waits for the sink's lock. The sink holds it and waits until its
+// samples are taken: in the middle of a buffer list for which it has no room, or at the end of the
+// stream.
 TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
   static std::atomic<bool> isBusy;
   const MediaFileFrameSourceConfig config = clip();

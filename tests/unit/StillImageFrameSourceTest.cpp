@@ -158,18 +158,14 @@ TEST_F(StillImage, IsReadInEveryFormat) {
   cv::Mat deep;
   bgr.convertTo(deep, CV_16U, 256, 255);  // low bytes of 255
   const std::tuple<const char*, const cv::Mat&, const cv::Mat&> rows[] = {
-      {"colour.png", bgr, bgr},  {"colour.bmp", bgr, bgr},   {"colour.tiff", bgr, bgr},
-      {"grey.png", one, grey},   {"grey.tiff", one, grey},   {"grey.bmp", one, grey},
-      {"alpha.png", alpha, bgr}, {"alpha.tiff", alpha, bgr}, {"deep.png", deep, bgr},
+      {"colour.png", bgr, bgr}, {"colour.bmp", bgr, bgr},  {"grey.png", one, grey},
+      {"grey.bmp", one, grey},  {"alpha.png", alpha, bgr}, {"deep.png", deep, bgr},
   };
   for (const auto& [name, written, expected] : rows) {
     EXPECT_EQ(load(write(name, written)), plainNv12(expected)) << name;
   }
-  // What is left of the colours is up to the codecs.
-  for (const std::string name : {"colour.jpg", "colour.webp", "deep.tiff"}) {
-    const std::string path = write(name, name == "deep.tiff" ? deep : bgr);
-    EXPECT_EQ(load(path), plainNv12(cv::imread(path, cv::IMREAD_COLOR))) << name;
-  }
+  const std::string lossy = write("colour.jpg", bgr);  // what is left of the colours is the codec's
+  EXPECT_EQ(load(lossy), plainNv12(cv::imread(lossy, cv::IMREAD_COLOR)));
 }
 
 TEST_F(StillImage, SaysWhyThereIsNoPicture) {
