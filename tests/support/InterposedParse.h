@@ -15,7 +15,7 @@ namespace {
 std::mutex g_mutex;
 std::string g_description;                 // the last one that was parsed
 const char* g_otherDescription = nullptr;  // parsed in place of every one, empty for none at all
-int g_parses = 0;
+int g_parses = 0;                          // how many so far
 GstElement* g_pipeline = nullptr;          // the last one, while its source has it
 void (*g_onParsed)() = nullptr;            // does what has to be done before it starts
 
