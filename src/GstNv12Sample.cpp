@@ -7,30 +7,10 @@
 
 #include <gst/video/video.h>
 
+#include "gst/MappedBuffer.h"
+
 namespace media_backend::gst_source {
 namespace {
-
-// A buffer mapped for reading, for as long as this object lives.
-class ReadMap {
- public:
-  explicit ReadMap(GstBuffer* buffer)
-      : buffer_(gst_buffer_map(buffer, &info_, GST_MAP_READ) ? buffer : nullptr) {}
-  ~ReadMap() {
-    if (buffer_ != nullptr) {
-      gst_buffer_unmap(buffer_, &info_);
-    }
-  }
-  ReadMap(const ReadMap&) = delete;
-  ReadMap& operator=(const ReadMap&) = delete;
-
-  explicit operator bool() const { return buffer_ != nullptr; }
-  const std::uint8_t* data() const { return info_.data; }
-  std::uint64_t size() const { return info_.size; }
-
- private:
-  GstMapInfo info_ = GST_MAP_INFO_INIT;
-  GstBuffer* buffer_;
-};
 
 // Where the planes of an NV12 picture lie; lengths in bytes.
 struct Nv12Layout {
@@ -139,7 +119,7 @@ std::shared_ptr<lumora::LumoraPicture> picture_from_nv12_sample(GstSample* sampl
   if (GST_VIDEO_INFO_FORMAT(&info) != GST_VIDEO_FORMAT_NV12) {
     return fail("GStreamer sample is not NV12");
   }
-  const ReadMap map(buffer);
+  const MappedBuffer map(buffer);
   if (!map) {
     return fail("failed to map GStreamer buffer");
   }

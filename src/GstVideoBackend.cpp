@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "Description.h"
+#include "gst/UniqueFd.h"
 
 namespace media_backend {
 namespace {
@@ -97,24 +98,6 @@ bool isH26x(Codec codec) {
 }
 
 // Frame wrapping
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
 
 // Keeps the host's frame alive behind a memory that wraps its streaming block.
 struct StreamingFrameHolder {
@@ -238,7 +221,7 @@ GstBuffer* wrapStreamingMemory(const lumora::FrameExportHandle& handle,
 
 constexpr std::string_view kNvmmCaps = "video/x-raw(memory:NVMM),format=NV12";
 constexpr std::string_view kVpuCaps = "video/x-raw,format=NV12,interlace-mode=progressive";
-constexpr std::string_view kWholeUnits =
+constexpr std::string_view kByteStreamAu =
     ",stream-format=byte-stream,alignment=au ";  // H.264, H.265
 constexpr std::string_view kAv1Caps =
     "video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ";
@@ -426,7 +409,7 @@ std::string GstVideoBackend::rtspPayloaderChain(Codec codec, unsigned int mtu) c
   Description text(128);
   if (isH26x(codec)) {
     const bool h265 = codec == Codec::H265;
-    text << "  ! " << h26xCaps(h265) << kWholeUnits;
+    text << "  ! " << h26xCaps(h265) << kByteStreamAu;
     text << "  ! " << h26xPayloader(h265) << " name=pay0 pt=96 mtu=" << mtu
          << " config-interval=1 ";
   } else if (codec == Codec::Av1) {
@@ -472,7 +455,7 @@ std::string GstVideoBackend::httpEncoderChain(const EncoderConfig& config) const
     text << "! " << h26xEncoder(h265) << " name=encoder ";
     if (profile_.platform == Platform::ImxVpu) {
       text << "! " << h26xParser(h265) << " "
-           << "! " << h26xCaps(h265) << kWholeUnits;
+           << "! " << h26xCaps(h265) << kByteStreamAu;
     } else {
       text << "bitrate=" << config.bitrateBps
            << " insert-sps-pps=true maxperf-enable=1 iframeinterval=30 "

@@ -7,7 +7,7 @@
 
 #include <gst/gst.h>
 
-#include "GstPtr.h"
+#include "gst/GstPtr.h"
 
 namespace media_backend {
 

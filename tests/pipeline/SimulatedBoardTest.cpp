@@ -10,7 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "GstPtr.h"
+#include "gst/GstPtr.h"
 #include "support/Bytes.h"
 #include "support/MovingPicture.h"
 #include "support/Pipeline.h"

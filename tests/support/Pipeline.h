@@ -7,7 +7,7 @@
 #include <gst/app/gstappsrc.h>
 #include <gtest/gtest.h>
 
-#include "GstPtr.h"
+#include "gst/GstPtr.h"
 #include "support/Requirements.h"
 
 // A pipeline that plays, perhaps with an appsink "out" and an appsrc, "in" unless it has another
