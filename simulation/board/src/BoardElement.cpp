@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "DmaBufMapCache.h"
 #include "Faults.h"
-#include "FrameMappings.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -127,7 +127,7 @@ bool assemble(BoardElement* self) {
   }
   if (model.board == Model::Board::Imx) {
     g_autoptr(GstPad) pad = gst_element_get_static_pad(inside, "sink");
-    keepFramesMapped(pad);
+    cacheDmaBufMaps(pad);
   }
   finishCodec(self, inside);
   setTarget(self, "sink", first != nullptr ? first : inside);

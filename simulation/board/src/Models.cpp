@@ -4,8 +4,8 @@
 #include <locale>
 #include <sstream>
 
+#include "Av1encTimestampFix.h"
 #include "ParameterSets.h"
-#include "RoundedTimestamps.h"
 #include "TypeRegistration.h"
 
 namespace simulated_board {
@@ -276,7 +276,7 @@ void finishH265(GObject* element, GstElement* codec) {
 }
 
 void finishAv1(GObject*, GstElement* codec) {
-  roundTimestamps(codec);
+  fixAv1encTimestamps(codec);
 }
 
 // The models

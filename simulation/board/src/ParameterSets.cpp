@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "gst/MappedBuffer.h"
+
 namespace simulated_board {
 namespace {
 
@@ -44,12 +46,13 @@ bool isParameterSet(const NalUnit& unit, bool h265) {
 
 // The buffer without its parameter sets, or null if it has none or they are not those in `sent`,
 // which then holds the new ones.
-GstBuffer* withoutRepeatedSets(GstBuffer* buffer, std::string_view stream, Filter& filter) {
+GstBuffer* withoutRepeatedSets(GstBuffer* buffer, Filter& filter) {
+  const media_backend::MappedBuffer map(buffer);
   std::string sets;
   g_autoptr(GstBuffer) rest = gst_buffer_new();
   gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_METADATA, 0, G_MAXSIZE);
-  for (const NalUnit& unit : splitNalUnits(stream)) {
-    const std::string_view bytes = stream.substr(unit.begin, unit.end - unit.begin);
+  for (const NalUnit& unit : splitNalUnits(map.bytes())) {
+    const std::string_view bytes = map.bytes().substr(unit.begin, unit.end - unit.begin);
     if (!isParameterSet(unit, filter.h265)) {
       gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_MEMORY, unit.begin, bytes.size());
     } else if (sets.find(bytes) == std::string::npos) {  // an encoder may begin with them twice
@@ -68,14 +71,10 @@ GstBuffer* withoutRepeatedSets(GstBuffer* buffer, std::string_view stream, Filte
 
 GstPadProbeReturn filterBuffer(GstPad*, GstPadProbeInfo* info, gpointer data) {
   GstBuffer* const buffer = GST_PAD_PROBE_INFO_BUFFER(info);
-  GstMapInfo map;
-  if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) ||
-      !gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+  if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)) {
     return GST_PAD_PROBE_OK;
   }
-  const std::string_view stream(reinterpret_cast<const char*>(map.data), map.size);
-  GstBuffer* const filtered = withoutRepeatedSets(buffer, stream, *static_cast<Filter*>(data));
-  gst_buffer_unmap(buffer, &map);
+  GstBuffer* const filtered = withoutRepeatedSets(buffer, *static_cast<Filter*>(data));
   if (filtered != nullptr) {
     gst_buffer_unref(buffer);
     GST_PAD_PROBE_INFO_DATA(info) = filtered;

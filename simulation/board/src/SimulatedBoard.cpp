@@ -4,9 +4,9 @@
 #include <sstream>
 #include <vector>
 
-#include "Av1Payloader.h"
 #include "BoardElement.h"
 #include "Model.h"
+#include "av1/Av1Payloader.h"
 
 namespace simulated_board {
 namespace {

@@ -6,8 +6,9 @@
 
 #include <gst/rtp/rtp.h>
 
-#include "Av1Units.h"
+#include "Obu.h"
 #include "TypeRegistration.h"
+#include "gst/MappedBuffer.h"
 
 namespace simulated_board {
 namespace {
@@ -16,124 +17,100 @@ constexpr const char* kSinkCaps = "video/x-av1,parsed=true,stream-format=obu-str
 constexpr const char* kSrcCaps =
     "application/x-rtp,media=video,payload=[96,127],clock-rate=[1,2147483647],encoding-name=AV1";
 
-// A part of a unit smaller than this is not worth a place; no unit's header is cut.
-constexpr std::size_t kLeastPart = 8;
+// Smallest fragment of an OBU; larger than an OBU header, so that no header is split.
+constexpr std::size_t kMinFragment = 8;
 
-// The first byte of a packet's payload
-constexpr unsigned kContinuesUnit = 0x80;
-constexpr unsigned kUnitContinues = 0x40;
-constexpr unsigned kElementsShift = 4;
-constexpr std::size_t kMostCounted = 3;  // with more, each has its size before it
-constexpr unsigned kNewSequence = 0x08;
+// Aggregation header, the first byte of a packet's payload.
+constexpr unsigned kZ = 0x80;     // the first element continues an OBU
+constexpr unsigned kY = 0x40;     // the last element is continued in the next packet
+constexpr unsigned kWShift = 4;   // W: number of elements
+constexpr std::size_t kMaxW = 3;  // W is 0 with more elements, and each has a size field
+constexpr unsigned kN = 0x08;     // the packet starts a coded video sequence
 
 struct Av1Payloader {
   GstRTPBasePayload parent;
   guint clockRate;
-  bool described;              // the caps say what is in a sequence header,
-  Av1SequenceHeader sequence;  // this one
+  bool described;              // the source caps describe `sequence`
+  Av1SequenceHeader sequence;  // the last one
 };
 
-// A unit or a part of one, in a packet.
+// OBU element: an OBU or a fragment of one.
 struct Element {
-  bool cutBefore() const { return begin > 0; }
-  bool cutBehind() const { return begin + size < unit->size(); }
+  bool isContinuation() const { return begin > 0; }
+  bool isContinued() const { return begin + size < obu->size(); }
 
-  const Av1Unit* unit;
-  std::size_t begin;  // in the unit
+  const Obu* obu;
+  std::size_t begin;  // in the OBU
   std::size_t size;
 };
 
 // The payload of a packet.
 class Packet {
  public:
-  // Most bytes that one more element can have in a payload of `capacity` bytes.
+  // Space for one more element in a payload of `capacity` bytes.
   std::size_t room(std::size_t capacity) const {
     const std::size_t left = capacity > used_ ? capacity - used_ : 0;
-    return elements_.size() < kMostCounted || left == 0 ? left : left - leb128Size(left);
+    return elements_.size() < kMaxW || left == 0 ? left : left - leb128Size(left);
   }
 
   void add(const Element& element) {
     elements_.push_back(element);
     used_ += leb128Size(element.size) + element.size;
-    if (element.unit->hasLayer()) {
-      layered_ = element.unit;
+    if (element.obu->hasLayer()) {
+      layered_ = element.obu;
     }
   }
 
-  // Packets have one layer, and begin with what belongs to all layers.
-  bool takes(const Av1Unit& unit) const {
+  // A packet carries one layer; a sequence header, which applies to all layers, starts a packet.
+  bool takes(const Obu& obu) const {
     const bool sameLayer =
-        layered_ == nullptr || (unit.hasLayer() && unit.layer() == layered_->layer());
-    return elements_.empty() || (unit.type != Av1Unit::SequenceHeader && sameLayer);
+        layered_ == nullptr || (obu.hasLayer() && obu.layer() == layered_->layer());
+    return elements_.empty() || (obu.type != Obu::SequenceHeader && sameLayer);
   }
 
   const std::vector<Element>& elements() const { return elements_; }
-  bool countsElements() const { return elements_.size() <= kMostCounted; }
+  bool countsElements() const { return elements_.size() <= kMaxW; }
 
   unsigned aggregationHeader() const {
     const std::size_t count = countsElements() ? elements_.size() : 0;
-    return (elements_.front().cutBefore() ? kContinuesUnit : 0) |
-           (elements_.back().cutBehind() ? kUnitContinues : 0) |
-           static_cast<unsigned>(count << kElementsShift);
+    return (elements_.front().isContinuation() ? kZ : 0) |
+           (elements_.back().isContinued() ? kY : 0) | static_cast<unsigned>(count << kWShift);
   }
 
  private:
   std::vector<Element> elements_;
-  std::size_t used_ = 1;  // bytes, were there one more element
-  const Av1Unit* layered_ = nullptr;
+  std::size_t used_ = 1;  // bytes, with a size field for every element
+  const Obu* layered_ = nullptr;
 };
 
-std::vector<Packet> pack(const std::vector<Av1Unit>& units, std::size_t capacity) {
+std::vector<Packet> pack(const std::vector<Obu>& obus, std::size_t capacity) {
   std::vector<Packet> packets;
-  for (const Av1Unit& unit : units) {
-    if (packets.empty() || !packets.back().takes(unit)) {
+  for (const Obu& obu : obus) {
+    if (packets.empty() || !packets.back().takes(obu)) {
       packets.emplace_back();
     }
-    for (std::size_t begin = 0; begin < unit.size();) {
-      const std::size_t rest = unit.size() - begin;
+    for (std::size_t begin = 0; begin < obu.size();) {
+      const std::size_t rest = obu.size() - begin;
       const std::size_t size = std::min(rest, packets.back().room(capacity));
-      if (size < std::min(rest, kLeastPart)) {
+      if (size < std::min(rest, kMinFragment)) {
         packets.emplace_back();
         continue;
       }
-      packets.back().add({&unit, begin, size});
+      packets.back().add({&obu, begin, size});
       begin += size;
     }
   }
   return packets;
 }
 
-// A buffer's bytes, as long as this lives.
-class MappedBuffer {
- public:
-  explicit MappedBuffer(GstBuffer* buffer)
-      : buffer_(buffer), mapped_(gst_buffer_map(buffer, &map_, GST_MAP_READ) != FALSE) {}
-  ~MappedBuffer() {
-    if (mapped_) {
-      gst_buffer_unmap(buffer_, &map_);
-    }
-  }
-  MappedBuffer(const MappedBuffer&) = delete;
-  MappedBuffer& operator=(const MappedBuffer&) = delete;
-
-  explicit operator bool() const { return mapped_; }
-  GstBuffer* buffer() const { return buffer_; }
-  std::string_view bytes() const { return {reinterpret_cast<const char*>(map_.data), map_.size}; }
-
- private:
-  GstBuffer* buffer_;
-  GstMapInfo map_ = {};
-  bool mapped_;
-};
-
-// Where the part of an element's bytes that is behind the unit's header is in the input.
+// Offset and size in the input of an element's bytes after the OBU header.
 std::pair<std::size_t, std::size_t> payloadPart(const Element& element) {
-  const std::size_t skipped = element.cutBefore() ? 0 : element.unit->headerSize;
-  return {element.unit->payloadBegin + element.begin + skipped - element.unit->headerSize,
+  const std::size_t skipped = element.isContinuation() ? 0 : element.obu->headerSize;
+  return {element.obu->payloadBegin + element.begin + skipped - element.obu->headerSize,
           element.size - skipped};
 }
 
-// The payload's bytes up to what the last element takes from the input.
+// The payload up to the last element's OBU header; the rest is memory of the input.
 std::string payloadHead(const Packet& packet, unsigned flags, std::string_view stream) {
   std::string head(1, static_cast<char>(packet.aggregationHeader() | flags));
   for (const Element& element : packet.elements()) {
@@ -141,9 +118,9 @@ std::string payloadHead(const Packet& packet, unsigned flags, std::string_view s
     if (!last || !packet.countsElements()) {
       appendLeb128(element.size, head);
     }
-    if (!element.cutBefore()) {
-      head.append(element.unit->header.begin(),
-                  element.unit->header.begin() + element.unit->headerSize);
+    if (!element.isContinuation()) {
+      head.append(element.obu->header.begin(),
+                  element.obu->header.begin() + element.obu->headerSize);
     }
     if (!last) {
       const auto [offset, size] = payloadPart(element);
@@ -153,10 +130,10 @@ std::string payloadHead(const Packet& packet, unsigned flags, std::string_view s
   return head;
 }
 
-// The last element's bytes, mostly all there are, are the input's own memory.
-GstBuffer* makePacket(GstRTPBasePayload* payload, const MappedBuffer& input, const Packet& packet,
-                      bool newSequence, bool marker) {
-  const std::string head = payloadHead(packet, newSequence ? kNewSequence : 0, input.bytes());
+// Shares the input's memory for the last element, which usually is most of the packet.
+GstBuffer* makePacket(GstRTPBasePayload* payload, const media_backend::MappedBuffer& input,
+                      const Packet& packet, bool newSequence, bool marker) {
+  const std::string head = payloadHead(packet, newSequence ? kN : 0, input.bytes());
   const auto sources =
       static_cast<guint8>(gst_rtp_base_payload_get_source_count(payload, input.buffer()));
   GstBuffer* const buffer = gst_rtp_base_payload_allocate_output_buffer(
@@ -179,12 +156,12 @@ GstBuffer* makePacket(GstRTPBasePayload* payload, const MappedBuffer& input, con
   return buffer;
 }
 
-GstFlowReturn sendUnits(GstRTPBasePayload* payload, const MappedBuffer& input,
-                        const std::vector<Av1Unit>& units, std::size_t capacity) {
-  const bool newSequence = startsCodedVideoSequence(input.bytes(), units);
+GstFlowReturn sendObus(GstRTPBasePayload* payload, const media_backend::MappedBuffer& input,
+                       const std::vector<Obu>& obus, std::size_t capacity) {
+  const bool newSequence = startsCodedVideoSequence(input.bytes(), obus);
   const bool key = !GST_BUFFER_FLAG_IS_SET(input.buffer(), GST_BUFFER_FLAG_DELTA_UNIT);
   const bool discont = GST_BUFFER_FLAG_IS_SET(input.buffer(), GST_BUFFER_FLAG_DISCONT);
-  const std::vector<Packet> packets = pack(units, capacity);
+  const std::vector<Packet> packets = pack(obus, capacity);
   GstBufferList* const list = gst_buffer_list_new_sized(static_cast<guint>(packets.size()));
   for (const Packet& packet : packets) {
     const bool first = &packet == &packets.front();
@@ -201,12 +178,12 @@ GstFlowReturn sendUnits(GstRTPBasePayload* payload, const MappedBuffer& input,
   return gst_rtp_base_payload_push_list(payload, list);
 }
 
-// Bytes that a packet has for its payload, or 0 after an error message.
+// Payload bytes of a packet; 0 after posting an error.
 std::size_t payloadCapacity(GstRTPBasePayload* payload, GstBuffer* input) {
   const guint sources = gst_rtp_base_payload_get_source_count(payload, input);
   const std::size_t header = gst_rtp_buffer_calc_header_len(static_cast<guint8>(sources));
   const std::size_t mtu = GST_RTP_BASE_PAYLOAD_MTU(payload);
-  if (mtu > header + kLeastPart) {
+  if (mtu > header + kMinFragment) {
     return mtu - header;
   }
   GST_ELEMENT_ERROR(payload, LIBRARY, SETTINGS,
@@ -218,7 +195,7 @@ std::size_t payloadCapacity(GstRTPBasePayload* payload, GstBuffer* input) {
 }
 
 bool setOutputCaps(GstRTPBasePayload* payload, const Av1SequenceHeader& sequence) {
-  // Text, since that is what becomes a parameter in an SDP.
+  // Strings, because SDP parameters are made of string fields.
   const std::string profile = std::to_string(sequence.profile);
   const std::string tier = std::to_string(sequence.tier);
   const std::string level = std::to_string(sequence.level);
@@ -228,11 +205,11 @@ bool setOutputCaps(GstRTPBasePayload* payload, const Av1SequenceHeader& sequence
                                           G_TYPE_STRING, level.c_str(), nullptr) != FALSE;
 }
 
-// Has the caps say what the sequence header does.
+// Sets source caps that describe the sequence header.
 bool describe(Av1Payloader* self, const Av1SequenceHeader& found) {
-  const Av1SequenceHeader& told = self->sequence;
-  if (self->described && found.profile == told.profile && found.tier == told.tier &&
-      found.level == told.level) {
+  const Av1SequenceHeader& last = self->sequence;
+  if (self->described && found.profile == last.profile && found.tier == last.tier &&
+      found.level == last.level) {
     return true;
   }
   self->sequence = found;
@@ -240,40 +217,40 @@ bool describe(Av1Payloader* self, const Av1SequenceHeader& found) {
   return self->described;
 }
 
-// What is sent of a temporal unit, and its sequence header. False with a text in `error` if it is
-// malformed.
-bool readUnits(std::string_view stream, std::vector<Av1Unit>& units,
-               std::optional<Av1SequenceHeader>& sequence, std::string& error) {
-  if (!splitTemporalUnit(stream, units, error)) {
+// The OBUs of a temporal unit that RTP carries, and its sequence header. False with a text in
+// `error` if it is malformed.
+bool readObus(std::string_view stream, std::vector<Obu>& obus,
+              std::optional<Av1SequenceHeader>& sequence, std::string& error) {
+  if (!splitTemporalUnit(stream, obus, error)) {
     return false;
   }
-  for (const Av1Unit& unit : units) {
-    if (unit.type == Av1Unit::SequenceHeader) {
-      sequence = parseSequenceHeader(stream.substr(unit.payloadBegin, unit.payloadSize));
+  for (const Obu& obu : obus) {
+    if (obu.type == Obu::SequenceHeader) {
+      sequence = parseSequenceHeader(stream.substr(obu.payloadBegin, obu.payloadSize));
       if (!sequence) {
         error = "the sequence header ends too soon";
         return false;
       }
     }
   }
-  const auto isDropped = [](const Av1Unit& unit) {
-    return unit.type == Av1Unit::TemporalDelimiter || unit.type == Av1Unit::TileList;
+  const auto isDropped = [](const Obu& obu) {
+    return obu.type == Obu::TemporalDelimiter || obu.type == Obu::TileList;
   };
-  units.erase(std::remove_if(units.begin(), units.end(), isDropped), units.end());
+  obus.erase(std::remove_if(obus.begin(), obus.end(), isDropped), obus.end());
   return true;
 }
 
 GstFlowReturn handleBuffer(GstRTPBasePayload* payload, GstBuffer* buffer) {
   g_autoptr(GstBuffer) owned = buffer;
-  const MappedBuffer input(owned);
+  const media_backend::MappedBuffer input(owned);
   if (!input) {
     GST_ELEMENT_ERROR(payload, RESOURCE, READ, ("Cannot read a temporal unit"), (nullptr));
     return GST_FLOW_ERROR;
   }
-  std::vector<Av1Unit> units;
+  std::vector<Obu> obus;
   std::optional<Av1SequenceHeader> sequence;
   std::string error;
-  if (!readUnits(input.bytes(), units, sequence, error)) {
+  if (!readObus(input.bytes(), obus, sequence, error)) {
     GST_ELEMENT_WARNING(payload, STREAM, FORMAT, ("Dropped a malformed temporal unit"),
                         ("%s", error.c_str()));
     return GST_FLOW_OK;
@@ -285,7 +262,7 @@ GstFlowReturn handleBuffer(GstRTPBasePayload* payload, GstBuffer* buffer) {
   if (capacity == 0) {
     return GST_FLOW_ERROR;
   }
-  return units.empty() ? GST_FLOW_OK : sendUnits(payload, input, units, capacity);
+  return obus.empty() ? GST_FLOW_OK : sendObus(payload, input, obus, capacity);
 }
 
 gboolean setCaps(GstRTPBasePayload* payload, GstCaps*) {

@@ -1,4 +1,4 @@
-#include "Av1Units.h"
+#include "Obu.h"
 
 namespace simulated_board {
 namespace {
@@ -11,8 +11,8 @@ unsigned byteAt(std::string_view bytes, std::size_t index) {
   return static_cast<unsigned char>(bytes[index]);
 }
 
-// Reads a leb128 number at `position` and goes behind it. False if there is none, or one beyond the
-// 32 bits that AV1 allows.
+// Reads a leb128 number at `position` and advances past it. False if it is incomplete or exceeds
+// the 32 bits that AV1 allows.
 bool readLeb128(std::string_view stream, std::size_t& position, std::size_t& value) {
   std::uint64_t number = 0;
   for (unsigned i = 0; i < 8 && position < stream.size(); ++i) {
@@ -26,37 +26,37 @@ bool readLeb128(std::string_view stream, std::size_t& position, std::size_t& val
   return false;
 }
 
-// Reads the unit at `position` and goes behind it.
-const char* readUnit(std::string_view stream, std::size_t& position, Av1Unit& unit) {
+// Reads the OBU at `position` and advances past it. Returns the fault, null if there is none.
+const char* readObu(std::string_view stream, std::size_t& position, Obu& obu) {
   const unsigned header = byteAt(stream, position++);
   if ((header & kForbiddenBit) != 0) {
     return "its forbidden bit is set";
   }
-  unit.type = header >> 3 & 0xf;
-  unit.header[0] = static_cast<std::uint8_t>(header & ~kSizeBit);
+  obu.type = header >> 3 & 0xf;
+  obu.header[0] = static_cast<std::uint8_t>(header & ~kSizeBit);
   if ((header & kExtensionBit) != 0) {
     if (position == stream.size()) {
       return "its extension header is missing";
     }
-    unit.header[unit.headerSize++] = static_cast<std::uint8_t>(byteAt(stream, position++));
+    obu.header[obu.headerSize++] = static_cast<std::uint8_t>(byteAt(stream, position++));
   }
-  unit.payloadSize = stream.size() - position;
-  if ((header & kSizeBit) != 0 && !readLeb128(stream, position, unit.payloadSize)) {
+  obu.payloadSize = stream.size() - position;
+  if ((header & kSizeBit) != 0 && !readLeb128(stream, position, obu.payloadSize)) {
     return "its size field is malformed";
   }
-  if (unit.payloadSize > stream.size() - position) {
+  if (obu.payloadSize > stream.size() - position) {
     return "it is longer than the temporal unit";
   }
-  unit.payloadBegin = position;
-  position += unit.payloadSize;
+  obu.payloadBegin = position;
+  position += obu.payloadSize;
   return nullptr;
 }
 
-std::string_view payloadOf(std::string_view stream, const Av1Unit& unit) {
-  return stream.substr(unit.payloadBegin, unit.payloadSize);
+std::string_view payloadOf(std::string_view stream, const Obu& obu) {
+  return stream.substr(obu.payloadBegin, obu.payloadSize);
 }
 
-// Reads as AV1 writes: most significant bit first. Beyond the end there are zeros.
+// Reads bits in the order of AV1, most significant first. Bits past the end are zero.
 class BitReader {
  public:
   explicit BitReader(std::string_view bytes) : bytes_(bytes) {}
@@ -101,16 +101,16 @@ void skipTiming(BitReader& bits) {
 
 }  // namespace
 
-bool splitTemporalUnit(std::string_view stream, std::vector<Av1Unit>& units, std::string& error) {
+bool splitTemporalUnit(std::string_view stream, std::vector<Obu>& obus, std::string& error) {
   for (std::size_t position = 0; position < stream.size();) {
     const std::size_t begin = position;
-    Av1Unit unit;
-    const char* const wrong = readUnit(stream, position, unit);
+    Obu obu;
+    const char* const wrong = readObu(stream, position, obu);
     if (wrong == nullptr) {
-      units.push_back(unit);
+      obus.push_back(obu);
       continue;
     }
-    error = "OBU " + std::to_string(units.size()) + ", at byte " + std::to_string(begin) + " of " +
+    error = "OBU " + std::to_string(obus.size()) + ", at byte " + std::to_string(begin) + " of " +
             std::to_string(stream.size()) + ": " + wrong;
     return false;
   }
@@ -130,7 +130,7 @@ std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload) {
     const bool onePoint = bits.read(5) == 0;
     levelMatters = bits.read(12) != 0xfff || !onePoint;
   }
-  // Operating point 0 has all layers, so its level is the highest.
+  // Operating point 0 includes all layers, so its level is the highest.
   const auto level = static_cast<int>(bits.read(5));
   header.tier = !header.stillPicture && level > 7 && bits.flag() ? 1 : 0;
   if (levelMatters || level != 0) {
@@ -139,15 +139,15 @@ std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload) {
   return bits.past() ? std::nullopt : std::make_optional(header);
 }
 
-bool startsCodedVideoSequence(std::string_view stream, const std::vector<Av1Unit>& units) {
+bool startsCodedVideoSequence(std::string_view stream, const std::vector<Obu>& obus) {
   std::optional<Av1SequenceHeader> sequence;
-  for (const Av1Unit& unit : units) {
-    if (unit.type == Av1Unit::SequenceHeader) {
-      sequence = parseSequenceHeader(payloadOf(stream, unit));
-    } else if (unit.type == Av1Unit::Frame || unit.type == Av1Unit::FrameHeader) {
-      const std::string_view payload = payloadOf(stream, unit);
-      const bool baseLayer = unit.layer() >> 2 == 0;
-      // New, of type key frame, and shown: the first four bits.
+  for (const Obu& obu : obus) {
+    if (obu.type == Obu::SequenceHeader) {
+      sequence = parseSequenceHeader(payloadOf(stream, obu));
+    } else if (obu.type == Obu::Frame || obu.type == Obu::FrameHeader) {
+      const std::string_view payload = payloadOf(stream, obu);
+      const bool baseLayer = obu.layer() >> 2 == 0;
+      // show_existing_frame 0, frame_type KEY_FRAME (0), show_frame 1: the first four bits.
       return sequence && baseLayer && !payload.empty() &&
              (sequence->stillPicture || byteAt(payload, 0) >> 4 == 1);
     }

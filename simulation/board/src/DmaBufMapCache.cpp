@@ -1,4 +1,4 @@
-#include "FrameMappings.h"
+#include "DmaBufMapCache.h"
 
 #include <algorithm>
 #include <memory>
@@ -12,7 +12,7 @@ namespace simulated_board {
 namespace {
 
 // More than a camera has frames. A mapping also keeps the memory of a frame that is gone.
-constexpr std::size_t kMostMappings = 16;
+constexpr std::size_t kMaxMappings = 16;
 
 class Mapping {
  public:
@@ -44,7 +44,7 @@ class Mapping {
   void* const bytes_;
 };
 
-class FrameMappings {
+class DmaBufMapCache {
  public:
   // The same frame in mapped memory; null if that is not to be had.
   GstBuffer* map(GstBuffer* frame);
@@ -61,7 +61,7 @@ struct Source {
   std::unique_ptr<GstBuffer, void (*)(GstBuffer*)> frame;
 };
 
-std::shared_ptr<Mapping> FrameMappings::find(int fd) {
+std::shared_ptr<Mapping> DmaBufMapCache::find(int fd) {
   struct stat status;
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     return nullptr;
@@ -76,14 +76,14 @@ std::shared_ptr<Mapping> FrameMappings::find(int fd) {
   if (mapping->bytes() == nullptr) {
     return nullptr;
   }
-  if (mappings_.size() == kMostMappings) {
+  if (mappings_.size() == kMaxMappings) {
     mappings_.erase(mappings_.begin());
   }
   mappings_.push_back(std::move(mapping));
   return mappings_.back();
 }
 
-GstBuffer* FrameMappings::map(GstBuffer* frame) {
+GstBuffer* DmaBufMapCache::map(GstBuffer* frame) {
   GstMemory* const memory = gst_buffer_peek_memory(frame, 0);
   if (gst_buffer_n_memory(frame) != 1 || gst_is_dmabuf_memory(memory) == FALSE) {
     return nullptr;
@@ -103,9 +103,9 @@ GstBuffer* FrameMappings::map(GstBuffer* frame) {
   return mapped;
 }
 
-GstPadProbeReturn mapFrame(GstPad*, GstPadProbeInfo* info, gpointer mappings) {
+GstPadProbeReturn mapFrame(GstPad*, GstPadProbeInfo* info, gpointer cache) {
   GstBuffer* const frame = GST_PAD_PROBE_INFO_BUFFER(info);
-  GstBuffer* const mapped = static_cast<FrameMappings*>(mappings)->map(frame);
+  GstBuffer* const mapped = static_cast<DmaBufMapCache*>(cache)->map(frame);
   if (mapped != nullptr) {
     GST_PAD_PROBE_INFO_DATA(info) = mapped;
     gst_buffer_unref(frame);
@@ -115,9 +115,9 @@ GstPadProbeReturn mapFrame(GstPad*, GstPadProbeInfo* info, gpointer mappings) {
 
 }  // namespace
 
-void keepFramesMapped(GstPad* pad) {
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, mapFrame, new FrameMappings,
-                    [](gpointer mappings) { delete static_cast<FrameMappings*>(mappings); });
+void cacheDmaBufMaps(GstPad* pad) {
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, mapFrame, new DmaBufMapCache,
+                    [](gpointer cache) { delete static_cast<DmaBufMapCache*>(cache); });
 }
 
 }  // namespace simulated_board

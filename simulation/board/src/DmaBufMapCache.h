@@ -8,6 +8,6 @@ namespace simulated_board {
 // frames come again and again, and to map one anew takes page faults all over it.
 // Behind the pad a frame is read-only memory. What is no file in memory, cannot be mapped or is
 // shorter than it says goes on as it came.
-void keepFramesMapped(GstPad* pad);
+void cacheDmaBufMaps(GstPad* pad);
 
 }  // namespace simulated_board

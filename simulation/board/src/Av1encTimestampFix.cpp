@@ -1,4 +1,4 @@
-#include "RoundedTimestamps.h"
+#include "Av1encTimestampFix.h"
 
 namespace simulated_board {
 namespace {
@@ -60,7 +60,7 @@ GstPadProbeReturn shiftOutput(GstPad*, GstPadProbeInfo* info, gpointer data) {
 
 }  // namespace
 
-void roundTimestamps(GstElement* encoder) {
+void fixAv1encTimestamps(GstElement* encoder) {
   auto* const shift = new Shift;
   g_object_set_data_full(G_OBJECT(encoder), "simulated-board-shift", shift, Shift::destroy);
   g_autoptr(GstPad) sink = gst_element_get_static_pad(encoder, "sink");

@@ -10,9 +10,9 @@
 
 namespace simulated_board {
 
-// An open bitstream unit (OBU) inside a temporal unit, in the form it has in RTP: the header says
-// that no size field follows, and none does.
-struct Av1Unit {
+// An open bitstream unit (OBU) of a temporal unit, in the form that RTP carries: `header` has
+// obu_has_size_field cleared, and no size field follows it.
+struct Obu {
   enum Type : unsigned {
     SequenceHeader = 1,
     TemporalDelimiter = 2,
@@ -32,26 +32,27 @@ struct Av1Unit {
   std::size_t payloadSize = 0;
 };
 
-// What a sequence header says of the stream, in the numbers of AV1's own syntax.
+// Parameters from a sequence header, as AV1 codes them.
 struct Av1SequenceHeader {
   unsigned profile = 0;
   unsigned tier = 0;
-  int level = -1;             // -1 where it is set not to matter
-  bool stillPicture = false;  // of the reduced kind, whose frames have no type
+  int level = -1;             // -1: the stream declares no level
+  bool stillPicture = false;  // reduced_still_picture_header: frames carry no type
 };
 
-// Splits a temporal unit of the low overhead format. False with a text in `error` if it is
-// malformed.
-bool splitTemporalUnit(std::string_view stream, std::vector<Av1Unit>& units, std::string& error);
+// Splits a temporal unit in the low-overhead bitstream format. False with a text in `error` if it
+// is malformed.
+bool splitTemporalUnit(std::string_view stream, std::vector<Obu>& obus, std::string& error);
 
-// None if the payload ends too soon.
+// Empty if the payload is truncated.
 std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload);
 
-// Whether the temporal unit is the first one of a coded video sequence: decoding can begin here.
-bool startsCodedVideoSequence(std::string_view stream, const std::vector<Av1Unit>& units);
+// Whether the temporal unit starts a coded video sequence, where decoding can begin.
+bool startsCodedVideoSequence(std::string_view stream, const std::vector<Obu>& obus);
 
-// Bytes that `value` takes as leb128, and these bytes put behind `bytes`.
+// Length of `value` as leb128, in bytes.
 std::size_t leb128Size(std::size_t value);
+// Appends `value` as leb128.
 void appendLeb128(std::size_t value, std::string& bytes);
 
 }  // namespace simulated_board
