@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "Debug.h"
 #include "DmaBufMapCache.h"
 #include "Faults.h"
 #include "SurfaceBridge.h"
@@ -62,6 +63,7 @@ void reportMissing(BoardElement* self, const char* missing) {
 // Floating reference, or null after an error message.
 GstElement* parseInside(BoardElement* self) {
   const std::string text = modelOf(self).inside(G_OBJECT(self));
+  GST_DEBUG_OBJECT(self, "inside: %s", text.c_str());
   g_autoptr(GstParseContext) context = gst_parse_context_new();
   g_autoptr(GError) error = nullptr;
   GstElement* const inside = gst_parse_bin_from_description_full(
@@ -148,8 +150,10 @@ bool openDriver(BoardElement* self) {
     std::signal(SIGSEGV, SIG_DFL);  // no handler, such as a sanitizer's, may turn it into an exit
     std::raise(SIGSEGV);
   }
-  while (hasFault(name, "hang-open")) {
-    g_usleep(G_USEC_PER_SEC);
+  if (hasFault(name, "hang-open")) {
+    while (true) {
+      g_usleep(G_USEC_PER_SEC);
+    }
   }
   return true;
 }

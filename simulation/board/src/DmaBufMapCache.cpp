@@ -8,6 +8,8 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include "Debug.h"
+
 namespace simulated_board {
 namespace {
 
@@ -76,6 +78,8 @@ std::shared_ptr<Mapping> DmaBufMapCache::find(int fd) {
   if (mapping->bytes() == nullptr) {
     return nullptr;
   }
+  GST_LOG("mapped dma-buf, inode %" G_GUINT64_FORMAT ", %" G_GSIZE_FORMAT " bytes",
+          guint64{status.st_ino}, mapping->size());
   if (mappings_.size() == kMaxMappings) {
     mappings_.erase(mappings_.begin());
   }

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "Debug.h"
+
 namespace simulated_board {
 
 bool hasFault(const std::string& element, const std::string& fault) {
@@ -11,6 +13,7 @@ bool hasFault(const std::string& element, const std::string& fault) {
   std::istringstream rows(faults != nullptr ? faults : "");
   for (std::string row; std::getline(rows, row, ',');) {
     if (row == wanted) {
+      GST_INFO("SIMULATED_BOARD_FAULTS: %s", wanted.c_str());
       return true;
     }
   }

@@ -1,14 +1,19 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include <algorithm>
+#include <mutex>
 #include <sstream>
 #include <vector>
 
 #include "BoardElement.h"
+#include "Debug.h"
 #include "Model.h"
 #include "av1/Av1Payloader.h"
 
 namespace simulated_board {
+
+GST_DEBUG_CATEGORY(simulatedBoardDebug);
+
 namespace {
 
 // What can be registered.
@@ -57,6 +62,10 @@ bool isTaken(const char* name, GstPlugin* plugin) {
 }  // namespace
 
 bool registerElements(GstPlugin* plugin, const std::string& selection, std::string& error) {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    GST_DEBUG_CATEGORY_INIT(simulatedBoardDebug, "simulatedboard", 0, "simulated camera board");
+  });
   Selection selected;
   std::istringstream names(selection);
   for (std::string name; std::getline(names, name, ',');) {
@@ -85,6 +94,7 @@ bool registerElements(GstPlugin* plugin, const std::string& selection, std::stri
       error = std::string("GStreamer does not take ") + element.name;
       return false;
     }
+    GST_INFO("registered %s", element.name);
   }
   return true;
 }

@@ -5,6 +5,7 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/video/video.h>
 
+#include "Debug.h"
 #include "SurfaceMemory.h"
 #include "TypeRegistration.h"
 

@@ -6,6 +6,7 @@
 
 #include <gst/rtp/rtp.h>
 
+#include "Debug.h"
 #include "Obu.h"
 #include "TypeRegistration.h"
 #include "gst/MappedBuffer.h"
