@@ -15,7 +15,7 @@ struct OpusEncoder;
 namespace media_backend {
 
 // One Opus packet on the host's media timeline. In a received frame, 0 in `durationNs`,
-// `sampleRate` or `channels` means that the sender did not say.
+// `sampleRate` or `channels` means that the sender did not specify it.
 struct EncodedAudioFrame {
   std::vector<std::uint8_t> payload;      // the packet
   std::uint64_t ptsNs = 0;                // nanoseconds
@@ -24,13 +24,13 @@ struct EncodedAudioFrame {
   std::uint8_t channels = 1;              // 1 or 2
 };
 
-// Keeps one Opus track free of gaps. The host notes every frame that it receives, drains them
-// downstream, and asks for fallback frames whenever it needs audio up to some point: while frames
-// arrive it gets none, and once they have stopped for longer than the watchdog's timeout it gets
-// silence or noise that continues the track without gap or overlap. Fallback frames have the
-// format of the last received frame; a format that Opus does not encode yields none.
+// Keeps one Opus track free of gaps. The host notes every received frame, drains the frames
+// downstream, and requests fallback frames when it needs audio up to some point. There are none
+// while frames arrive; after the watchdog timeout without a frame, silence or noise continues the
+// track without gap or overlap. Fallback frames have the format of the last received frame; a
+// format that Opus does not encode yields none.
 //
-// The guard has no thread and no timer: "now" comes from the caller.
+// The guard has no thread and no timer: the caller passes "now".
 // Errors: an operation that cannot lock throws std::system_error before anything changes;
 // allocation failures propagate and leave timeline and queue as they were.
 // Threads: any thread may call any operation; one mutex, held throughout, serialises them. The
@@ -40,7 +40,7 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   // The clock of every "now".
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // What fallback frames hold: there are none, digital silence, or pseudo-random noise.
+  // Content of fallback frames: none are made, digital silence, or pseudo-random noise.
   enum class FallbackMode : std::int32_t { Disabled = 0, Silence = 1, Noise = 2 };
 
   AudioContinuityGuard();
@@ -48,38 +48,37 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   AudioContinuityGuard(const AudioContinuityGuard&) = delete;
   AudioContinuityGuard& operator=(const AudioContinuityGuard&) = delete;
 
-  // Starts the track in this format (0: 48000 Hz, 1 channel, 20 ms): fallback frames may be made
-  // at once, before any frame was received. Leaves timeline and queue alone.
+  // Starts the track in this format (0: 48000 Hz, 1 channel, 20 ms): fallback frames are available
+  // at once, before the first received frame. Timeline and queue are unchanged.
   void prime(std::uint32_t sampleRate, std::uint8_t channels, std::uint64_t frameDurationNs);
 
-  // Holds from the next fallback frame on. Silence if never set.
+  // Takes effect with the next fallback frame. Silence by default.
   void setFallbackMode(FallbackMode mode);
-  // Clamped to 6000 to 256000; an encoder that exists keeps its rate.
+  // Clamped to 6000 to 256000. An existing encoder keeps its rate.
   void setFallbackBitrate(int bitsPerSecond);
-  // At least 1 ms. A timeout too long to count in nanoseconds never runs out.
+  // At least 1 ms. A timeout too long for 64-bit nanoseconds never expires.
   void setWatchdogTimeout(std::chrono::milliseconds timeout);
 
-  // Queues a copy of the frame and moves the timeline to the frame's end. The queue is not
-  // limited.
+  // Queues a copy of the frame and moves the timeline to the frame's end. The queue is unbounded.
   void noteReceived(const EncodedAudioFrame& frame, TimePoint now);
 
-  // Hands over the queued frames in order of arrival, in constant time.
+  // Removes and returns the queued frames in order of arrival, in constant time.
   std::deque<EncodedAudioFrame> drainReceived();
 
-  // One fallback frame at the end of the track; on a timeline not yet known it starts at `now`,
-  // counted from the clock's epoch. Nothing while the watchdog has not run out, unless primed, with
-  // the mode Disabled, or if the frame cannot be encoded.
+  // Returns one fallback frame at the end of the track; if the timeline is unknown, the frame
+  // starts at `now`, counted from the clock's epoch. Empty before prime() or the first received
+  // frame, before the watchdog expires, if the mode is Disabled, or if the frame cannot be encoded.
   std::optional<EncodedAudioFrame> maybeMakeFallback(TimePoint now);
 
-  // Fallback frames from the end of the track up to the one that spans `untilPtsNs`, `maxFrames`
-  // at most. A timeline that is not known, or that is more than a frame ahead, starts at
-  // `untilPtsNs`. None under the conditions above, or if either argument is 0; a frame that cannot
-  // be encoded ends the run.
+  // Returns fallback frames from the end of the track to the one that spans `untilPtsNs`, at most
+  // `maxFrames`. A timeline that is unknown or more than one frame ahead restarts at `untilPtsNs`.
+  // Empty under the conditions above, or if either argument is 0. Stops at a frame that cannot be
+  // encoded.
   std::deque<EncodedAudioFrame> makeFallbackUntil(std::uint64_t untilPtsNs, std::uint64_t maxFrames,
                                                   TimePoint now);
 
-  // Ends the track: forgets queue, timeline, format and encoder. Mode, bit rate and timeout stay,
-  // and the noise goes on where it was.
+  // Ends the track: clears queue, timeline, format and encoder. Keeps mode, bit rate, timeout and
+  // the state of the noise generator.
   void reset();
 
  private:
@@ -87,14 +86,14 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
     void operator()(OpusEncoder* encoder) const;
   };
 
-  // What the encoder was made for, apart from the stream's format, which may have moved on.
+  // Format that the encoder was created for; the stream's format may have changed since.
   struct EncoderFormat {
     std::uint32_t sampleRate = 48000;
     std::uint8_t channels = 1;
     std::uint32_t frameSamples = 960;  // per channel
   };
 
-  // These expect the mutex to be held.
+  // Called with the mutex held.
   bool mayFallBackLocked(TimePoint now) const;
   bool watchdogExpiredLocked(TimePoint now) const;
   std::uint64_t alignedTimelineLocked(std::uint64_t untilPtsNs) const;
@@ -107,13 +106,13 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   std::deque<EncodedAudioFrame> received_;
   TimePoint lastReceived_{};
   std::chrono::milliseconds watchdogTimeout_{40};
-  bool expiredUntilReceived_ = false;  // primed under a timeout that never runs out
+  bool expiredUntilReceived_ = false;  // primed under a timeout that never expires
   bool primed_ = false;
   FallbackMode mode_ = FallbackMode::Silence;
   std::int32_t bitrate_ = 64000;
 
   // the stream
-  std::uint64_t nextPtsNs_ = 0;  // where the track ends; 0: not known
+  std::uint64_t nextPtsNs_ = 0;  // end of the track; 0: unknown
   std::uint64_t frameDurationNs_ = 20'000'000;
   std::uint32_t sampleRate_ = 48000;
   std::uint8_t channels_ = 1;

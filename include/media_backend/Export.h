@@ -1,4 +1,4 @@
 #pragma once
 
-// Marks what leaves libmedia_backend.so; everything else is hidden.
+// Exports a symbol from libmedia_backend.so; all others are hidden.
 #define MEDIA_BACKEND_API __attribute__((visibility("default")))

@@ -8,7 +8,7 @@
 #include <gst/gst.h>
 #if __has_include(<lumora/FrameExport.h>)
 #include <lumora/FrameExport.h>
-#else  // a picture library whose one header has its whole interface
+#else  // picture libraries with a single header
 #include <lumora/LumoraPicture.h>
 #endif
 
@@ -16,40 +16,39 @@
 
 namespace media_backend {
 
-// The board's hardware video platform, and what follows from it: caps for the host's application
+// The board's hardware video platform, and what depends on it: caps for the host's application
 // sources, buffers around exported camera frames, and GStreamer pipeline descriptions.
 //
-// A backend never changes after construction, so every member may be called from any thread, and
-// any number of them at once, without a lock. Texts returned as `const char*` are constants or live
-// as long as the backend; the caller never frees them.
+// A backend is immutable: any number of threads may call its members at once, without a lock. Texts
+// returned as `const char*` are constants or live as long as the backend; the caller never frees
+// them.
 //
 // Descriptions are texts for gst_parse_launch(). A fragment begins with its own link mark and ends
-// with one blank, so fragments join by plain concatenation behind a source element that the host
-// writes. The empty string is a builder's only failure. Optional texts may be null or empty, which
-// leaves their piece out; present texts and numbers are written as they are, unchecked.
+// with one blank, so that they are concatenated after a source element from the host. A builder
+// fails only by returning the empty string. Optional texts may be null or empty, which omits their
+// piece; other texts and numbers are written as they are, unchecked.
 class MEDIA_BACKEND_API GstVideoBackend {
  public:
-  // Whose hardware encodes.
+  // Vendor of the hardware encoders.
   enum class Platform : std::int32_t { None = 0, Nvidia = 1, ImxVpu = 2 };
 
   // A video codec. Motion JPEG is for HTTP only, AV1 not for recording.
   enum class Codec : std::int32_t { Unknown = 0, H264 = 1, H265 = 2, Av1 = 3, Mjpeg = 4 };
 
-  // What a board offers. An encoder's name is set with the platform whether or not the board has
-  // that encoder: only the flags say what is usable. By default the profile of no platform.
+  // Capabilities of a board. Encoder names are those of the platform, even if the board lacks the
+  // encoder: only the flags say what is usable. By default the profile of no platform.
   struct Profile {
-    Platform platform =
-        Platform::None;           // None: no builder but rtspPayloaderChain() writes anything
-    const char* name = "none";    // "none", "nvidia-nvmm" or "dmabuf-nv12-vpu"; a literal
-    std::string inputConverter;   // element before the encoder, RTSP and recorder
-    std::string uploadConverter;  // element before the encoder, HTTP
-    std::string h264Encoder;      // element
-    std::string h265Encoder;      // element
-    std::string jpegEncoder;      // element
-    bool hasH264 = false;         // H.264 is usable
-    bool hasH265 = false;         // H.265 is usable
-    bool hasAv1 = false;          // AV1 is usable
-    bool hasJpeg = false;         // Motion JPEG is usable
+    Platform platform = Platform::None;  // None: all builders but rtspPayloaderChain() fail
+    const char* name = "none";           // "none", "nvidia-nvmm" or "dmabuf-nv12-vpu"; a literal
+    std::string inputConverter;          // element before the encoder, RTSP and recorder
+    std::string uploadConverter;         // element before the encoder, HTTP
+    std::string h264Encoder;             // element
+    std::string h265Encoder;             // element
+    std::string jpegEncoder;             // element
+    bool hasH264 = false;                // H.264 is usable
+    bool hasH265 = false;                // H.265 is usable
+    bool hasAv1 = false;                 // AV1 is usable
+    bool hasJpeg = false;                // Motion JPEG is usable
   };
 
   // Encoder settings; the library reads them during a call only. NVIDIA encoders take every field,
@@ -63,12 +62,12 @@ class MEDIA_BACKEND_API GstVideoBackend {
     std::uint32_t idrInterval = 30;      // frames between IDR frames; i.MX: the GOP's length
   };
 
-  // The process's one backend. The first call probes the GStreamer registry, so the host calls
-  // gst_init() before it; later calls only return. Elements that appear afterwards are not seen.
-  // Memory that runs out in the first call ends the process.
+  // The backend of the process. The first call probes the GStreamer registry, so the host calls
+  // gst_init() before it; later calls return at once. Elements registered later are ignored.
+  // Running out of memory in the first call terminates the process.
   static const GstVideoBackend& instance() noexcept;
 
-  // A backend for a profile of the host's own making, whatever the board has.
+  // A backend for the given profile, whatever the board has.
   explicit GstVideoBackend(Profile profile);
 
   // The profile's name: "none", "nvidia-nvmm" or "dmabuf-nv12-vpu".
@@ -84,7 +83,7 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // "h264", "h265", "av1", "mjpeg", or "unknown" for any other value.
   static const char* codecName(Codec codec);
 
-  // The profile's encoder element for H.265 or H.264; "" where the profile names none.
+  // The profile's encoder element for H.265 or H.264; "" if the profile names none.
   const char* h26xEncoder(bool h265) const;
   // Parser element for H.265 or H.264.
   const char* h26xParser(bool h265) const;
@@ -105,18 +104,18 @@ class MEDIA_BACKEND_API GstVideoBackend {
                     const char* colorimetry) const noexcept;
 
   // Wraps an exported frame into a buffer without copying pixels: on i.MX one dma-buf memory with
-  // video meta for the two NV12 planes, on NVIDIA the block from prepareStreamingFrameMemory().
-  // The buffer has no timestamps or flags; the caller sets them.
+  // video meta for the two NV12 planes, on NVIDIA the block from prepareStreamingFrameMemory(). The
+  // buffer has no timestamps or flags; the caller sets them.
   //
   // Ownership: the caller owns the buffer. One reference to `keepAlive` (may be empty) lives until
-  // GStreamer frees the buffer (i.MX) or its memory (NVIDIA), and is dropped on whichever thread
-  // does that. `handle.fd` stays the host's; the buffer works on a duplicate.
+  // GStreamer frees the buffer (i.MX) or its memory (NVIDIA), and is released on the thread that
+  // does so. The host keeps `handle.fd`; the buffer owns a duplicate.
   // Errors: null if there is no platform, the layout is not that of an NV12 frame inside the
   // buffer, or memory or descriptors run out; then nothing is kept.
   GstBuffer* wrapFrame(const lumora::FrameExportHandle& handle,
                        std::shared_ptr<void> keepAlive) const noexcept;
 
-  // Fragment: from raw video to what the platform's encoder takes.
+  // Fragment: converts raw video to the encoder's input format.
   // Empty without a platform.
   std::string inputConversionChain(const char* colorimetry) const;
 
@@ -125,19 +124,19 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // Empty for Mjpeg and for a codec that the profile does not support.
   std::string transportEncoderChain(const EncoderConfig& config, const char* configInterval) const;
 
-  // Fragment: RTP payloader, named "pay0" as the GStreamer RTSP server asks, of payload type 96 and
-  // packets of at most `mtu` bytes. Follows transportEncoderChain().
+  // Fragment: RTP payloader, named "pay0" as the GStreamer RTSP server requires, of payload type 96
+  // and packets of at most `mtu` bytes. Follows transportEncoderChain().
   // Empty unless the codec is H264, H265 or Av1; the profile is not consulted.
   std::string rtspPayloaderChain(Codec codec, unsigned int mtu) const;
 
-  // Fragment: from raw video to what the platform's encoder takes, on the HTTP path. This one and
+  // Fragment: converts raw video to the encoder's input format on the HTTP path. This one and
   // httpEncoderChain() begin with "! ", so the source element in front has to end with a blank.
   // Empty without a platform.
   std::string httpUploadChain(const char* colorimetry) const;
 
-  // Rest of a description behind httpUploadChain(): the encoder, named "encoder", and an appsink
-  // named "sink" that emits a signal for every encoded picture. Reads only `codec` and `bitrateBps`
-  // of the settings, and no bit rate for Mjpeg or on i.MX, where the encoder's own default holds.
+  // Rest of a description after httpUploadChain(): the encoder, named "encoder", and an appsink
+  // named "sink" that emits a signal for every encoded picture. Uses only `codec` and `bitrateBps`;
+  // for Mjpeg and on i.MX the encoder's own default replaces the bit rate.
   // Empty for a codec that the profile does not support.
   std::string httpEncoderChain(const EncoderConfig& config) const;
 
@@ -145,9 +144,9 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
   // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps.
-  // Before GStreamer 1.20, splitmuxsink does not heed muxer-factory: append " muxer=mpegtsmux". Nor
-  // has appsrc "max-buffers" there: with KLV or sound, parsing reports
-  // GST_PARSE_ERROR_NO_SUCH_PROPERTY and gives the pipeline all the same, unless errors are fatal.
+  // Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux". appsrc
+  // lacks "max-buffers" there: with KLV or audio, parsing reports GST_PARSE_ERROR_NO_SUCH_PROPERTY
+  // and still returns the pipeline, unless errors are fatal.
   // Empty unless the codec is H264 or H265 and the profile supports it.
   std::string recorderPipeline(const EncoderConfig& config, unsigned int segmentSeconds,
                                bool withKlv, bool withAudio) const;

@@ -11,7 +11,7 @@
 
 namespace media_backend {
 
-// Which device to open, and what to ask of it.
+// Which device to open, and what to request from it.
 struct V4l2FrameSourceConfig {
   std::string device;          // device node, such as /dev/video0
   std::uint32_t width = 1280;  // pixels of the pictures, rounded down to even, at least 2
@@ -19,8 +19,8 @@ struct V4l2FrameSourceConfig {
   double fps = 30.0;           // frames per second, 0.1 to 240; drops frames, never repeats them
 };
 
-// A V4L2 camera: always its newest frame, scaled to NV12. What the caller does not take in time is
-// dropped.
+// Captures from a V4L2 camera: always its newest frame, scaled to NV12. Frames that the caller does
+// not take in time are dropped.
 //
 // The pipeline starts inside the first capture() and is reused while the configuration stays the
 // same (frame rates closer than 1e-6 count as the same).
@@ -32,20 +32,19 @@ class MEDIA_BACKEND_API V4l2FrameSource {
   V4l2FrameSource(const V4l2FrameSource&) = delete;
   V4l2FrameSource& operator=(const V4l2FrameSource&) = delete;
 
-  // The newest frame that no call has returned yet, waiting up to `timeout` for it (negative: not
-  // at all).
+  // Returns the newest frame that no call has returned yet, waiting up to `timeout` for it
+  // (negative: not at all).
   //
-  // Returns a picture that the caller owns. Empty with an empty `error`: no frame now, nothing is
-  // wrong. Empty with a message in `error`: a failure; the pipeline is gone, unless only one sample
-  // could not be turned into a picture. A camera that fails later than in its start, such as one
-  // that another process uses or that is unplugged, is reported by the first call that gets no
-  // frame. The next call starts anew.
-  // Throws std::bad_alloc if memory runs out; then, too, the pipeline is gone.
+  // The caller owns the picture. Empty with an empty `error`: no frame now, without a failure.
+  // Empty with a message in `error`: failure; the pipeline is torn down, unless only one sample
+  // could not be converted. A camera that fails after its start, such as a busy or unplugged one,
+  // is reported by the first call that gets no frame. The next call starts it anew.
+  // Throws std::bad_alloc if memory runs out; the pipeline is torn down then, too.
   std::shared_ptr<lumora::LumoraPicture> capture(const V4l2FrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,
                                                  std::string& error);
 
-  // Tears the pipeline down and lets the device go.
+  // Tears the pipeline down and closes the device.
   void stop();
 
  private:
