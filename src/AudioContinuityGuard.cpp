@@ -17,11 +17,11 @@ constexpr std::uint32_t kDefaultSampleRate = 48000;
 constexpr std::uint8_t kDefaultChannels = 1;
 constexpr std::uint64_t kDefaultFrameDurationNs = 20'000'000;
 constexpr std::size_t kMaxPacketBytes = 4000;
-// Samples per channel of the longest Opus packet, 120 ms at 48 kHz. opus_encode() refuses a longer
-// frame, so none is allocated: a sender's wrong duration would take gigabytes.
+// Samples per channel of the longest Opus packet, 120 ms at 48 kHz. opus_encode() rejects longer
+// frames, so no buffer is allocated for them: a sender's wrong duration would take gigabytes.
 constexpr std::uint32_t kMaxFrameSamples = 5760;
 
-// The longest timeout whose nanoseconds fit the clock's count.
+// The longest timeout whose nanoseconds fit the clock's representation.
 constexpr milliseconds kLongestTimeout =
     std::chrono::duration_cast<milliseconds>(nanoseconds::max());
 
@@ -35,8 +35,8 @@ std::uint32_t samplesPerFrame(std::uint64_t durationNs, std::uint32_t sampleRate
   return static_cast<std::uint32_t>(std::max(samples, 1));
 }
 
-// The noise generator's step is state * multiplier + increment, modulo 2^32. Two steps in a row are
-// one of the same form, so any number of steps takes as many rounds as the number has bits.
+// Step of the noise generator: state * multiplier + increment, modulo 2^32. Two steps combine into
+// one of the same form, so n steps take log2(n) rounds.
 struct NoiseStep {
   std::uint32_t multiplier = 1664525;
   std::uint32_t increment = 1013904223;
@@ -71,7 +71,7 @@ void AudioContinuityGuard::prime(std::uint32_t sampleRate, std::uint8_t channels
   sampleRate_ = orDefault(sampleRate, kDefaultSampleRate);
   channels_ = orDefault(channels, kDefaultChannels);
   primed_ = true;
-  // As if the last frame had come just too long ago.
+  // Backdates the last frame, so that the watchdog has just expired.
   expiredUntilReceived_ = watchdogTimeout_ > kLongestTimeout;
   if (!expiredUntilReceived_) {
     lastReceived_ = steady_clock::now() - milliseconds(1) - watchdogTimeout_;
@@ -132,7 +132,7 @@ std::deque<EncodedAudioFrame> AudioContinuityGuard::makeFallbackUntil(std::uint6
   if (untilPtsNs == 0 || maxFrames == 0 || !mayFallBackLocked(now)) {
     return frames;
   }
-  // The timeline moves last: frames that an exception takes away leave no gap.
+  // The timeline advances last, so that frames lost to an exception leave no gap.
   std::uint64_t nextPtsNs = alignedTimelineLocked(untilPtsNs);
   while (nextPtsNs <= untilPtsNs && frames.size() < maxFrames) {
     EncodedAudioFrame frame;
@@ -144,7 +144,7 @@ std::deque<EncodedAudioFrame> AudioContinuityGuard::makeFallbackUntil(std::uint6
     const bool spansTarget = untilPtsNs - frame.ptsNs < frame.durationNs;
     frames.push_back(std::move(frame));
     if (spansTarget) {
-      break;  // said apart, because a timeline at its very end begins again at 0
+      break;  // the loop condition misses it when `nextPtsNs` has wrapped around to 0
     }
   }
   nextPtsNs_ = nextPtsNs;
@@ -176,7 +176,7 @@ bool AudioContinuityGuard::watchdogExpiredLocked(TimePoint now) const {
   if (watchdogTimeout_ > kLongestTimeout || now <= lastReceived_) {
     return false;
   }
-  // Unsigned, since a back-dated time of receipt may lie further back than a signed count reaches.
+  // Unsigned, since the difference to a backdated time may exceed the signed range.
   const auto count = [](TimePoint time) {
     return static_cast<std::uint64_t>(nanoseconds(time.time_since_epoch()).count());
   };
@@ -184,7 +184,7 @@ bool AudioContinuityGuard::watchdogExpiredLocked(TimePoint now) const {
   return count(now) - count(lastReceived_) > static_cast<std::uint64_t>(timeout.count());
 }
 
-// Where the timeline goes on: at `untilPtsNs` if it is not known or more than a frame further on.
+// PTS of the next frame; `untilPtsNs` if it is unknown or more than one frame past `untilPtsNs`.
 std::uint64_t AudioContinuityGuard::alignedTimelineLocked(std::uint64_t untilPtsNs) const {
   const bool isFarPast = nextPtsNs_ > untilPtsNs && nextPtsNs_ - untilPtsNs > frameDurationNs_;
   return nextPtsNs_ == 0 || isFarPast ? untilPtsNs : nextPtsNs_;
@@ -208,14 +208,14 @@ bool AudioContinuityGuard::ensureEncoderLocked(std::uint32_t sampleRate, std::ui
   opus_encoder_ctl(encoder.get(), OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
   pcm_.assign(samples > kMaxFrameSamples ? 0 : std::size_t{channels} * samples, 0);
   packet_.assign(kMaxPacketBytes, 0);
-  // Last, so that no encoder is kept without its buffers when an allocation fails.
+  // Assigned last, so that a failed allocation leaves no encoder without its buffers.
   encoderFormat_ = {sampleRate, channels, samples};
   encoder_ = std::move(encoder);
   return true;
 }
 
 // White noise at a quarter of full scale, from a linear congruential generator.
-// Inline, since a call of an exported function for each sample would cost more than the sample.
+// Inline, since a call of an exported function costs more than the sample.
 inline std::int16_t AudioContinuityGuard::nextNoiseSampleLocked() {
   noiseState_ = NoiseStep{}(noiseState_);
   const std::int32_t sample = static_cast<std::int32_t>(noiseState_ >> 16U) - 32768;
@@ -227,7 +227,7 @@ bool AudioContinuityGuard::generateFallbackLocked(EncodedAudioFrame& frame) {
     return false;
   }
   if (encoderFormat_.frameSamples > kMaxFrameSamples) {
-    // The noise moves on by the frame that is not encoded, as it does when encoding fails.
+    // The noise advances by the skipped frame, as it does when encoding fails.
     const std::uint64_t steps = std::uint64_t{channels_} * encoderFormat_.frameSamples;
     noiseState_ = noiseStateAfter(noiseState_, mode_ == FallbackMode::Noise ? steps : 0);
     return false;

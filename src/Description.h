@@ -10,12 +10,12 @@
 
 namespace media_backend {
 
-// A pipeline description as it is written, piece after piece. Unlike a string stream it never
-// groups digits as the process's locale would, and it allocates once. Pieces are copied into place
-// here, where the compiler knows most of their lengths: a string's own append() is a call for each.
+// Builder of a pipeline description. Unlike a string stream it ignores the locale, which may group
+// digits, and allocates once. Pieces are copied inline, since most lengths are compile-time
+// constants; std::string::append() is a call per piece.
 class Description {
  public:
-  // `expectedLength`: characters to make room for at once; a longer text still fits.
+  // `expectedLength`: characters to allocate at first; longer texts reallocate.
   explicit Description(std::size_t expectedLength) : text_(expectedLength, '\0') {}
 
   Description& operator<<(std::string_view piece) {
@@ -34,7 +34,7 @@ class Description {
     return *this << std::string_view(digits, static_cast<std::size_t>(result.ptr - digits));
   }
 
-  // Writes key and value, or nothing if the value is null or empty.
+  // Appends key and value, or nothing if the value is null or empty.
   Description& optional(std::string_view key, const char* value) {
     if (value != nullptr && *value != '\0') {
       *this << key << value;

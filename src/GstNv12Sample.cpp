@@ -12,7 +12,7 @@
 namespace media_backend::gst_source {
 namespace {
 
-// Where the planes of an NV12 picture lie; lengths in bytes.
+// Layout of an NV12 picture's planes; lengths in bytes.
 struct Nv12Layout {
   std::uint64_t width;
   std::uint64_t height;
@@ -21,7 +21,7 @@ struct Nv12Layout {
   std::uint64_t lumaStride;
   std::uint64_t chromaStride;
 
-  // Whether both planes end within `size` bytes. Offsets may be anything; rows times a stride, both
+  // Whether both planes end within `size` bytes. Offsets are arbitrary; rows times stride, both
   // below 2^32, cannot overflow.
   bool fits(std::uint64_t size) const {
     const auto ends = [size](std::uint64_t offset, std::uint64_t bytes) {
@@ -35,7 +35,7 @@ struct Nv12Layout {
   }
 };
 
-// False if the caps' layout cannot be that of a picture.
+// False if the caps give no valid layout.
 bool layoutOf(const GstVideoInfo& info, Nv12Layout& layout) {
   if (info.stride[0] <= 0 || info.stride[1] <= 0 || info.width <= 0) {
     return false;
@@ -51,7 +51,7 @@ bool layoutOf(const GstVideoInfo& info, Nv12Layout& layout) {
 
 std::uint8_t* copyRows(const std::uint8_t* source, std::uint64_t stride, std::uint64_t rows,
                        std::uint64_t width, std::uint8_t* target) {
-  if (stride == width) {  // one long copy, which may pass by the caches
+  if (stride == width) {  // one long copy, for which memcpy() may bypass the cache
     std::memcpy(target, source, rows * width);
     return target + rows * width;
   }

@@ -29,7 +29,7 @@ bool hasElement(const char* name) {
   return factory != nullptr;
 }
 
-// Takes the NVIDIA platform if the board has one of its converters and one of its encoders.
+// Selects the NVIDIA platform if the board has one of its converters and one of its encoders.
 bool probeNvidia(Profile& profile) {
   const bool hasVidconv = hasElement("nvvidconv");
   const bool hasVideoconvert = hasElement("nvvideoconvert");
@@ -52,7 +52,7 @@ bool probeNvidia(Profile& profile) {
   return true;
 }
 
-// Takes the i.MX platform if the board has one of its VPU encoders.
+// Selects the i.MX platform if the board has one of its VPU encoders.
 bool probeImxVpu(Profile& profile) {
   const bool hasH264 = hasElement("vpuenc_h264");
   const bool hasH265 = hasElement("vpuenc_hevc");
@@ -99,7 +99,7 @@ bool isH26x(Codec codec) {
 
 // Frame wrapping
 
-// Keeps the host's frame alive behind a memory that wraps its streaming block.
+// Keeps the host's frame alive while a memory wraps its streaming block.
 struct StreamingFrameHolder {
   void* data;
   std::shared_ptr<void> keepAlive;
@@ -152,7 +152,7 @@ GstMemory* duplicateDmaBuf(int fd, gsize size) {
     return nullptr;
   }
   GstMemory* const memory = gst_dmabuf_allocator_alloc(allocator, duplicate.get(), size);
-  gst_clear_object(&allocator);  // the memory has a reference of its own
+  gst_clear_object(&allocator);  // the memory holds its own reference
   if (memory != nullptr) {
     duplicate.release();
   }
@@ -217,7 +217,7 @@ GstBuffer* wrapStreamingMemory(const lumora::FrameExportHandle& handle,
   return std::exchange(buffer, nullptr);
 }
 
-// Pieces of descriptions that several builders write
+// Pieces of descriptions that builders share
 
 constexpr std::string_view kNvmmCaps = "video/x-raw(memory:NVMM),format=NV12";
 constexpr std::string_view kVpuCaps = "video/x-raw,format=NV12,interlace-mode=progressive";
@@ -242,7 +242,7 @@ void writeInputConversion(Description& text, const Profile& profile, const char*
   text.optional(",colorimetry=", colorimetry) << " ";
 }
 
-// Key frame distances, rate control and preset of NVIDIA's encoders on the transport path.
+// Key frame intervals, rate control and preset of NVIDIA's encoders on the transport path.
 void writeNvidiaTransportSettings(Description& text, const EncoderConfig& config) {
   text << "           iframeinterval=" << config.iframeInterval
        << " idrinterval=" << config.idrInterval << " control-rate=" << config.controlRate << " "
@@ -287,7 +287,7 @@ bool GstVideoBackend::supports(Codec codec) const {
 }
 
 GstVideoBackend::Codec GstVideoBackend::codecFromString(const std::string& text) noexcept {
-  // Without a copy in lower case: memory that runs out here would end the process.
+  // No lower-case copy, since a failed allocation in a noexcept function terminates the process.
   const auto isLowerOf = [](char lower, unsigned char c) { return lower == std::tolower(c); };
   for (const CodecName& row : kCodecNames) {
     const std::string_view name = row.text;

@@ -13,16 +13,16 @@
 namespace media_backend {
 namespace {
 
-// A small file can promise any number of pixels, and GStreamer ends the process if it gets no
-// memory for them.
-constexpr std::int64_t kMostPixels = std::int64_t{8192} * 8192;
+// A small file can declare any number of pixels, and GLib aborts the process if allocating them
+// fails.
+constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 8192;
 
-// False unless `caps` are of pictures with more pixels.
+// Whether `caps` declare pictures of more than kMaxPixels.
 bool areHuge(const GstCaps* caps, int& width, int& height) {
   const GstStructure* const format = caps != nullptr ? gst_caps_get_structure(caps, 0) : nullptr;
   return format != nullptr && gst_structure_get_int(format, "width", &width) &&
          gst_structure_get_int(format, "height", &height) &&
-         std::int64_t{width} * height > kMostPixels;
+         std::int64_t{width} * height > kMaxPixels;
 }
 
 void postTooLarge(GstElement* element, int width, int height) {
@@ -31,8 +31,8 @@ void postTooLarge(GstElement* element, int width, int height) {
   gst_element_post_message(element, gst_message_new_error(GST_OBJECT(element), error, nullptr));
 }
 
-// Before there is a decoder, where the file's type tells the size. Some decoders take memory before
-// they tell it.
+// Refuses before a decoder is plugged if the demuxer's caps give the size: some decoders allocate
+// before they set their caps.
 gboolean onContinue(GstElement* decodebin, GstPad* /*pad*/, GstCaps* caps, gpointer /*unused*/) {
   int width = 0;
   int height = 0;
@@ -43,8 +43,8 @@ gboolean onContinue(GstElement* decodebin, GstPad* /*pad*/, GstCaps* caps, gpoin
   return FALSE;
 }
 
-// A decoder may go on to take memory when its format is refused, or before it is linked to
-// anything. So it is told to take it where there is none.
+// Drops the caps and answers the ALLOCATION query with an allocator that always fails: some
+// decoders allocate even after their caps were refused, or before they are linked.
 GstPadProbeReturn refuseHuge(GstPad* pad, GstPadProbeInfo* info, gpointer /*unused*/) {
   GstCaps* caps = nullptr;
   int width = 0;
@@ -68,8 +68,8 @@ GstPadProbeReturn refuseHuge(GstPad* pad, GstPadProbeInfo* info, gpointer /*unus
   if (!areHuge(caps, width, height)) {
     return GST_PAD_PROBE_OK;
   }
-  const GstPtr<GstAllocator> none(gst_dmabuf_allocator_new());  // has none without a descriptor
-  gst_query_add_allocation_param(query, none.get(), nullptr);
+  const GstPtr<GstAllocator> failing(gst_dmabuf_allocator_new());  // fails without a descriptor
+  gst_query_add_allocation_param(query, failing.get(), nullptr);
   return GST_PAD_PROBE_HANDLED;
 }
 
@@ -91,7 +91,7 @@ void refuseHugePictures(GstElement* pipeline) {
   }
 }
 
-// The board's converter scales and converts in hardware, where there is one.
+// nvvidconv, if present, scales and converts in hardware.
 const char* converter() {
   g_autoptr(GstElementFactory) nvvidconv = gst_element_factory_find("nvvidconv");
   return nvvidconv != nullptr ? "nvvidconv " : "videoconvert ! videoscale ";

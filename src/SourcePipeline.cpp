@@ -31,10 +31,10 @@ bool isDecoder(GstElement* element) {
          gst_element_factory_list_is_type(factory, GST_ELEMENT_FACTORY_TYPE_DECODER) != FALSE;
 }
 
-// Drops what comes from now on, and waits until the element has worked off what came before: it
-// holds the pad's stream lock for that. `deadline`, of the monotonic clock in microseconds, ends
-// the wait for an element that waits for the pipeline to stop, as for its sink's clock.
-void shut(GstPad* pad, gint64 deadline) {
+// Drops further data at `pad` and waits until the element has processed earlier data, for which it
+// holds the pad's stream lock. `deadline` (monotonic clock, microseconds) ends the wait for an
+// element that blocks until the pipeline stops, as on a sink's clock.
+void dropInput(GstPad* pad, gint64 deadline) {
   const auto drop = [](GstPad*, GstPadProbeInfo*, gpointer) { return GST_PAD_PROBE_DROP; };
   gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, drop, nullptr, nullptr);
   bool isIdle = false;
@@ -105,7 +105,7 @@ bool SourcePipeline::play(std::string& error) {
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     return failWithReport(traits_.playRefused, error);
   }
-  // Still changing after the wait is fine: a slow start shows as a pull that times out.
+  // A state change still in progress is no failure: pull() times out until the start is complete.
   if (gst_element_get_state(pipeline_.get(), nullptr, nullptr, kStateChangeTimeout) ==
       GST_STATE_CHANGE_FAILURE) {
     return failWithReport(traits_.stateChangeFailed, error);
@@ -161,13 +161,12 @@ bool SourcePipeline::isAtEnd() const {
   return gst_app_sink_is_eos(GST_APP_SINK(sink_.get())) != FALSE;
 }
 
-// Lets nothing more into the pipeline's decoders and waits for what is inside, while the sink still
-// takes what comes out.
+// Stops the input of all decoders and waits until they are idle, while the sink still takes their
+// output.
 //
-// GStreamer's libav video decoder crashes if it gets no output buffer while it drains at the end of
-// the stream, as it does once going to NULL flushes downstream: it clears a flag of the current
-// frame, which is null then (gst_ffmpegviddec_video_frame(), label no_output; seen with 1.22, and
-// still in later sources).
+// Workaround for gst-libav 1.22 and later; no fixed version is known. A video decoder that drains
+// at EOS dereferences a null frame if it gets no output buffer, as happens once going to NULL
+// flushes downstream (gst_ffmpegviddec_video_frame(), label no_output).
 void SourcePipeline::emptyDecoders() {
   const gint64 deadline =
       g_get_monotonic_time() + gint64{GST_TIME_AS_USECONDS(kStateChangeTimeout)};
@@ -177,7 +176,7 @@ void SourcePipeline::emptyDecoders() {
     auto* const element = GST_ELEMENT(g_value_get_object(&item));
     g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "sink");
     if (pad != nullptr && isDecoder(element)) {
-      shut(pad, deadline);
+      dropInput(pad, deadline);
     }
     g_value_reset(&item);
   }
@@ -185,11 +184,12 @@ void SourcePipeline::emptyDecoders() {
 
 void SourcePipeline::teardown() {
   if (sink_ != nullptr) {
-    // A full sink holds the lock that a start which still goes on waits for, and that start the one
-    // that the change of state below needs.
+    // A full appsink blocks its streaming thread with a lock that an unfinished start waits for,
+    // and that start holds the lock that the state change below needs. An appsink that drops does
+    // not block.
     gst_app_sink_set_drop(GST_APP_SINK(sink_.get()), TRUE);
-    // So does the end of a stream, which waits for the samples before it to be taken; taking one
-    // makes it look again.
+    // At EOS, appsink blocks until its samples are pulled; pulling one makes it check wait-on-eos
+    // again.
     g_object_set(sink_.get(), "wait-on-eos", FALSE, nullptr);
     [[maybe_unused]] g_autoptr(GstSample) taken = pull(std::chrono::nanoseconds::zero());
   }

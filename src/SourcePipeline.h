@@ -11,12 +11,11 @@
 
 namespace media_backend {
 
-// The pipeline of a frame source, from a source element to an appsink: start, reuse, pull, bus
-// report and teardown, as every GStreamer source does them. What differs between sources is in
-// Traits. One thread at a time.
+// Pipeline of a frame source, from a source element to an appsink: start, reuse, pull, bus messages
+// and teardown. Traits hold the differences between sources. One thread at a time.
 class SourcePipeline {
  public:
-  // What a caller asks for. The running pipeline is used again while it stays the same.
+  // A caller's request. The running pipeline is reused while it is unchanged.
   struct Config {
     std::string location;
     unsigned width;   // pixels
@@ -29,9 +28,9 @@ class SourcePipeline {
     const char* sourceName;                         // name of the source element in the description
     const char* sourceProperty;                     // its property that takes the location
     const char* sinkName;                           // name of the appsink in the description
-    GstMessageType watched;                         // what report() looks for on the bus
+    GstMessageType watched;                         // messages that report() takes
     std::string (*describe)(const Config& config);  // takes a normalised config
-    void (*prepare)(GstElement* pipeline);          // called before it plays, unless null
+    void (*prepare)(GstElement* pipeline);          // called before PLAYING; may be null
 
     // error texts
     const char* createFailed;
@@ -46,29 +45,29 @@ class SourcePipeline {
   SourcePipeline(const SourcePipeline&) = delete;
   SourcePipeline& operator=(const SourcePipeline&) = delete;
 
-  // Makes a pipeline run for `config`, with even dimensions and 0.1 to 240 frames per second: the
-  // one that runs already if it was started for the same, else a new one. False with a message in
-  // `error`; no pipeline runs then.
+  // Runs a pipeline for `config`, normalised to even dimensions and 0.1 to 240 frames per second.
+  // Reuses the running one if its configuration is the same. False with a message in `error`; no
+  // pipeline runs then.
   bool run(Config config, std::string& error);
 
-  // Starts the running pipeline anew. False as for run().
+  // Restarts the running pipeline. False as for run().
   bool restart(std::string& error);
 
-  // The next sample within `timeout` (negative: at once), which the caller owns; null if none.
+  // Returns the next sample within `timeout` (negative: at once), owned by the caller; null if
+  // none.
   GstSample* pull(std::chrono::nanoseconds timeout);
 
-  // Takes one watched message from the bus, which may take up to `wait` to get there, and returns
-  // its type, GST_MESSAGE_UNKNOWN if there is none. An error's or a warning's text goes into
-  // `error`.
+  // Takes one watched message from the bus, waiting up to `wait` for it, and returns its type;
+  // GST_MESSAGE_UNKNOWN if there is none. Stores the text of an error or warning in `error`.
   GstMessageType report(std::string& error, GstClockTime wait = 0);
 
-  // Whether the sink has handed out the last sample of the stream. The sink knows before the bus.
+  // Whether the last sample has been pulled. The sink reports this earlier than the bus.
   bool isAtEnd() const;
 
   void teardown();
 
-  // Calls `capture`, and tears the pipeline down if memory runs out in it: what the pipeline
-  // reported may be lost with the exception, and no later call would know that it has failed.
+  // Calls `capture` and tears the pipeline down if memory runs out: the exception may discard an
+  // error of the pipeline, which no later call would report.
   template <typename Capture>
   auto withTeardown(const Capture& capture) {
     try {

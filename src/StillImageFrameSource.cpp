@@ -14,8 +14,8 @@
 namespace media_backend {
 namespace {
 
-// Empty if the file cannot be decoded. OpenCV throws where a header promises more pixels than it is
-// willing to hold.
+// Empty if the file cannot be decoded. OpenCV throws if a header declares more pixels than its
+// limit.
 cv::Mat decode(const std::string& path) {
   try {
     return cv::imread(path, cv::IMREAD_COLOR);
@@ -31,14 +31,13 @@ struct LargePageDelete {
 };
 using LargePages = std::unique_ptr<std::uint8_t[], LargePageDelete>;
 
-// Uninitialised memory, in whole large pages if it fills one and the kernel gives them out. An
-// image takes hundreds of small ones else, and so many page faults can last longer than its
-// conversion.
+// Uninitialised memory, in large pages if it fills one and the kernel provides them. The page
+// faults of hundreds of small pages can take longer than the conversion.
 LargePages allocate(std::size_t size) {
   constexpr auto kPage = static_cast<std::size_t>(kLargePage);
-  const std::size_t whole = size < kPage ? size : (size + kPage - 1) / kPage * kPage;
-  LargePages bytes(new (kLargePage) std::uint8_t[whole]);
-  madvise(bytes.get(), whole, MADV_HUGEPAGE);
+  const std::size_t rounded = size < kPage ? size : (size + kPage - 1) / kPage * kPage;
+  LargePages bytes(new (kLargePage) std::uint8_t[rounded]);
+  madvise(bytes.get(), rounded, MADV_HUGEPAGE);
   return bytes;
 }
 

@@ -11,7 +11,7 @@
 namespace media_backend {
 namespace {
 
-// Frames are dropped at every place where they could pile up: a slow caller gets no stale one.
+// Frames are dropped wherever they could queue up, so that a slow caller gets no stale one.
 std::string describe(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = gst_source::fps_fraction(config.fps);
   Description text(360);
