@@ -5,7 +5,7 @@ namespace {
 
 struct Shift {
   GstClockTime halfFrame = 0;                   // ns; 0 while the caps give no frame rate
-  GstClockTime duration = GST_CLOCK_TIME_NONE;  // of the frame that is inside
+  GstClockTime duration = GST_CLOCK_TIME_NONE;  // of the frame in the encoder
 
   static void destroy(gpointer shift) { delete static_cast<Shift*>(shift); }
 };
@@ -32,7 +32,7 @@ GstPadProbeReturn learnFrameRate(GstPad*, GstPadProbeInfo* info, gpointer data) 
   return GST_PAD_PROBE_OK;
 }
 
-// The duration is that of a frame too, and not a nanosecond less, which would be cut to nothing.
+// Sets the duration to one frame, rounded up: a nanosecond less would be truncated to 0.
 GstPadProbeReturn shiftInput(GstPad*, GstPadProbeInfo* info, gpointer data) {
   auto* const shift = static_cast<Shift*>(data);
   GstBuffer* const buffer = writableBuffer(info);

@@ -18,14 +18,14 @@ constexpr std::size_t kMaxProperties = 8;
 
 struct BoardElement {
   GstBin parent;
-  GValue values[kMaxProperties];  // by property id less 1; numbers only, so nothing to free
-  bool stale;                     // a value has changed since the elements inside were made
+  GValue values[kMaxProperties];  // index: property id - 1; numbers only, nothing to free
+  bool stale;                     // a value changed after the elements inside were created
 };
 
 struct BoardElementClass {
   GstBinClass parent;
   const Model* model;
-  GParamSpec* specs[kMaxProperties];  // the model's, null behind the last one
+  GParamSpec* specs[kMaxProperties];  // the model's; the rest is null
 };
 
 GstBinClass* parentClass = nullptr;
@@ -34,7 +34,7 @@ const Model& modelOf(gpointer element) {
   return *reinterpret_cast<BoardElementClass*>(G_OBJECT_GET_CLASS(element))->model;
 }
 
-// Debian packages of the elements inside.
+// Debian package of an element inside.
 std::string packageOf(const std::string& element) {
   static constexpr std::array<std::pair<const char*, const char*>, 6> kPackages = {{
       {"x264enc", "gstreamer1.0-plugins-ugly"},
@@ -60,7 +60,7 @@ void reportMissing(BoardElement* self, const char* missing) {
                     (nullptr));
 }
 
-// Floating reference, or null after an error message.
+// Returns a floating reference; null after posting an error.
 GstElement* parseInside(BoardElement* self) {
   const std::string text = modelOf(self).inside(G_OBJECT(self));
   GST_DEBUG_OBJECT(self, "inside: %s", text.c_str());
@@ -80,7 +80,7 @@ GstElement* parseInside(BoardElement* self) {
   return nullptr;
 }
 
-// Adds `element` to the chain that ends at `last` (null: begins it) and returns it as the new end.
+// Adds `element`, links it after `last` (null: it is the first) and returns it.
 GstElement* append(BoardElement* self, GstElement* last, GstElement* element) {
   gst_bin_add(GST_BIN(self), element);
   if (last != nullptr) {
@@ -137,7 +137,7 @@ bool assemble(BoardElement* self) {
   return true;
 }
 
-// What a driver without its hardware, or a broken one, does when it is opened. False: it refuses.
+// Simulates the open call of a driver whose hardware is missing or broken. False if it fails.
 bool openDriver(BoardElement* self) {
   const std::string name = modelOf(self).name;
   if (hasFault(name, "no-open")) {
@@ -147,7 +147,7 @@ bool openDriver(BoardElement* self) {
     return false;
   }
   if (hasFault(name, "crash-open")) {
-    std::signal(SIGSEGV, SIG_DFL);  // no handler, such as a sanitizer's, may turn it into an exit
+    std::signal(SIGSEGV, SIG_DFL);  // a sanitizer's handler would turn it into an exit
     std::raise(SIGSEGV);
   }
   if (hasFault(name, "hang-open")) {

@@ -6,9 +6,9 @@
 
 namespace simulated_board {
 
-// The element type of a model: a bin with the hardware element's pads and properties. It makes the
-// software elements inside when it goes to READY, posting an error where one is missing, makes them
-// anew if a property has changed until PAUSED, and drops them in NULL.
+// The element type of a model: a bin with the hardware element's pads and properties. It creates
+// the software elements inside when it goes to READY, posting an error if one is missing, recreates
+// them before PAUSED if a property has changed, and removes them in NULL.
 GType boardElementType(const Model& model);
 
 }  // namespace simulated_board

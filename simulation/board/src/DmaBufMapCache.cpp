@@ -13,12 +13,12 @@
 namespace simulated_board {
 namespace {
 
-// More than a camera has frames. A mapping also keeps the memory of a frame that is gone.
+// More than a camera has buffers. Limited, since a mapping keeps the memory of a freed buffer.
 constexpr std::size_t kMaxMappings = 16;
 
 class Mapping {
  public:
-  // Reads as much of the file `fd` as `status` says it has.
+  // Maps the whole file `fd` for reading; `status` has its size.
   Mapping(int fd, const struct stat& status)
       : device_(status.st_dev),
         inode_(status.st_ino),
@@ -48,16 +48,16 @@ class Mapping {
 
 class DmaBufMapCache {
  public:
-  // The same frame in mapped memory; null if that is not to be had.
+  // Returns a copy of the buffer over mapped memory; null if it cannot be mapped.
   GstBuffer* map(GstBuffer* frame);
 
  private:
   std::shared_ptr<Mapping> find(int fd);
 
-  std::vector<std::shared_ptr<Mapping>> mappings_;  // the one used last at the end
+  std::vector<std::shared_ptr<Mapping>> mappings_;  // most recently used last
 };
 
-// What a mapped frame needs for as long as its memory is in use.
+// Keeps a mapped frame's memory valid while it is in use.
 struct Source {
   std::shared_ptr<Mapping> mapping;
   std::unique_ptr<GstBuffer, void (*)(GstBuffer*)> frame;

@@ -4,10 +4,10 @@
 
 namespace simulated_board {
 
-// Keeps the dma-bufs that come through `pad` mapped, as a driver keeps them attached: a camera's
-// frames come again and again, and to map one anew takes page faults all over it.
-// Behind the pad a frame is read-only memory. What is no file in memory, cannot be mapped or is
-// shorter than it says goes on as it came.
+// Caches the mappings of dma-bufs that pass `pad`, as a driver keeps dma-bufs attached: a camera
+// reuses its buffers, and a new mapping costs a page fault per page.
+// After the pad, the memory of a frame is read-only. Buffers that are not dma-bufs, cannot be
+// mapped or are shorter than their memory claims pass unchanged.
 void cacheDmaBufMaps(GstPad* pad);
 
 }  // namespace simulated_board

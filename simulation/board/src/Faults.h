@@ -4,8 +4,8 @@
 
 namespace simulated_board {
 
-// Whether the environment variable SIMULATED_BOARD_FAULTS, "ELEMENT=FAULT,ELEMENT=FAULT,...", asks
-// this element for this fault.
+// Whether the environment variable SIMULATED_BOARD_FAULTS, "ELEMENT=FAULT,ELEMENT=FAULT,...",
+// requests this fault of this element. Logs a fault that it does.
 bool hasFault(const std::string& element, const std::string& fault);
 
 }  // namespace simulated_board

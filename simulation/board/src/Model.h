@@ -7,7 +7,7 @@
 
 namespace simulated_board {
 
-// One hardware element and what stands in for it.
+// A hardware element and its software replacement.
 struct Model {
   enum class Board { Nvidia, Imx };
   using Property = GParamSpec* (*)();
@@ -20,12 +20,12 @@ struct Model {
   const char* srcCaps;
   std::vector<Property> properties;
 
-  // Description of the software elements inside, for the present values of `element`'s properties.
+  // Description of the software elements inside, for the current properties of `element`.
   std::string (*inside)(GObject* element);
-  bool bridgesSink = false;  // board memory may come in
-  bool bridgesSrc = false;   // board memory may go out
+  bool bridgesSink = false;  // takes board memory
+  bool bridgesSrc = false;   // gives board memory
 
-  // What is done to the encoder inside, which the description names "codec"; null for nothing.
+  // Adapts the encoder inside, named "codec" in the description; may be null.
   void (*finish)(GObject* element, GstElement* codec) = nullptr;
 };
 

@@ -132,13 +132,13 @@ GParamSpec* vpuBitrate() {
                            G_MAXINT, 0, kFlags);
 }
 
-// What an encoder's properties ask for, in terms of the software encoders.
+// An encoder's properties in terms of the software encoders.
 struct EncoderSettings {
   static constexpr unsigned kNever = 1u << 30;
-  static constexpr unsigned kMaxKbits = 102400;  // the most that every encoder takes
+  static constexpr unsigned kMaxKbits = 102400;  // accepted by every encoder
 
   unsigned kbits = 0;        // per second; 0: constant quality
-  bool constantRate = true;  // and not merely on average
+  bool constantRate = true;  // false: only on average
   unsigned keyDistance = 0;  // frames
   unsigned effort = 0;       // 0 fastest to 3
 };
@@ -173,14 +173,14 @@ EncoderSettings vpuSettings(GObject* element) {
   return settings;
 }
 
-// How far the rate may wander: a buffer of so many milliseconds at the target rate.
+// Size of the rate control buffer, in milliseconds at the target rate.
 unsigned rateWindow(const EncoderSettings& settings) {
   return settings.constantRate ? 600 : 10000;
 }
 
-// What is inside
+// Descriptions of the elements inside
 
-// A description may end with a caps filter only if it is written as the element.
+// A bin description cannot end with bare caps, so the filter is written as an element.
 std::string capsFilter(const char* caps) {
   return std::string(" ! capsfilter caps=\"") + caps + "\"";
 }
@@ -258,7 +258,7 @@ std::string converter(GObject*) {
   return "videoconvert qos=false ! videoscale qos=false";
 }
 
-// What is done to the encoder inside
+// Adaptation of the encoder inside
 
 void filterParameterSets(GObject* element, GstElement* codec, bool h265) {
   if (number(element, "insert-sps-pps") == 0) {

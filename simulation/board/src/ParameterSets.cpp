@@ -20,7 +20,7 @@ struct Filter {
 struct NalUnit {
   std::size_t begin;
   std::size_t end;
-  unsigned header;  // first byte behind the start code
+  unsigned header;  // first byte after the start code
 };
 
 std::vector<NalUnit> splitNalUnits(std::string_view stream) {
@@ -44,18 +44,18 @@ bool isParameterSet(const NalUnit& unit, bool h265) {
   return h265 ? type >= 32 && type <= 34 : type == 7 || type == 8;
 }
 
-// The buffer without its parameter sets, or null if it has none or they are not those in `sent`,
-// which then holds the new ones.
+// Returns a copy of the buffer without its parameter sets; null if it has none, or if they differ
+// from `filter.sent`, which is then updated.
 GstBuffer* withoutRepeatedSets(GstBuffer* buffer, Filter& filter) {
   const media_backend::MappedBuffer map(buffer);
   std::string sets;
-  g_autoptr(GstBuffer) rest = gst_buffer_new();
-  gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_METADATA, 0, G_MAXSIZE);
+  g_autoptr(GstBuffer) stripped = gst_buffer_new();
+  gst_buffer_copy_into(stripped, buffer, GST_BUFFER_COPY_METADATA, 0, G_MAXSIZE);
   for (const NalUnit& unit : splitNalUnits(map.bytes())) {
     const std::string_view bytes = map.bytes().substr(unit.begin, unit.end - unit.begin);
     if (!isParameterSet(unit, filter.h265)) {
-      gst_buffer_copy_into(rest, buffer, GST_BUFFER_COPY_MEMORY, unit.begin, bytes.size());
-    } else if (sets.find(bytes) == std::string::npos) {  // an encoder may begin with them twice
+      gst_buffer_copy_into(stripped, buffer, GST_BUFFER_COPY_MEMORY, unit.begin, bytes.size());
+    } else if (sets.find(bytes) == std::string::npos) {  // encoders may send them twice at first
       sets.append(bytes);
     }
   }
@@ -66,7 +66,7 @@ GstBuffer* withoutRepeatedSets(GstBuffer* buffer, Filter& filter) {
     filter.sent = sets;
     return nullptr;
   }
-  return static_cast<GstBuffer*>(g_steal_pointer(&rest));
+  return static_cast<GstBuffer*>(g_steal_pointer(&stripped));
 }
 
 GstPadProbeReturn filterBuffer(GstPad*, GstPadProbeInfo* info, gpointer data) {

@@ -4,9 +4,9 @@
 
 namespace simulated_board {
 
-// Keeps parameter sets (SPS and PPS, with H.265 also VPS) off every access unit that `pad` sends
-// where they repeat what was sent before; sets that are new or changed stay. The stream is H.264
-// or H.265 in byte-stream format.
+// Removes parameter sets (SPS and PPS, with H.265 also VPS) from access units that leave `pad` if
+// they repeat those sent before; new and changed sets stay. The stream is H.264 or H.265 in
+// byte-stream format.
 void dropRepeatedParameterSets(GstPad* pad, bool h265);
 
 }  // namespace simulated_board

@@ -6,8 +6,8 @@ namespace {
 
 constexpr const char* kSelectionVariable = "SIMULATED_BOARD";
 
-// True also for a selection that cannot be had: GStreamer would put the plugin on its black list
-// and not look again when the variable is corrected.
+// TRUE even for an invalid selection: GStreamer would blacklist the plugin and not load it again
+// after the variable is corrected.
 gboolean initPlugin(GstPlugin* plugin) {
   gst_plugin_add_dependency_simple(plugin, kSelectionVariable, nullptr, nullptr,
                                    GST_PLUGIN_DEPENDENCY_FLAG_NONE);

@@ -16,11 +16,11 @@ GST_DEBUG_CATEGORY(simulatedBoardDebug);
 
 namespace {
 
-// What can be registered.
+// An element that can be registered.
 struct Element {
   const char* name;
   Model::Board board;
-  const Model* model;  // null for the AV1 payloader, which is no hardware
+  const Model* model;  // null for the AV1 payloader, which is not hardware
 };
 
 using Selection = std::vector<Element>;
@@ -49,7 +49,7 @@ bool select(const std::string& name, Selection& selected, std::string& error) {
   return true;
 }
 
-// Whether an element of that name is there that `plugin` did not bring.
+// Whether an element of that name exists that `plugin` does not provide.
 bool isTaken(const char* name, GstPlugin* plugin) {
   g_autoptr(GstElementFactory) factory = gst_element_factory_find(name);
   if (factory == nullptr) {

@@ -41,7 +41,7 @@ GstFlowReturn fail(GstBaseTransform* transform, const std::string& error) {
   return GST_FLOW_ERROR;
 }
 
-// The same memory on both sides comes first: nothing is copied if the neighbours can do with that.
+// Prefers the same memory on both sides, which takes no copy.
 GstCaps* transformCaps(GstBaseTransform*, GstPadDirection, GstCaps* caps, GstCaps* filter) {
   GstCaps* system = gst_caps_copy(caps);
   gst_caps_set_features_simple(system, nullptr);
@@ -76,7 +76,7 @@ gboolean proposeAllocation(GstBaseTransform* transform, GstQuery* decided, GstQu
   return TRUE;
 }
 
-// Output buffers are made around surfaces, so no pool of downstream's is of use.
+// Output buffers wrap surfaces, so downstream's pools are not used.
 gboolean decideAllocation(GstBaseTransform* transform, GstQuery* query) {
   bridgeOf(transform)->downstreamTakesVideoMeta =
       gst_query_find_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr) == TRUE;
@@ -86,7 +86,7 @@ gboolean decideAllocation(GstBaseTransform* transform, GstQuery* query) {
   return TRUE;
 }
 
-// GStreamer before 1.20 maps with an `info` that it might write to.
+// `info` is a copy: before GStreamer 1.20, gst_video_frame_map() takes a non-const one.
 bool copyFrame(GstBuffer* source, GstBuffer* target, GstVideoInfo info) {
   GstVideoFrame from;
   GstVideoFrame to;
@@ -102,7 +102,7 @@ bool copyFrame(GstBuffer* source, GstBuffer* target, GstVideoInfo info) {
   return copied;
 }
 
-// Rows without padding, for an element that knows no other layout than that of the caps.
+// Returns a copy in the layout of the caps, for an element without video meta.
 GstBuffer* packed(GstBuffer* pixels, const GstVideoInfo& info, std::string& error) {
   g_autoptr(GstBuffer) copy = gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&info), nullptr);
   if (!copyFrame(pixels, copy, info)) {
@@ -120,7 +120,7 @@ GstBuffer* importSurface(const SurfaceBridge& bridge, GstBuffer* input, std::str
   if (!bridge.downstreamTakesVideoMeta) {
     return packed(pixels, bridge.info, error);
   }
-  // The pixels are the camera's: whoever downstream writes in place has to copy them first.
+  // The camera owns the pixels: an element that works in place has to copy them first.
   GST_MINI_OBJECT_FLAG_SET(gst_buffer_peek_memory(pixels, 0), GST_MEMORY_FLAG_READONLY);
   return static_cast<GstBuffer*>(g_steal_pointer(&pixels));
 }

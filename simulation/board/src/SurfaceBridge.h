@@ -4,9 +4,9 @@
 
 namespace simulated_board {
 
-// A new element between board memory and system memory, whichever way its neighbours need: it
-// gives the pixels of a surface without copying them, copies pixels into a surface of its own, or
-// passes buffers on. Floating reference.
+// Returns a new element between board memory and system memory, in the direction that its
+// neighbours negotiate: it exposes the pixels of a surface without copying them, copies pixels into
+// a new surface, or passes buffers through. Floating reference.
 GstElement* makeSurfaceBridge();
 
 }  // namespace simulated_board

@@ -42,7 +42,7 @@ bool planeFits(const Surface& surface, int index, std::uint32_t rows) {
          std::uint64_t{rows - 1} * plane.stride + rowBytes <= surface.size - plane.offset;
 }
 
-// A descriptor that ends early would stop the process with SIGBUS at the first missing page.
+// Access beyond the end of the file would end the process with SIGBUS.
 bool descriptorHolds(const Surface& surface) {
   struct stat status;
   return fstat(surface.fd, &status) == 0 &&
@@ -126,7 +126,7 @@ GstBuffer* pixelsOf(GstBuffer* surfaceBuffer, const GstVideoInfo& info, std::str
                                         static_cast<gint>(surface.planes[1].stride)};
   gst_buffer_add_video_meta_full(pixels, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_NV12,
                                  surface.width, surface.height, 2, offsets, strides);
-  // On the memory: as meta of the buffer, an encoder of GStreamer 1.18 would give it to its output.
+  // Attached to the memory: encoders of GStreamer 1.18 copy the meta of a buffer to their output.
   static const GQuark kSurfaceBuffer = g_quark_from_static_string("simulated-board-surface");
   gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(memory), kSurfaceBuffer,
                             gst_buffer_ref(surfaceBuffer), releaseBuffer);

@@ -4,8 +4,8 @@
 
 namespace simulated_board {
 
-// The GObject type `name`, registered on the first call. It goes by name and not by a static
-// variable because the plugin and a program that links this code may meet in one process.
+// The GObject type `name`, registered on the first call. It is looked up by name, not kept in a
+// static variable, because a process may load the plugin and link this code.
 inline GType typeOnce(GType parent, const char* name, const GTypeInfo& info,
                       GTypeFlags flags = static_cast<GTypeFlags>(0)) {
   const GType known = g_type_from_name(name);

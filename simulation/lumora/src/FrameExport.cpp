@@ -29,7 +29,7 @@ void copyPlane(const std::uint8_t* source, std::size_t sourceStride, std::uint8_
 
 }  // namespace
 
-// A mapped descriptor; without a mapping where that failed.
+// A mapped file descriptor; `pixels` is null if mapping failed.
 struct ExportedFrame::Memory {
   explicit Memory(std::uint64_t bytes)
       : size(bytes), fd(memfd_create("lumora-frame", MFD_CLOEXEC)) {
@@ -58,7 +58,7 @@ struct ExportedFrame::Memory {
 
 struct ExportedFrame::Surface : simulated_board::Surface {};
 
-// Memory that no frame uses, all of one size.
+// Unused memory, all of one size.
 struct ExportedFrame::Shelf {
   std::unique_ptr<Memory> take(std::uint64_t size) {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -75,12 +75,12 @@ struct ExportedFrame::Shelf {
 
   void put(std::unique_ptr<Memory> memory) {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (memories.size() < kMostKept && (memories.empty() || memories[0]->size == memory->size)) {
+    if (memories.size() < kMaxKept && (memories.empty() || memories[0]->size == memory->size)) {
       memories.push_back(std::move(memory));
     }
   }
 
-  static constexpr std::size_t kMostKept = 16;
+  static constexpr std::size_t kMaxKept = 16;
   std::mutex mutex;
   std::vector<std::unique_ptr<Memory>> memories;
 };

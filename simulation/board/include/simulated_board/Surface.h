@@ -4,15 +4,14 @@
 
 namespace simulated_board {
 
-// What board memory looks like to a streaming element: a small block that describes a picture,
-// while the pixels stay where the camera wrote them. A buffer with the caps feature
-// "memory:NVMM" holds exactly one such block; the simulated elements read it as the hardware's
-// elements read their own surface structure.
+// Board memory as a streaming element sees it: a small block that describes a picture, while the
+// pixels stay where the camera wrote them. A buffer with the caps feature "memory:NVMM" holds
+// exactly one such block, in place of the hardware's own surface structure.
 //
 // Pixels: NV12, `planes[0]` luma and `planes[1]` interleaved chroma, inside the mappable file
 // descriptor `fd` of `size` bytes. Offsets and strides are in bytes.
-// Ownership: the block does not own `fd`; whoever made the block keeps the descriptor open for as
-// long as the block lives.
+// Ownership: the block does not own `fd`; its creator keeps the descriptor open while the block
+// exists.
 struct Surface {
   static constexpr std::uint32_t kMagic = 0x53425331;  // "SBS1"
 

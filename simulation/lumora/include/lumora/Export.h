@@ -1,4 +1,4 @@
 #pragma once
 
-// Marks what leaves libLumoraTools.so.
+// Exports a symbol from libLumoraTools.so.
 #define LUMORA_API __attribute__((visibility("default")))

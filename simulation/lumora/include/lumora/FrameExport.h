@@ -13,7 +13,7 @@ class LumoraPicture;
 // Where one plane lies inside a frame buffer. Offsets, strides and row lengths are in bytes.
 struct FramePlaneLayout {
   std::uint64_t offset = 0;    // first row, from the start of the buffer
-  std::uint32_t stride = 0;    // from one row's start to the next one's
+  std::uint32_t stride = 0;    // between the starts of two rows
   std::uint32_t rowBytes = 0;  // pixel bytes in a row, at most `stride`
   std::uint32_t rows = 0;
 
@@ -37,7 +37,7 @@ struct FramePlaneLayout {
 };
 
 // A camera frame as the host exports it. A plain view: it owns neither `fd` nor `surface`, which
-// live as long as the ExportedFrame that it came from.
+// are valid while the ExportedFrame exists that it came from.
 struct FrameExportHandle {
   bool valid = false;
   std::int32_t fd = -1;
@@ -50,27 +50,28 @@ struct FrameExportHandle {
   void* surface = nullptr;     // surface block for streaming elements, see Surface.h of the board
 };
 
-// Memory that stands for a frame towards a streaming element.
+// Memory that represents a frame for a streaming element.
 struct StreamingFrameMemory {
   void* data = nullptr;
   std::uint64_t size = 0;  // bytes
 };
 
-// Gives the block that a streaming element takes for this frame: the frame's surface descriptor,
-// not its pixels. True fills `memory`, which stays valid as long as the frame's owner lives; false
-// leaves `memory` alone: the handle is not valid or carries no surface. Any thread.
+// Stores in `memory` the block that a streaming element takes for this frame: the frame's surface
+// descriptor, not its pixels. It is valid while the frame's owner exists. False, with `memory`
+// unchanged, if the handle is invalid or has no surface.
+// Threads: any.
 LUMORA_API bool prepareStreamingFrameMemory(const FrameExportHandle& handle,
                                             StreamingFrameMemory& memory);
 
-// A picture written into memory of its own as a camera's hardware leaves it: NV12 behind a file
-// descriptor, rows padded to a stride of 256 bytes, chroma after the luma rows.
+// A picture in memory of its own, in the layout of camera hardware: NV12 behind a file descriptor,
+// rows padded to a stride of 256 bytes, chroma after the luma rows.
 //
 // Ownership: owns the descriptor and the surface block; handles made from it are valid while it
-// lives. Not copyable.
-// Threads: immutable after construction; any thread may read and the last owner may drop it on any.
+// exists. Not copyable.
+// Threads: immutable after construction; any thread may read it and release the last reference.
 class LUMORA_API ExportedFrame {
  public:
-  // Null with `errno` set if the memory cannot be had.
+  // Null with `errno` set if the allocation fails.
   static std::shared_ptr<ExportedFrame> fromPicture(const LumoraPicture& picture);
 
   ~ExportedFrame();
@@ -92,12 +93,12 @@ class LUMORA_API ExportedFrame {
   FrameExportHandle handle_;
   std::unique_ptr<Memory> memory_;
   std::unique_ptr<Surface> surface_;
-  std::weak_ptr<Shelf> shelf_;  // where the memory goes from here
+  std::weak_ptr<Shelf> shelf_;  // takes the memory on destruction
 };
 
-// The frame memory of a camera: what a dropped frame leaves is used for a later picture. Frames may
-// outlive the pool. Fresh memory costs a page fault a page, which for a picture is more than
-// copying it.
+// Pool of a camera's frame memory: the memory of a destroyed frame is reused for a later picture.
+// Frames may outlive the pool. Fresh memory costs a page fault per page, which takes longer than
+// copying the picture.
 //
 // Threads: any.
 class LUMORA_API FramePool {
@@ -107,7 +108,7 @@ class LUMORA_API FramePool {
   FramePool(const FramePool&) = delete;
   FramePool& operator=(const FramePool&) = delete;
 
-  // As ExportedFrame::fromPicture(). Never waits: where all memory is in use, it takes more.
+  // As ExportedFrame::fromPicture(). Never blocks: allocates if all memory is in use.
   std::shared_ptr<ExportedFrame> exportPicture(const LumoraPicture& picture);
 
  private:

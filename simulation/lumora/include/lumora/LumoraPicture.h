@@ -15,15 +15,16 @@ namespace lumora {
 
 // An NV12 picture in host memory with its metadata.
 //
-// Ownership: owns a copy of its pixels; pointers from luma() and chroma() live as long as it does.
-// Threads: one thread at a time while it is changed, any number while it is only read.
+// Ownership: owns a copy of its pixels; pointers from luma() and chroma() are valid while it
+// exists.
+// Threads: one at a time may change it, any number may read it while none does.
 class LUMORA_API LumoraPicture {
  public:
   using MetadataValue = std::variant<bool, std::int64_t, double, std::string>;
 
   struct BaseMetadata {
-    // Names of the per-picture metadata. Angles are in degrees, lengths in metres, speeds in
-    // metres per second, rates in degrees per second, as the names' endings say.
+    // Names of the per-picture metadata. Angles are in degrees, lengths in metres, speeds in metres
+    // per second, rates in degrees per second, as the suffixes say.
     struct Keys {
       inline static const std::string kSourceNs = "source_ns";
       inline static const std::string kCameraIndex = "camera_index";
@@ -87,7 +88,7 @@ class LUMORA_API LumoraPicture {
   const std::uint8_t* chroma() const { return pixels_.get() + std::size_t{width_} * height_; }
 
   void setMetadata(const std::string& key, MetadataValue value);
-  // Null if the picture does not carry the key.
+  // Null if the picture does not have the key.
   const MetadataValue* metadata(const std::string& key) const;
 
  private:
