@@ -40,7 +40,7 @@ class MEDIA_BACKEND_API AudioContinuityGuard {
   // The clock of every "now".
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // Content of fallback frames: none are made, digital silence, or pseudo-random noise.
+  // Content of fallback frames: no frames at all, digital silence, or pseudo-random noise.
   enum class FallbackMode : std::int32_t { Disabled = 0, Silence = 1, Noise = 2 };
 
   AudioContinuityGuard();

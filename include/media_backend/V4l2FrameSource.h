@@ -38,7 +38,7 @@ class MEDIA_BACKEND_API V4l2FrameSource {
   // The caller owns the picture. Empty with an empty `error`: no frame now, without a failure.
   // Empty with a message in `error`: failure; the pipeline is torn down, unless only one sample
   // could not be converted. A camera that fails after its start, such as a busy or unplugged one,
-  // is reported by the first call that gets no frame. The next call starts it anew.
+  // is reported by the first call that gets no frame. The next call restarts it.
   // Throws std::bad_alloc if memory runs out; the pipeline is torn down then, too.
   std::shared_ptr<lumora::LumoraPicture> capture(const V4l2FrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,

@@ -11,8 +11,8 @@ namespace simulated_board {
 // "nvidia" or "imx" for all of that board, or names of elements. `rtpav1pay`, which is not
 // hardware, is skipped if another plugin provides it.
 //
-// Errors: false with a text in `error`, and nothing registered, if a name is unknown or another
-// plugin already provides an element of that name.
+// Errors: false with a text in `error`, and nothing registered, if a name is unknown or something
+// else already provides an element of that name.
 // Threads: any, one at a time.
 bool registerElements(GstPlugin* plugin, const std::string& selection, std::string& error);
 

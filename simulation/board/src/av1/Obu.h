@@ -36,7 +36,7 @@ struct Obu {
 struct Av1SequenceHeader {
   unsigned profile = 0;
   unsigned tier = 0;
-  int level = -1;             // -1: the stream declares no level
+  int level = -1;             // -1: the stream marks it as irrelevant
   bool stillPicture = false;  // reduced_still_picture_header: frames carry no type
 };
 
