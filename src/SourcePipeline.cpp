@@ -188,10 +188,8 @@ void SourcePipeline::teardown() {
     // and that start holds the lock that the state change below needs. An appsink that drops does
     // not block.
     gst_app_sink_set_drop(GST_APP_SINK(sink_.get()), TRUE);
-    // At EOS, appsink blocks until its samples are pulled; pulling one makes it check wait-on-eos
-    // again.
+    // At EOS, appsink blocks until its samples are pulled, unless it does not wait on EOS.
     g_object_set(sink_.get(), "wait-on-eos", FALSE, nullptr);
-    [[maybe_unused]] g_autoptr(GstSample) taken = pull(std::chrono::nanoseconds::zero());
   }
   if (pipeline_ != nullptr) {
     emptyDecoders();
