@@ -5,15 +5,16 @@
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "Board.h"
-#include "CommandLine.h"
-#include "Doctor.h"
-#include "DoctorSteps.h"
-#include "Grab.h"
-#include "Inspect.h"
-#include "Record.h"
-#include "Serve.h"
-#include "StationError.h"
+#include "base/Board.h"
+#include "base/StationError.h"
+#include "cli/CommandLine.h"
+#include "doctor/Doctor.h"
+#include "doctor/DoctorSteps.h"
+#include "grab/Grab.h"
+#include "http/ServeHttp.h"
+#include "inspect/Inspect.h"
+#include "record/RecordCommand.h"
+#include "rtsp/ServeRtsp.h"
 
 namespace {
 

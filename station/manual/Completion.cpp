@@ -1,4 +1,4 @@
-#include "Completion.h"
+#include "manual/Completion.h"
 
 #include <algorithm>
 

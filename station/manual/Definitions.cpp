@@ -1,4 +1,4 @@
-#include "Definitions.h"
+#include "manual/Definitions.h"
 
 #include <algorithm>
 #include <cctype>

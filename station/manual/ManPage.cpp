@@ -1,9 +1,9 @@
-#include "ManPage.h"
+#include "manual/ManPage.h"
 
 #include <map>
 #include <sstream>
 
-#include "CommandLine.h"
+#include "cli/CommandLine.h"
 
 namespace station::manual {
 namespace {

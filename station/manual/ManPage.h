@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Definitions.h"
+#include "manual/Definitions.h"
 
 namespace station::manual {
 

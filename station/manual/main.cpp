@@ -11,10 +11,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "CommandLine.h"
-#include "Completion.h"
-#include "Definitions.h"
-#include "ManPage.h"
+#include "cli/CommandLine.h"
+#include "manual/Completion.h"
+#include "manual/Definitions.h"
+#include "manual/ManPage.h"
 
 namespace {
 

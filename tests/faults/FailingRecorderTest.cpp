@@ -16,9 +16,9 @@
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 
-#include "Recorder.h"
-#include "StationError.h"
 #include "Torture.h"
+#include "base/StationError.h"
+#include "record/Recorder.h"
 #include "support/InterposedParse.h"
 #include "support/MovingPicture.h"
 #include "support/ProcessState.h"

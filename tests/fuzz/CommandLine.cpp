@@ -1,7 +1,7 @@
 // Any arguments, with zero bytes between them: they are refused, or what they said is inside the
 // ranges that the help shows.
 
-#include "CommandLine.h"
+#include "cli/CommandLine.h"
 
 #include <algorithm>
 #include <chrono>

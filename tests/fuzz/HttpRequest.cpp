@@ -1,6 +1,6 @@
 // Any bytes as HTTP requests: the server answers by the rules, lets the client go, and lives on.
 
-#include "HttpServer.h"
+#include "http/Server.h"
 
 #include <map>
 #include <regex>

@@ -1,7 +1,7 @@
 // Metadata of any kind as KLV packets, which are taken apart again as the standard says: every item
 // is whole and says what the metadata said, to the item's resolution.
 
-#include "MisbSt0601.h"
+#include "record/KlvEncoder.h"
 
 #include <cmath>
 #include <cstring>

@@ -1,7 +1,7 @@
 // Any bytes as RTSP requests: the server answers with a status line, lets the client go, and lives
 // on.
 
-#include "RtspServer.h"
+#include "rtsp/Server.h"
 
 #include <regex>
 #include <string>

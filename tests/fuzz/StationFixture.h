@@ -6,10 +6,10 @@
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "Board.h"
-#include "Camera.h"
-#include "LiveCamera.h"
-#include "Serve.h"
+#include "base/Board.h"
+#include "camera/Camera.h"
+#include "camera/LiveCamera.h"
+#include "serve/ServeOptions.h"
 #include "support/TempFolder.h"
 
 // What a server needs: a simulated board, and a still picture as its camera.

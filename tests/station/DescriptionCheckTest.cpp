@@ -1,4 +1,4 @@
-#include "DescriptionCheck.h"
+#include "doctor/DescriptionCheck.h"
 
 #include <gtest/gtest.h>
 

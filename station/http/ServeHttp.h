@@ -1,0 +1,12 @@
+#pragma once
+
+#include <media_backend/GstVideoBackend.h>
+
+#include "serve/ServeOptions.h"
+
+namespace station {
+
+// The command "serve http": live video of a camera, until Ctrl-C. Throws StationError.
+void serveHttp(const media_backend::GstVideoBackend& backend, const ServeOptions& options);
+
+}  // namespace station
