@@ -1,0 +1,22 @@
+# Completion of media-station in bash: commands, options, and the values that are words.
+_media_station() {
+  local word command=() current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    case $word in
+      inspect | doctor | record | grab | serve | rtsp | http) command+=("$word") ;;
+      *) break ;;
+    esac
+  done
+  case $previous in
+    --board) word="nvidia imx" ;;
+    --codec) word="h264 h265 av1 mjpeg" ;;
+    --fallback) word="silence noise disabled" ;;
+    *)
+      # The program's help has options and commands as the first words of indented lines.
+      word=$("${COMP_WORDS[0]}" "${command[@]}" --help 2>/dev/null |
+        sed -n -E '/^Exit codes/q; s/^  (-\w,)?(--[a-z-]+|[a-z]+)\>.*/\2/p' | grep -vx source)
+      ;;
+  esac
+  mapfile -t COMPREPLY < <(compgen -W "$word" -- "$current")
+}
+complete -o default -F _media_station media-station
