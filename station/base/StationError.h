@@ -5,7 +5,7 @@
 
 namespace station {
 
-// What the program's exit code says; exitCodes() has the words for it.
+// The program's exit code; the help says what each means.
 enum class ExitCode : int {
   Ok = 0,
   Internal = 1,

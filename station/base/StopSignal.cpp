@@ -43,4 +43,9 @@ bool StopSignal::requested() const {
   return stopRequested;
 }
 
+void exitOnSignal() {
+  stopRequested = true;
+  setHandler(onSignal);
+}
+
 }  // namespace station

@@ -15,4 +15,7 @@ class StopSignal {
   bool requested() const;
 };
 
+// From now on Ctrl-C and SIGTERM end the process at once with exit code 130.
+void exitOnSignal();
+
 }  // namespace station

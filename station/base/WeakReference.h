@@ -4,7 +4,7 @@
 
 namespace station {
 
-// A weak reference to an object, as data of another one or of a callback.
+// A weak reference to an object.
 //
 // Threads: any.
 class WeakReference {
@@ -14,16 +14,11 @@ class WeakReference {
   WeakReference(const WeakReference&) = delete;
   WeakReference& operator=(const WeakReference&) = delete;
 
-  // The object, which the caller releases, or null if it has gone. `self`: a WeakReference or null.
-  static gpointer get(gpointer self) {
-    return self != nullptr ? g_weak_ref_get(&static_cast<WeakReference*>(self)->reference_)
-                           : nullptr;
-  }
-  // A GDestroyNotify.
-  static void drop(gpointer self) { delete static_cast<WeakReference*>(self); }
+  // The object, which the caller releases, or null after its end.
+  gpointer get() const { return g_weak_ref_get(&reference_); }
 
  private:
-  GWeakRef reference_{};
+  mutable GWeakRef reference_{};
 };
 
 }  // namespace station

@@ -44,7 +44,7 @@ class MediaFile : public Camera {
     if (picture == nullptr && !error.empty()) {
       failSource(error);
     }
-    // The end of a file is told from a time-out by not having taken the time.
+    // capture() returns at once at the end of the file, and otherwise only after kTimeout.
     const bool timedOut = steady_clock::now() - begin >= kTimeout;
     if (picture == nullptr && (config_.loop || timedOut)) {
       failSilentSource(config_.path);
@@ -78,8 +78,8 @@ class Device : public Camera {
     return picture;
   }
 
-  bool pacesItself() const override { return true; }
-  void rest() override { source_.stop(); }
+  bool isLive() const override { return true; }
+  void suspend() override { source_.stop(); }
 
  private:
   media_backend::V4l2FrameSource source_;
@@ -105,7 +105,7 @@ class StillImage : public Camera {
   Picture picture_;
 };
 
-// Whether a file holds one picture, by its first bytes. An animation is for the media source.
+// By the file's first bytes. An animation is for the media source.
 bool isStillImage(const std::string& path) {
   std::string bytes(4096, '\0');
   std::ifstream stream(path, std::ios::binary);
@@ -132,7 +132,7 @@ std::unique_ptr<Camera> Camera::open(const CameraOptions& options) {
   if (status.type() == std::filesystem::file_type::none) {
     failSource(error.message() + ": " + options.source);
   }
-  // A device that is not plugged in is one all the same.
+  // /dev/videoN is a device even while unplugged.
   if (std::filesystem::is_character_file(status) || options.source.rfind("/dev/video", 0) == 0) {
     return std::make_unique<Device>(options);
   }

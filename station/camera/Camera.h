@@ -1,21 +1,14 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include <lumora/LumoraPicture.h>
 
+#include "camera/CameraOptions.h"
+
 namespace station {
 
-struct CameraOptions {
-  std::string source;         // V4L2 device, still image or media file
-  unsigned int width = 1280;  // pixels, even
-  unsigned int height = 720;  // pixels, even
-  unsigned int fps = 30;      // of a device: at most
-  bool loop = true;           // play a media file again after its end
-};
-
-// A source of pictures; what kind of one it is, is seen from what `source` names.
+// A source of frames. `source` decides its kind: V4L2 device, still image or media file.
 //
 // Threads: one thread at a time.
 class Camera {
@@ -28,21 +21,21 @@ class Camera {
   // Opens the source. Throws StationError (Source) for a still image that cannot be read.
   static std::unique_ptr<Camera> open(const CameraOptions& options);
 
-  // The options with the size of the pictures that there will be: a still image keeps its own.
+  // The options, with the size that the frames have: a still image keeps its own.
   const CameraOptions& options() const { return options_; }
 
-  // The next picture; empty at the end of a file that does not loop. Throws StationError (Source)
-  // when the source fails or gives nothing for seconds.
+  // The next frame; null at the end of a file that does not loop. Throws StationError (Source) if
+  // the source fails or is silent for five seconds.
   virtual std::shared_ptr<lumora::LumoraPicture> next() = 0;
 
-  // Whether next() waits for the time of the picture; otherwise pacing is the caller's.
-  virtual bool pacesItself() const { return false; }
+  // Whether next() blocks until a frame is captured; otherwise the caller paces.
+  virtual bool isLive() const { return false; }
 
-  // GStreamer colorimetry of the pictures; null where the source does not tell.
+  // GStreamer colorimetry of the frames; null if the source does not know.
   virtual const char* colorimetry() const { return nullptr; }
 
-  // Lets the source go until the next picture is wanted.
-  virtual void rest() {}
+  // Releases the source until the next call of next().
+  virtual void suspend() {}
 
  protected:
   CameraOptions options_;

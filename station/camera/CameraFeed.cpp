@@ -5,8 +5,8 @@
 namespace station {
 namespace {
 
-// A source that starts has its clock before its base time: the stamp of a frame in between would be
-// the machine's uptime, for which the pipeline would wait.
+// Before PLAYING the element may have a clock but no base time; do-timestamp would write the
+// absolute clock time, and the pipeline wait for it.
 bool isPlaying(GstElement* source) {
   GstState state = GST_STATE_NULL;
   gst_element_get_state(source, &state, nullptr, 0);

@@ -6,21 +6,15 @@
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "base/GstPtr.h"
+#include "base/Handles.h"
 #include "camera/LiveCamera.h"
 
 namespace station {
 
-// A live camera's frames into a pipeline's source element, without copying, while this object
-// lives. An encoder that is late misses frames; it never holds the camera up.
+// Pushes a live camera's frames into a pipeline's appsrc, without copying, while this object lives.
 class CameraFeed {
  public:
-  // Source element of a description, in front of the library's fragments.
-  static constexpr const char* kElement =
-      "appsrc name=camera is-live=true format=time do-timestamp=true max-buffers=2 "
-      "leaky-type=downstream ";
-
-  // `bin` holds that element. Throws StationError (Pipeline) if it does not.
+  // `bin` holds the appsrc "camera"; throws StationError (Pipeline) otherwise.
   CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera, GstElement* bin);
 
  private:
@@ -29,7 +23,7 @@ class CameraFeed {
   const media_backend::GstVideoBackend& backend_;
   const GstPtr<GstElement> source_;
   const GstClockTime duration_;                  // of a frame
-  const LiveCamera::Subscription subscription_;  // behind what it uses
+  const LiveCamera::Subscription subscription_;  // after what it uses
 };
 
 }  // namespace station

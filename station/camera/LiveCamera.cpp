@@ -12,18 +12,24 @@ using std::chrono::steady_clock;
 }  // namespace
 
 LiveCamera::Subscription::Subscription(LiveCamera& camera, Consumer consumer) : camera_(camera) {
-  const std::lock_guard lock(camera_.mutex_);
-  place_ = camera_.consumers_.insert(camera_.consumers_.end(), std::move(consumer));
+  {
+    const std::lock_guard lock(camera_.mutex_);
+    place_ = camera_.consumers_.insert(camera_.consumers_.end(), std::move(consumer));
+  }
   camera_.changed_.notify_all();
+  camera_.onChange_();
 }
 
 LiveCamera::Subscription::~Subscription() {
-  const std::lock_guard lock(camera_.mutex_);
-  camera_.consumers_.erase(place_);
+  {
+    const std::lock_guard lock(camera_.mutex_);
+    camera_.consumers_.erase(place_);
+  }
+  camera_.onChange_();
 }
 
-LiveCamera::LiveCamera(std::unique_ptr<Camera> camera)
-    : camera_(std::move(camera)), picture_(nextPicture()) {
+LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange)
+    : camera_(std::move(camera)), onChange_(std::move(onChange)), picture_(nextPicture()) {
   thread_ = std::thread(&LiveCamera::run, this);
 }
 
@@ -58,11 +64,11 @@ void LiveCamera::run() {
   const nanoseconds interval(1000000000 / options().fps);
   steady_clock::time_point due;
   try {
-    while (awaitConsumers()) {
-      if (camera_->pacesItself()) {
+    while (waitForConsumers()) {
+      if (camera_->isLive()) {
         picture_ = nextPicture();
       } else {
-        // Whoever comes late, as after a sleep, does not hurry to make up for it.
+        // Do not catch up after a late frame: at most one interval of backlog.
         due = std::max(due + interval, steady_clock::now() - interval);
         std::this_thread::sleep_until(due);
       }
@@ -71,21 +77,24 @@ void LiveCamera::run() {
         throw StationError(ExitCode::Pipeline, "no memory for a frame");
       }
       deliver(frame);
-      if (!camera_->pacesItself()) {
+      if (!camera_->isLive()) {
         picture_ = nextPicture();
       }
     }
   } catch (const StationError& error) {
-    const std::lock_guard lock(mutex_);
-    failure_ = error;
+    {
+      const std::lock_guard lock(mutex_);
+      failure_ = error;
+    }
+    onChange_();
   }
 }
 
 // Whether to go on.
-bool LiveCamera::awaitConsumers() {
+bool LiveCamera::waitForConsumers() {
   std::unique_lock lock(mutex_);
   if (consumers_.empty()) {
-    camera_->rest();
+    camera_->suspend();
   }
   changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
   return !stop_;

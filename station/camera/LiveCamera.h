@@ -18,17 +18,17 @@
 
 namespace station {
 
-// A camera that runs, at its frame rate and on a thread of its own, while somebody takes its
-// frames, and sleeps otherwise.
+// A camera that runs, at its frame rate and on its own thread, while it has subscriptions, and is
+// suspended otherwise.
 //
 // Threads: any.
 class LiveCamera {
  public:
-  // Called on the camera's thread for every frame; must not block, nor subscribe or unsubscribe. A
-  // StationError that it throws ends the camera.
+  // Called on the camera's thread for every frame; must not block, subscribe or unsubscribe. A
+  // StationError that it throws stops the camera.
   using Consumer = std::function<void(const std::shared_ptr<lumora::ExportedFrame>& frame)>;
 
-  // Frames are taken while it lives. Its end waits for a call of the consumer that is under way.
+  // Frames are delivered while it lives. Its destructor waits for a running call of the consumer.
   class Subscription {
    public:
     Subscription(LiveCamera& camera, Consumer consumer);
@@ -41,9 +41,11 @@ class LiveCamera {
     std::list<Consumer>::iterator place_;
   };
 
-  // Waits for a first picture, so that a source that cannot be opened is told at once: throws
-  // StationError (Source).
-  explicit LiveCamera(std::unique_ptr<Camera> camera);
+  // Captures a first frame, so that a source that cannot be opened is reported at once: throws
+  // StationError (Source). `onChange` is called on any thread after isRunning() or failure() has
+  // changed.
+  explicit LiveCamera(
+      std::unique_ptr<Camera> camera, std::function<void()> onChange = [] {});
   ~LiveCamera();  // after every subscription
   LiveCamera(const LiveCamera&) = delete;
   LiveCamera& operator=(const LiveCamera&) = delete;
@@ -52,16 +54,17 @@ class LiveCamera {
   const char* colorimetry() const { return camera_->colorimetry(); }
   bool isRunning() const;
   std::uint64_t frames() const { return frames_; }
-  // What ended the camera, if it has failed.
+  // The error that stopped the camera.
   std::optional<StationError> failure() const;
 
  private:
   void run();
-  bool awaitConsumers();
+  bool waitForConsumers();
   std::shared_ptr<lumora::LumoraPicture> nextPicture();
   void deliver(const std::shared_ptr<lumora::ExportedFrame>& frame);
 
   const std::unique_ptr<Camera> camera_;
+  const std::function<void()> onChange_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
   lumora::FramePool pool_;
   std::atomic<std::uint64_t> frames_{0};

@@ -4,15 +4,13 @@
 
 #include <gio/gio.h>
 
+#include "base/Handles.h"
+
 namespace station {
 namespace {
 
-// How long a killed child may take to be gone before it is left behind.
+// From the kill of a child until it is abandoned.
 constexpr guint kGraceMs = 1000;
-
-struct Unref {
-  void operator()(gpointer object) const { g_object_unref(object); }
-};
 
 struct ContextUnref {
   void operator()(GMainContext* context) const {
@@ -84,7 +82,7 @@ class Wait {
   }
 
   GSubprocess* const child_;
-  const std::unique_ptr<GCancellable, Unref> cancellable_;
+  const GstPtr<GCancellable> cancellable_;
   const std::unique_ptr<GMainContext, ContextUnref> context_;
   ChildResult result_;
   bool timedOut_ = false;

@@ -6,7 +6,7 @@
 
 namespace station {
 
-// How a child process ended and all that it wrote, standard error included, as valid UTF-8.
+// How a child process ended, and its standard output and error as valid UTF-8.
 struct ChildResult {
   enum class End { Exited, Signalled, TimedOut, NotStarted };
 
@@ -15,8 +15,8 @@ struct ChildResult {
   std::string output;
 };
 
-// Runs a program and waits for its end, or kills it after `limit`. One that cannot be killed, as
-// a driver may hold it, is left behind. Any thread.
+// Runs a program until it ends, or kills it after `limit`; a child that a driver keeps from dying
+// is abandoned. Any thread.
 ChildResult runTimed(const std::vector<std::string>& arguments, std::chrono::milliseconds limit);
 
 }  // namespace station

@@ -1,29 +1,30 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace station {
 
-// A piece of a pipeline description that this machine's elements do not go along with.
+// The first fault that GStreamer finds in a description.
 struct DescriptionProblem {
-  std::size_t offset;  // bytes from the description's beginning
-  std::size_t length;  // 0: no single piece is to blame
-  std::string message;
+  std::string message;               // GStreamer's
+  std::vector<std::string> missing;  // elements, where that is the fault
+  std::size_t offset = 0;            // of the faulty piece in the description, in bytes
+  std::size_t length = 0;            // 0: the piece is unknown
 };
 
-// Checks a whole description against the elements that it names: that they exist, that they have
-// the properties that it sets and take their values, that their pads can have the caps between
-// them, and that GStreamer builds the pipeline of it. It loads the plugins and makes the elements,
-// which stay in state NULL.
-std::vector<DescriptionProblem> checkDescription(const std::string& description);
+struct DescriptionCheck {
+  std::vector<std::string> elements;  // factory names of what GStreamer has built
+  std::optional<DescriptionProblem> problem;
+};
 
-// Names of the elements of a description, in its order. Loads nothing.
-std::vector<std::string> elementsOf(const std::string& description);
+// Has GStreamer build a pipeline of the description, in state NULL.
+DescriptionCheck checkDescription(const std::string& description);
 
-// The part of the description, between two link marks, that holds the problem's piece, and a second
-// line with the piece marked. The whole description without a mark if there is no such piece.
+// The part of the description between two link marks that holds the faulty piece, and a second line
+// that marks it. The whole description if the piece is unknown.
 std::string markProblem(const std::string& description, const DescriptionProblem& problem);
 
 }  // namespace station

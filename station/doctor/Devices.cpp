@@ -14,7 +14,8 @@
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
+
+#include "base/UniqueFd.h"
 
 namespace station {
 namespace {
@@ -24,7 +25,7 @@ namespace fs = std::filesystem;
 struct NodeKind {
   const char* folder;
   const char* prefix;
-  const char* kind;  // null: the node is asked
+  const char* kind;  // null: see askV4l2()
 };
 
 constexpr std::array<NodeKind, 3> kNodeKinds = {{
@@ -32,23 +33,6 @@ constexpr std::array<NodeKind, 3> kNodeKinds = {{
     {"/dev/dma_heap", "", "dma heap"},
     {"/dev/dri", "renderD", "drm render"},
 }};
-
-class Descriptor {
- public:
-  explicit Descriptor(const std::string& node)
-      : fd_(open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 std::string groupOf(const struct stat& status) {
   const struct group* const group = getgrgid(status.st_gid);
@@ -89,8 +73,7 @@ std::vector<std::string> formatsOf(int fd, std::uint32_t queue) {
   return formats;
 }
 
-// What a device that takes pictures and gives pictures does, by the formats that it takes and
-// gives.
+// By the formats of its two queues.
 std::string transcoderKind(const Device& device) {
   static constexpr std::array<const char*, 7> kCoded = {"H264", "HEVC", "VP80", "VP90",
                                                         "MJPG", "JPEG", "AV01"};
@@ -170,7 +153,7 @@ Device describeDevice(const std::string& node) {
   if (device.kind == "drm render") {
     device.driver = drmDriver(node);
   }
-  const Descriptor descriptor(node);
+  const UniqueFd descriptor(open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
   if (descriptor.get() < 0) {
     explainRefusal(device, errno);
   } else if (kind.kind == nullptr) {

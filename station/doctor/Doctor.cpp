@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <sstream>
-#include <utility>
 
+#include <CLI/CLI.hpp>
+
+#include "base/Options.h"
 #include "base/StationError.h"
-#include "doctor/Diagnosis.h"
+#include "doctor/Advice.h"
+#include "doctor/Checks.h"
 
 namespace station {
 namespace {
@@ -30,12 +34,12 @@ bool isUsable(const Diagnosis& board, Codec wanted) {
   });
 }
 
-// Names of the codecs that work for a use, each with a blank in front.
-std::string codecsFor(const Diagnosis& board, const char* use) {
+// Names of the codecs that work for a use, each after a blank.
+std::string codecsFor(const Diagnosis& board, Use use) {
   std::string names;
   for (const CodecDiagnosis& codec : board.codecs) {
-    for (const UseDiagnosis& row : codec.uses) {
-      if (row.use == std::string(use) && row.ok() && codec.encodes()) {
+    for (const DescriptionDiagnosis& row : codec.descriptions) {
+      if (row.use == use && row.ok() && codec.encodes()) {
         names += std::string(" ") + codec.name();
       }
     }
@@ -55,13 +59,13 @@ std::string failuresOf(const Diagnosis& board) {
 }
 
 Verdict judge(const Diagnosis& board, Codec wanted) {
-  if (!board.available) {
+  if (!board.available()) {
     return {ExitCode::NoPlatform, "not usable: this machine offers no hardware video platform"};
   }
   const bool usable = isUsable(board, wanted);
   std::string line = usable ? "usable: " : "not usable: ";
-  line += board.profile + " records" + codecsFor(board, "record") + ", streams over RTSP" +
-          codecsFor(board, "rtsp") + ", over HTTP" + codecsFor(board, "http");
+  line += board.profile + " records" + codecsFor(board, Use::Record) + ", streams over RTSP" +
+          codecsFor(board, Use::Rtsp) + ", over HTTP" + codecsFor(board, Use::Http);
   line += failuresOf(board);
   return {usable ? ExitCode::Ok : ExitCode::CodecNotUsable, line};
 }
@@ -72,30 +76,30 @@ ordered_json orNull(const std::string& text) {
   return text.empty() ? ordered_json() : ordered_json(text);
 }
 
-ordered_json toJson(const std::optional<StepResult>& result) {
+ordered_json toJson(const std::optional<CheckResult>& result) {
   if (!result) {
     return nullptr;
   }
-  return {{"ok", result->ok}, {"error", orNull(result->error)}, {"said", result->said}};
+  return {{"ok", result->ok}, {"error", orNull(result->error)}, {"said", result->log}};
 }
 
 ordered_json toJson(const CodecDiagnosis& codec) {
   ordered_json uses = ordered_json::object();
-  for (const UseDiagnosis& use : codec.uses) {
-    uses[use.use] = {{"ok", use.ok()},
-                     {"description", use.description},
-                     {"error", orNull(use.check.error)},
-                     {"problems", use.check.ok ? use.check.value : ordered_json::array()}};
+  for (const DescriptionDiagnosis& description : codec.descriptions) {
+    uses[description.name()] = {{"ok", description.ok()},
+                                {"description", description.description},
+                                {"error", orNull(description.check.error)},
+                                {"problems", description.problems()}};
   }
   return {{"works", codec.works()},
           {"supported", codec.supported},
-          {"encoding", toJson(codec.encoding)},
+          {"encoding", toJson(codec.testEncode)},
           {"problems", codec.problems},
           {"uses", uses}};
 }
 
 ordered_json toJson(const ElementDiagnosis& row) {
-  return {{"profile", row.element.platform},
+  return {{"profile", platformName(row.element.platform)},
           {"role", row.element.role},
           {"name", row.element.name},
           {"present", row.element.present},
@@ -106,11 +110,12 @@ ordered_json toJson(const ElementDiagnosis& row) {
           {"opening", toJson(row.opening)}};
 }
 
-void printJson(const Diagnosis& board, const Verdict& verdict) {
+void printJson(const Diagnosis& board, const std::vector<std::string>& next,
+               const Verdict& verdict) {
   ordered_json report = {{"usable", verdict.code == ExitCode::Ok},
                          {"exitCode", static_cast<int>(verdict.code)},
                          {"verdict", verdict.line},
-                         {"next", board.next},
+                         {"next", next},
                          {"profile", board.profile},
                          {"codecs", ordered_json::object()},
                          {"elements", ordered_json::array()},
@@ -125,18 +130,18 @@ void printJson(const Diagnosis& board, const Verdict& verdict) {
   for (const FailedPlugin& plugin : board.failedPlugins) {
     report["failedPlugins"].push_back({{"file", plugin.file}, {"error", plugin.error}});
   }
-  for (std::size_t i = 0; i < board.devices.size(); ++i) {
-    const StepResult& device = board.devices[i];
+  for (const DeviceDiagnosis& device : board.devices) {
     report["devices"].push_back(
-        device.ok ? device.value : ordered_json{{"node", board.nodes[i]}, {"error", device.error}});
+        device.check.ok ? device.check.value
+                        : ordered_json{{"node", device.node}, {"error", device.check.error}});
   }
   std::cout << report.dump(2) << '\n';
 }
 
 // Text
 
-void printSaid(const StepResult& result) {
-  for (const std::string& line : result.said) {
+void printLog(const CheckResult& result) {
+  for (const std::string& line : result.log) {
     std::printf("             | %s\n", line.c_str());
   }
 }
@@ -156,16 +161,16 @@ void printCodec(const CodecDiagnosis& codec) {
   for (const std::string& problem : codec.problems) {
     std::printf("           %s\n", problem.c_str());
   }
-  if (codec.encoding && !codec.encoding->ok) {
-    printSaid(*codec.encoding);
+  if (codec.testEncode && !codec.testEncode->ok) {
+    printLog(*codec.testEncode);
   }
 }
 
 void printProblems(const Diagnosis& board) {
   for (const CodecDiagnosis& codec : board.codecs) {
-    for (const UseDiagnosis& use : codec.uses) {
-      for (const auto& problem : use.check.value) {
-        std::printf("\n%s, %s: %s\n", codec.name(), use.use,
+    for (const DescriptionDiagnosis& description : codec.descriptions) {
+      for (const auto& problem : description.problems()) {
+        std::printf("\n%s, %s: %s\n", codec.name(), description.name(),
                     problem["message"].get<std::string>().c_str());
         printIndented(problem["marked"], "  ");
       }
@@ -180,18 +185,18 @@ void printElement(const ElementDiagnosis& row) {
                                                  : "FAILS";
   std::printf("  %-8s %-20s %-30s %s\n", state, row.element.name, row.element.role,
               (row.origin.plugin + " " + row.origin.version + " " + row.origin.package).c_str());
-  if (row.opening && !row.opening->ok) {
+  if (!row.opens()) {
     std::printf("           %s\n", row.opening->error.c_str());
-    printSaid(*row.opening);
+    printLog(*row.opening);
   }
 }
 
 void printElements(const Diagnosis& board) {
-  const char* platform = "";
+  std::optional<GstVideoBackend::Platform> platform;
   for (const ElementDiagnosis& row : board.elements) {
-    if (row.element.platform != std::string(platform)) {
+    if (platform != row.element.platform) {
       platform = row.element.platform;
-      std::printf("\nelements for %s\n", platform);
+      std::printf("\nelements for %s\n", platformName(*platform));
     }
     printElement(row);
   }
@@ -205,8 +210,9 @@ std::string joined(const ordered_json& texts) {
   return line;
 }
 
-void printDevice(const std::string& node, const StepResult& device) {
-  std::printf("  %s", node.c_str());
+void printDevice(const DeviceDiagnosis& diagnosis) {
+  const CheckResult& device = diagnosis.check;
+  std::printf("  %s", diagnosis.node.c_str());
   if (!device.ok) {
     std::printf("  %s\n", device.error.c_str());
     return;
@@ -224,10 +230,11 @@ void printDevice(const std::string& node, const StepResult& device) {
   std::printf("%s%s\n", error.empty() ? "" : "\n    cannot be opened: ", error.c_str());
 }
 
-void printText(const Diagnosis& board, const Verdict& verdict) {
+void printText(const Diagnosis& board, const std::vector<std::string>& next,
+               const Verdict& verdict) {
   std::printf("%s\n", verdict.line.c_str());
-  for (const std::string& step : board.next) {
-    std::printf("next: %s\n", step.c_str());
+  for (const std::string& line : next) {
+    std::printf("next: %s\n", line.c_str());
   }
   if (!board.codecs.empty()) {
     std::printf("\ncodecs\n");
@@ -242,25 +249,36 @@ void printText(const Diagnosis& board, const Verdict& verdict) {
     std::printf("  %s\n    %s\n", plugin.file.c_str(), plugin.error.c_str());
   }
   std::printf("\ndevices\n%s", board.devices.empty() ? "  none\n" : "");
-  for (std::size_t i = 0; i < board.devices.size(); ++i) {
-    printDevice(board.nodes[i], board.devices[i]);
-  }
+  std::for_each(board.devices.begin(), board.devices.end(), printDevice);
 }
 
 }  // namespace
 
-void doctor(const GstVideoBackend& backend, const DoctorOptions& options) {
-  const Diagnosis board = diagnose(backend, StepRunner(options.board, options.limit));
-  const Verdict verdict = judge(board, options.codec);
-  if (options.json) {
-    printJson(board, verdict);
-  } else {
-    printText(board, verdict);
-  }
+CLI::App& Doctor::addOptions(CLI::App& program) {
+  CLI::App& command = *program.add_subcommand(
+      "doctor",
+      "Try out what the board offers, and say what to do where it does not work. The board is "
+      "usable, and the exit code 0, if H.264 or H.265 (or what --codec names) encodes and every "
+      "description that the library writes for it fits the board's elements");
+  addBoardOption(command, board_);
+  addCodecOption(command, codec_, "Codec that has to work: h264, h265, av1, mjpeg");
+  command
+      .add_option_function<unsigned int>(
+          "--timeout", [this](unsigned int seconds) { limit_ = std::chrono::seconds(seconds); },
+          "Seconds for each check, which runs in a process of its own")
+      ->check(CLI::Range(1U, 3600U))
+      ->default_str("10");
+  command.add_flag("--json", json_, "Print JSON");
+  return command;
+}
+
+void Doctor::run() {
+  const Diagnosis board = diagnose(openBoard(board_), CheckRunner(board_, limit_));
+  const Verdict verdict = judge(board, codec_);
+  (json_ ? printJson : printText)(board, adviseOn(board), verdict);
   std::fflush(stdout);
   if (verdict.code != ExitCode::Ok) {
-    throw StationError(verdict.code, verdict.line.substr(0, verdict.line.find(':')) +
-                                         "; the first lines of the report say why");
+    throw StationError(verdict.code, "not usable; the first lines of the report say why");
   }
 }
 

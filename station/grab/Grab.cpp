@@ -6,9 +6,10 @@
 #include <system_error>
 
 #include <gst/video/video.h>
+#include <CLI/CLI.hpp>
 
-#include "base/GstPtr.h"
 #include "base/StationError.h"
+#include "camera/Camera.h"
 
 namespace station {
 namespace {
@@ -17,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr GstClockTime kConvertTimeout = 10 * GST_SECOND;
 
-// A file's kind by its ending; null caps for raw NV12.
+// Kind of a file by its extension; null caps for raw NV12.
 struct Kind {
   const char* extension;
   const char* caps;
@@ -50,7 +51,7 @@ std::string packedNv12(const lumora::LumoraPicture& picture) {
   return bytes;
 }
 
-// Colours are those of `colorimetry`, or if that is null GStreamer's default for the size.
+// A null `colorimetry` means GStreamer's default for the size.
 std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetry,
                     const char* type) {
   const std::string nv12 = packedNv12(picture);
@@ -86,30 +87,44 @@ void write(const fs::path& file, const std::string& bytes) {
   }
 }
 
-// "a.png" for the only picture, "a-0001.png" for the first of several.
-fs::path numbered(const GrabOptions& options, unsigned int number) {
-  if (options.count == 1) {
-    return options.file;
+// "a.png" for the only frame, "a-0001.png" for the first of several.
+fs::path numbered(const fs::path& file, unsigned int number, unsigned int count) {
+  if (count == 1) {
+    return file;
   }
   char digits[16];
   std::snprintf(digits, sizeof(digits), "-%04u", number + 1);
-  fs::path file = options.file;
-  file.replace_filename(options.file.stem().string() + digits + options.file.extension().string());
-  return file;
+  fs::path result = file;
+  result.replace_filename(file.stem().string() + digits + file.extension().string());
+  return result;
 }
 
 }  // namespace
 
-void grab(const GrabOptions& options) {
-  const Kind& kind = kindOf(options.file);
-  const std::unique_ptr<Camera> camera = Camera::open(options.camera);
-  for (unsigned int number = 0; number < options.count; ++number) {
+CLI::App& Grab::addOptions(CLI::App& program) {
+  CLI::App& command =
+      *program.add_subcommand("grab", "Write pictures of a camera, or of a file played as one");
+  camera_.loop = false;
+  camera_.addTo(command);
+  command.add_option("-o,--output", file_, "File that ends in .png, .jpg or .nv12")
+      ->type_name("FILE")
+      ->capture_default_str();
+  command.add_option("--count", count_, "Pictures; more than one number the files")
+      ->check(CLI::Range(1U, 9999U))
+      ->capture_default_str();
+  return command;
+}
+
+void Grab::run() {
+  const Kind& kind = kindOf(file_);
+  const std::unique_ptr<Camera> camera = Camera::open(camera_);
+  for (unsigned int number = 0; number < count_; ++number) {
     const auto picture = camera->next();
     if (picture == nullptr) {
       throw StationError(ExitCode::Source, "source has ended after " + std::to_string(number) +
-                                               " pictures: " + options.camera.source);
+                                               " pictures: " + camera_.source);
     }
-    const fs::path file = numbered(options, number);
+    const fs::path file = numbered(file_, number, count_);
     write(file, kind.caps == nullptr ? packedNv12(*picture)
                                      : encoded(*picture, camera->colorimetry(), kind.caps));
     std::printf("%s  %u x %u\n", file.string().c_str(), picture->width(), picture->height());

@@ -2,18 +2,22 @@
 
 #include <filesystem>
 
-#include "camera/Camera.h"
+#include "base/Command.h"
+#include "camera/CameraOptions.h"
 
 namespace station {
 
-struct GrabOptions {
-  CameraOptions camera;
-  std::filesystem::path file;  // .png, .jpg or .nv12
-  unsigned int count = 1;      // pictures; more than one number the files
-};
+// The command "grab": writes frames of a camera to image files. NV12 files are packed rows, luma
+// then chroma.
+class Grab : public Command {
+ public:
+  CLI::App& addOptions(CLI::App& program) override;
+  void run() override;
 
-// The command "grab": pictures of a camera as files. NV12 files are packed rows, luma then chroma.
-// Throws StationError (Usage, Source, Output, Pipeline).
-void grab(const GrabOptions& options);
+ private:
+  CameraOptions camera_;
+  std::filesystem::path file_ = "picture.png";
+  unsigned int count_ = 1;  // more than one number the files
+};
 
 }  // namespace station

@@ -2,49 +2,49 @@
 
 namespace station {
 
-PictureRing::~PictureRing() {
+AccessUnitBuffer::~AccessUnitBuffer() {
   clear();
 }
 
-bool PictureRing::add(gconstpointer data, gsize size, bool key) {
+bool AccessUnitBuffer::add(gconstpointer data, gsize size, bool key) {
   const std::lock_guard lock(mutex_);
-  if (size > kMaxPictureBytes) {
-    awaitsKey_ = true;
+  if (size > kMaxAccessUnitBytes) {
+    needsKey_ = true;
     return false;
   }
-  if (awaitsKey_ && !key) {
+  if (needsKey_ && !key) {
     return true;
   }
-  awaitsKey_ = false;
-  while (pictures_.size() >= kMaxPictures || bytes_ + size > kMaxBytes) {
+  needsKey_ = false;
+  while (accessUnits_.size() >= kMaxAccessUnits || bytes_ + size > kMaxBytes) {
     dropOldest();
   }
-  pictures_.push_back({g_bytes_new(data, size), key});
+  accessUnits_.push_back({g_bytes_new(data, size), key});
   bytes_ += size;
   ++end_;
   return true;
 }
 
-void PictureRing::clear() {
+void AccessUnitBuffer::clear() {
   const std::lock_guard lock(mutex_);
-  while (!pictures_.empty()) {
+  while (!accessUnits_.empty()) {
     dropOldest();
   }
-  ++end_;  // a gap, so that nobody is in sequence any more
-  awaitsKey_ = true;
+  ++end_;  // a gap, so that no reader is in sequence
+  needsKey_ = true;
 }
 
-void PictureRing::dropOldest() {
-  bytes_ -= g_bytes_get_size(pictures_.front().bytes);
-  g_bytes_unref(pictures_.front().bytes);
-  pictures_.pop_front();
+void AccessUnitBuffer::dropOldest() {
+  bytes_ -= g_bytes_get_size(accessUnits_.front().bytes);
+  g_bytes_unref(accessUnits_.front().bytes);
+  accessUnits_.pop_front();
 }
 
-// Newest key picture with a number of at least `from`.
-bool PictureRing::findKey(std::uint64_t from, std::uint64_t& number) const {
-  const std::uint64_t begin = end_ - pictures_.size();
+// Newest key frame with a number of at least `from`.
+bool AccessUnitBuffer::findKey(std::uint64_t from, std::uint64_t& number) const {
+  const std::uint64_t begin = end_ - accessUnits_.size();
   for (std::uint64_t candidate = end_; candidate > begin && candidate > from; --candidate) {
-    if (pictures_[candidate - 1 - begin].key) {
+    if (accessUnits_[candidate - 1 - begin].key) {
       number = candidate - 1;
       return true;
     }
@@ -52,11 +52,11 @@ bool PictureRing::findKey(std::uint64_t from, std::uint64_t& number) const {
   return false;
 }
 
-GBytes* PictureRing::read(Cursor& cursor) const {
+GBytes* AccessUnitBuffer::read(Cursor& cursor) const {
   const std::lock_guard lock(mutex_);
-  const std::uint64_t begin = end_ - pictures_.size();
+  const std::uint64_t begin = end_ - accessUnits_.size();
   std::uint64_t number = cursor.next;
-  const bool follows = cursor.inSequence && number >= begin && !everyPictureIsKey_;
+  const bool follows = cursor.inSequence && number >= begin && !allKeyFrames_;
   if (follows ? number >= end_ : !findKey(cursor.next, number)) {
     return nullptr;
   }
@@ -65,7 +65,7 @@ GBytes* PictureRing::read(Cursor& cursor) const {
   }
   cursor.next = number + 1;
   cursor.inSequence = true;
-  return g_bytes_ref(pictures_[number - begin].bytes);
+  return g_bytes_ref(accessUnits_[number - begin].bytes);
 }
 
 }  // namespace station

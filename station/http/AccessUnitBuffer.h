@@ -9,42 +9,42 @@
 
 namespace station {
 
-// The last encoded pictures of a stream, for any number of readers of any speed: nobody who reads
-// slowly holds up who writes, or who else reads.
+// Ring buffer of encoded access units. Readers never block the writer or each other; one that falls
+// behind continues at the newest key frame.
 //
-// Memory: at most kMaxPictures pictures and kMaxBytes bytes, and what readers still hold.
+// Memory: at most kMaxAccessUnits and kMaxBytes, and the access units that readers still hold.
 // Threads: any.
-class PictureRing {
+class AccessUnitBuffer {
  public:
-  static constexpr std::size_t kMaxPictures = 120;
+  static constexpr std::size_t kMaxAccessUnits = 120;
   static constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
-  static constexpr std::size_t kMaxPictureBytes = std::size_t{8} << 20;
+  static constexpr std::size_t kMaxAccessUnitBytes = std::size_t{8} << 20;
 
-  // How far a reader has come; starts with nothing read.
+  // Position of a reader.
   struct Cursor {
-    std::uint64_t next = 0;     // number of the picture to read next
-    bool inSequence = false;    // whether it follows on what was read
-    std::uint64_t skipped = 0;  // pictures missed since the first one read
+    std::uint64_t next = 0;     // number of the access unit to read next
+    bool inSequence = false;    // whether it follows the last one read
+    std::uint64_t skipped = 0;  // since the first one read
   };
 
-  // With `everyPictureIsKey`, readers always get the newest picture.
-  explicit PictureRing(bool everyPictureIsKey) : everyPictureIsKey_(everyPictureIsKey) {}
-  ~PictureRing();
-  PictureRing(const PictureRing&) = delete;
-  PictureRing& operator=(const PictureRing&) = delete;
+  // With `allKeyFrames`, readers always get the newest access unit.
+  explicit AccessUnitBuffer(bool allKeyFrames) : allKeyFrames_(allKeyFrames) {}
+  ~AccessUnitBuffer();
+  AccessUnitBuffer(const AccessUnitBuffer&) = delete;
+  AccessUnitBuffer& operator=(const AccessUnitBuffer&) = delete;
 
-  // Copies a picture in. False for one of more than kMaxPictureBytes, which is left out, and with
-  // it what follows until the next key picture.
+  // Copies an access unit in. False for one of more than kMaxAccessUnitBytes: it and its successors
+  // up to the next key frame are dropped.
   bool add(gconstpointer data, gsize size, bool key);
-  // Forgets the pictures; what is added next does not follow on them.
+  // Drops all; readers continue at the next key frame.
   void clear();
 
-  // The reader's next picture, which the caller owns, or null: none yet. A reader that starts, or
-  // that has fallen out of the ring, goes on at the newest key picture.
+  // The reader's next access unit, which the caller owns, or null if there is none yet. A new
+  // reader, and one that has fallen out of the ring, continues at the newest key frame.
   GBytes* read(Cursor& cursor) const;
 
  private:
-  struct Picture {
+  struct AccessUnit {
     GBytes* bytes;
     bool key;
   };
@@ -52,12 +52,12 @@ class PictureRing {
   void dropOldest();
   bool findKey(std::uint64_t from, std::uint64_t& number) const;
 
-  const bool everyPictureIsKey_;
+  const bool allKeyFrames_;
   mutable std::mutex mutex_;
-  std::deque<Picture> pictures_;
-  std::uint64_t end_ = 0;  // number of the next picture to come
+  std::deque<AccessUnit> accessUnits_;
+  std::uint64_t end_ = 0;  // number of the next access unit
   std::size_t bytes_ = 0;
-  bool awaitsKey_ = true;
+  bool needsKey_ = true;
 };
 
 }  // namespace station

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "serve/Client.h"
+
 namespace {
 
 constexpr std::string_view kRefusal =
@@ -11,9 +13,9 @@ constexpr std::string_view kRefusal =
 
 struct RequestFilter {
   GObject object;
-  GSocket* socket;  // kept by the object's data
-  char line[64];    // the current one's beginning
-  gsize length;     // of what is in there
+  GSocket* socket;  // owned by the object's data
+  char line[64];    // beginning of the current line
+  gsize length;     // of that
   gboolean ended;
 };
 
@@ -26,12 +28,12 @@ bool begins(std::string_view line, std::string_view name) {
 }
 
 bool isNumber(std::string_view value) {
-  constexpr std::size_t kMostDigits = 18;  // that are less than 2^63 for certain
+  constexpr std::size_t kMostDigits = 18;  // always below 2^63
   return !value.empty() && value.size() <= kMostDigits &&
          value.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// Whether the library mishandles a request with this line, which may be its last.
+// Whether libsoup mishandles a request with this header line.
 bool isMishandled(std::string_view line) {
   if (!begins(line, kLength)) {
     return begins(line, kCoding);
@@ -39,10 +41,10 @@ bool isMishandled(std::string_view line) {
   std::string_view value = line.substr(kLength.size());
   value.remove_prefix(std::min(value.find_first_not_of(" \t:"), value.size()));
   value = value.substr(0, value.find_last_not_of(" \t\r") + 1);
-  return !isNumber(value) || line.size() == sizeof(RequestFilter::line);  // there may be more of it
+  return !isNumber(value) || line.size() == sizeof(RequestFilter::line);  // may be cut off
 }
 
-// Whether the request is refused for this next character of it.
+// Takes the request's next character; whether it has to be refused.
 bool isRefused(RequestFilter& filter, char character) {
   if (filter.ended != FALSE) {
     const bool goesOn =
@@ -60,12 +62,13 @@ bool isRefused(RequestFilter& filter, char character) {
   if (filter.length < sizeof(filter.line)) {
     filter.line[filter.length++] = character;
   }
-  return character == '\0';  // older ones of the library take it out, and read what is left
+  return character == '\0';  // libsoup strips it before it parses
 }
 
 GConverterResult refuse(const RequestFilter& filter, GError** error) {
   g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
                               nullptr);
+  station::Client::disconnect(filter.socket, "its request may have a body");
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
   return G_CONVERTER_ERROR;
 }
@@ -88,6 +91,7 @@ GConverterResult convert(GConverter* self, const void* input, gsize inputSize, v
       return refuse(filter, error);
     }
   }
+  station::Client::noteActivity(filter.socket);
   std::memcpy(output, input, size);
   *bytesRead = *bytesWritten = size;
   return G_CONVERTER_CONVERTED;

@@ -4,13 +4,13 @@
 
 namespace station {
 
-// A client's connection for the HTTP library, without the requests whose body has a transfer coding
-// or a length that is no number. Of many of those, version 3.2 of the library keeps the target for
-// ever, up to 100 KiB, before it has told us of the request. They are refused before their header
-// is whole, and the connection ends; no request that is answered has a body.
+// Workaround for libsoup up to 3.2 at least: parse_headers() of soup-server-message-io-http1.c
+// leaks the request's URI, up to 100 KiB, for a Transfer-Encoding or Content-Length that it
+// rejects, before any signal. Answers such requests, which have no use here, with 501 before
+// libsoup reads them.
 //
-// Returns a stream that keeps the connection open as long as it lives. The caller owns it.
-// Threads: that of the main context.
+// Returns a stream that keeps the connection open while it lives; the caller owns it.
+// Threads: the main context's.
 GIOStream* filterHttpRequests(GSocketConnection* connection);
 
 }  // namespace station

@@ -1,15 +1,15 @@
 #include "http/ServeHttp.h"
 
 #include "http/Server.h"
-#include "serve/MainLoop.h"
 
 namespace station {
 
-void serveHttp(const media_backend::GstVideoBackend& backend, const ServeOptions& options) {
-  LiveCamera camera(Camera::open(options.camera));
-  HttpServer server(backend, camera, options);
-  announce("http", server.listener(), "/", backend, options, camera.options());
-  ServerLoop(camera, [&server] { server.tick(); }).run();
+void ServeHttp::serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+                      MainLoop& loop) {
+  HttpServer server(backend, camera, options_,
+                    [&loop](const StationError& error) { loop.fail(error); });
+  announce(server.listener(), "/", backend, camera.options());
+  loop.run(camera, options_.quiet);
 }
 
 }  // namespace station

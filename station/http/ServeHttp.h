@@ -1,12 +1,18 @@
 #pragma once
 
-#include <media_backend/GstVideoBackend.h>
-
-#include "serve/ServeOptions.h"
+#include "serve/ServeCommand.h"
 
 namespace station {
 
-// The command "serve http": live video of a camera, until Ctrl-C. Throws StationError.
-void serveHttp(const media_backend::GstVideoBackend& backend, const ServeOptions& options);
+// The command "serve http".
+class ServeHttp : public ServeCommand {
+ public:
+  ServeHttp()
+      : ServeCommand("http", "Serve a page, streams and snapshots over HTTP", /*port=*/8080) {}
+
+ private:
+  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             MainLoop& loop) override;
+};
 
 }  // namespace station

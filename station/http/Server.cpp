@@ -1,14 +1,14 @@
 #include "http/Server.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include <gio/gio.h>
-#include <nlohmann/json.hpp>
 
 #include "base/WeakReference.h"
 #include "http/RequestFilter.h"
+#include "http/StreamMetrics.h"
+#include "serve/Client.h"
 
 namespace station {
 namespace {
@@ -17,8 +17,8 @@ using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 
 constexpr std::chrono::seconds kIdle{30};
-constexpr guint kRequestSeconds = 10;  // that a client has to send a whole request
-// A viewer's browser needs a few connections: for the page, its picture and its figures.
+constexpr guint kRequestSeconds = 10;  // from a request's first byte to its last
+// A browser takes a few connections: for the page, its stream and its status.
 constexpr unsigned int kConnectionsPerClient = 2;
 constexpr unsigned int kMoreConnections = 16;
 
@@ -29,7 +29,7 @@ constexpr const char* kHeaders[][2] = {
     {"X-Content-Type-Options", "nosniff"},
 };
 
-// The page's files as they are compiled in.
+// Files of the page, compiled in.
 struct PageFile {
   const char* path;
   const char* resource;
@@ -63,22 +63,22 @@ std::string resource(const char* path) {
   return {static_cast<const char*>(data), size};
 }
 
-// What a client's address holds: a message knows no socket of a connection that was accepted for
-// it.
+// Data of a client's address: soup_server_message_get_socket() knows none for a connection of
+// soup_server_accept_iostream().
 constexpr const char* kSocket = "station-socket";
 
-// A request that is not whole by now never will be.
+// The client's, or null after it has left.
+GstPtr<GSocket> socketOf(SoupServerMessage* message) {
+  GSocketAddress* const client = soup_server_message_get_remote_address(message);
+  const auto* const socket =
+      client != nullptr
+          ? static_cast<const WeakReference*>(g_object_get_data(G_OBJECT(client), kSocket))
+          : nullptr;
+  return GstPtr<GSocket>(socket != nullptr ? static_cast<GSocket*>(socket->get()) : nullptr);
+}
+
 gboolean onDeadline(gpointer message) {
-  GSocketAddress* const client =
-      soup_server_message_get_remote_address(SOUP_SERVER_MESSAGE(message));
-  if (client == nullptr) {
-    return G_SOURCE_REMOVE;
-  }
-  const GstPtr<GSocket> socket(
-      static_cast<GSocket*>(WeakReference::get(g_object_get_data(G_OBJECT(client), kSocket))));
-  if (socket != nullptr) {
-    g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
-  }
+  Client::disconnect(socketOf(SOUP_SERVER_MESSAGE(message)).get(), "no whole request in 10 s");
   return G_SOURCE_REMOVE;
 }
 
@@ -90,17 +90,19 @@ void dropSource(gpointer source) {
 }  // namespace
 
 HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
-                       const ServeOptions& options)
+                       const ServeOptions& options, HttpStream::OnFailure onFailure)
     : backend_(backend),
       camera_(camera),
       options_(options),
-      wakeUp_([this] { pumpAll(); }),
+      onFailure_(std::move(onFailure)),
+      wakeUp_([this] { writeAll(); }),
       server_(soup_server_new("server-header", "media-station", nullptr)),
-      listener_(options.address, options.port,
-                {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle},
-                [this](GSocketConnection* connection) { accept(connection); }) {
+      listener_(
+          options.address, options.port,
+          {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle, options.quiet},
+          [this](GSocketConnection* connection) { accept(connection); }) {
   addStream(options.encoder.codec);
-  // Browsers show nothing else, and snapshots are made of it.
+  // For browsers, which show no other stream, and for snapshots.
   if (options.encoder.codec != Codec::Mjpeg && backend.supports(Codec::Mjpeg)) {
     addStream(Codec::Mjpeg);
   }
@@ -108,14 +110,16 @@ HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
 }
 
 HttpServer::~HttpServer() {
-  viewers_.clear();
+  listener_.stop();
+  responses_.clear();
   soup_server_disconnect(server_.get());
 }
 
 void HttpServer::addStream(Codec codec) {
   GstVideoBackend::EncoderConfig config = options_.encoder;
   config.codec = codec;
-  streams_.emplace_back(backend_, camera_, config, [this] { wakeUp_.signal(); });
+  streams_.emplace_back(
+      backend_, camera_, config, [this] { wakeUp_.signal(); }, onFailure_);
 }
 
 void HttpServer::setUpServer() {
@@ -131,21 +135,26 @@ void HttpServer::setUpServer() {
   }
 }
 
-gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* /*message*/,
+gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* message,
                                 const char* user, const char* password, gpointer self) {
-  return static_cast<HttpServer*>(self)->options_.credentials->match(user, password) ? TRUE : FALSE;
+  if (static_cast<HttpServer*>(self)->options_.credentials->match(user, password)) {
+    return TRUE;
+  }
+  Client::refuse(socketOf(message).get(), "wrong user or password");
+  return FALSE;
 }
 
 void HttpServer::accept(GSocketConnection* connection) {
   g_autoptr(GSocketAddress) local = g_socket_connection_get_local_address(connection, nullptr);
   g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
   if (local == nullptr || remote == nullptr) {
-    return;  // gone already, which the server library would complain about
+    return;  // gone already, and the server library would log a critical warning
   }
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  Client::noteActivity(socket);
   // Weak, as the socket itself holds its client's address.
-  g_object_set_data_full(G_OBJECT(remote), kSocket,
-                         new WeakReference(g_socket_connection_get_socket(connection)),
-                         WeakReference::drop);
+  g_object_set_data_full(G_OBJECT(remote), kSocket, new WeakReference(socket),
+                         [](gpointer reference) { delete static_cast<WeakReference*>(reference); });
   g_autoptr(GIOStream) stream = filterHttpRequests(connection);
   soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
 }
@@ -180,24 +189,30 @@ void HttpServer::onRequest(SoupServer* /*server*/, SoupServerMessage* message, c
   try {
     server->answer(message, path);
   } catch (const StationError& error) {
-    server->failure_ = error;
     refuse(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "the encoder does not start");
+    server->onFailure_(error);
   }
 }
 
 void HttpServer::answer(SoupServerMessage* message, const std::string& path) {
-  if (!answerText(message, path) && !answerPictures(message, path)) {
+  if (!answerText(message, path) && !answerStream(message, path)) {
     refuse(message, SOUP_STATUS_NOT_FOUND, "nothing is served at this path");
   }
 }
 
 bool HttpServer::answerText(SoupServerMessage* message, const std::string& path) const {
+  const ServerStatus status = {backend_,
+                               camera_,
+                               options_,
+                               (g_get_monotonic_time() - begin_) / G_USEC_PER_SEC,
+                               listener_.connections(),
+                               streams_};
   if (path == "/status.json") {
-    respond(message, "application/json", statusJson());
+    respond(message, "application/json", statusJson(status));
     return true;
   }
   if (path == "/metrics") {
-    respond(message, "text/plain; version=0.0.4; charset=utf-8", metrics());
+    respond(message, "text/plain; version=0.0.4; charset=utf-8", prometheusText(status));
     return true;
   }
   for (const PageFile& file : kPageFiles) {
@@ -209,48 +224,52 @@ bool HttpServer::answerText(SoupServerMessage* message, const std::string& path)
   return false;
 }
 
-bool HttpServer::answerPictures(SoupServerMessage* message, const std::string& path) {
+bool HttpServer::answerStream(SoupServerMessage* message, const std::string& path) {
   if (path == "/snapshot.jpg") {
     HttpStream* const jpeg = jpegStream();
     if (jpeg == nullptr) {
       refuse(message, SOUP_STATUS_NOT_FOUND, "this board has no JPEG encoder");
     } else {
-      watch(message, *jpeg, HttpViewer::Kind::Snapshot);
+      serveStream(message, *jpeg, StreamResponse::Kind::Snapshot);
     }
     return true;
   }
   for (HttpStream& stream : streams_) {
     if (path == stream.path()) {
-      watch(message, stream, HttpViewer::Kind::Stream);
+      serveStream(message, stream, StreamResponse::Kind::Stream);
       return true;
     }
   }
   return false;
 }
 
-void HttpServer::watch(SoupServerMessage* message, HttpStream& stream, HttpViewer::Kind kind) {
+void HttpServer::serveStream(SoupServerMessage* message, HttpStream& stream,
+                             StreamResponse::Kind kind) {
   if (std::string(soup_server_message_get_method(message)) == "HEAD") {
-    // A length that nobody knows yet.
+    // The length is unknown.
     SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
     soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);
     soup_message_headers_set_content_type(
-        headers, kind == HttpViewer::Kind::Snapshot ? "image/jpeg" : stream.contentType(), nullptr);
+        headers, kind == StreamResponse::Kind::Snapshot ? "image/jpeg" : stream.contentType(),
+        nullptr);
     soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
     return;
   }
-  if (viewers_.size() >= options_.maxClients) {
+  if (responses_.size() >= options_.maxClients) {
+    Client::refuse(socketOf(message).get(), "as many clients watch as --max-clients allows");
     soup_message_headers_replace(soup_server_message_get_response_headers(message), "Retry-After",
                                  "10");
     refuse(message, SOUP_STATUS_SERVICE_UNAVAILABLE, "as many clients as may watch do already");
     return;
   }
-  viewers_.emplace_back(message, stream, kind);
+  responses_.emplace_back(message, stream, kind,
+                          [message] { Client::noteActivity(socketOf(message).get()); });
   g_signal_connect(message, "finished", G_CALLBACK(onFinished), this);
 }
 
 void HttpServer::onFinished(SoupServerMessage* message, gpointer self) {
-  auto& viewers = static_cast<HttpServer*>(self)->viewers_;
-  viewers.remove_if([message](const HttpViewer& viewer) { return viewer.isAnsweredBy(message); });
+  static_cast<HttpServer*>(self)->responses_.remove_if(
+      [message](const StreamResponse& response) { return response.isFor(message); });
 }
 
 HttpStream* HttpServer::jpegStream() {
@@ -260,88 +279,10 @@ HttpStream* HttpServer::jpegStream() {
   return found != streams_.end() ? &*found : nullptr;
 }
 
-void HttpServer::pumpAll() {
-  for (HttpViewer& viewer : viewers_) {
-    viewer.pump();
+void HttpServer::writeAll() {
+  for (StreamResponse& response : responses_) {
+    response.write();
   }
-}
-
-void HttpServer::tick() {
-  if (failure_) {
-    throw StationError(*failure_);
-  }
-  for (HttpStream& stream : streams_) {
-    stream.tick();
-  }
-  for (HttpViewer& viewer : viewers_) {
-    viewer.tick();
-  }
-}
-
-std::string HttpServer::statusJson() const {
-  nlohmann::ordered_json status;
-  status["profile"] = backend_.name();
-  const CameraOptions& camera = camera_.options();
-  status["source"] = camera.source;
-  status["width"] = camera.width;
-  status["height"] = camera.height;
-  status["fps"] = camera.fps;
-  status["codec"] = GstVideoBackend::codecName(options_.encoder.codec);
-  status["uptime_seconds"] = (g_get_monotonic_time() - begin_) / G_USEC_PER_SEC;
-  status["camera_frames"] = camera_.frames();
-  status["connections"] = listener_.connections();
-  status["max_clients"] = options_.maxClients;
-  status["streams"] = nlohmann::ordered_json::array();
-  for (const HttpStream& stream : streams_) {
-    const HttpStream::Counts counts = stream.counts();
-    const HttpStream::Rates rates = stream.rates();
-    status["streams"].push_back({{"codec", GstVideoBackend::codecName(stream.codec())},
-                                 {"path", stream.path()},
-                                 {"running", stream.isRunning()},
-                                 {"viewers", stream.viewers()},
-                                 {"frame_rate", rates.picturesPerSecond},
-                                 {"bit_rate", rates.bitsPerSecond},
-                                 {"frames", counts.pictures},
-                                 {"bytes", counts.bytes},
-                                 {"skipped", counts.skipped},
-                                 {"oversized", counts.oversized}});
-  }
-  return status.dump(2) + "\n";
-}
-
-std::string HttpServer::metrics() const {
-  std::string text;
-  const auto describe = [&text](const std::string& name, const char* type, const char* help) {
-    text += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
-  };
-  const auto whole = [&](const std::string& name, const char* type, const char* help,
-                         std::uint64_t value) {
-    describe(name, type, help);
-    text += name + " " + std::to_string(value) + "\n";
-  };
-  const auto each = [&](const std::string& name, const char* type, const char* help,
-                        const auto& valueOf) {
-    describe(name, type, help);
-    for (const HttpStream& stream : streams_) {
-      text += name + "{codec=\"" + GstVideoBackend::codecName(stream.codec()) + "\"} " +
-              std::to_string(valueOf(stream)) + "\n";
-    }
-  };
-  using Stream = HttpStream;
-  whole("media_station_camera_frames_total", "counter", "Frames that the camera gave.",
-        camera_.frames());
-  whole("media_station_connections", "gauge", "Open connections.", listener_.connections());
-  each("media_station_viewers", "gauge", "Clients that watch.",
-       [](const Stream& stream) { return stream.viewers(); });
-  each("media_station_encoded_frames_total", "counter", "Frames that came out of the encoder.",
-       [](const Stream& stream) { return stream.counts().pictures; });
-  each("media_station_encoded_bytes_total", "counter", "Bytes that came out of the encoder.",
-       [](const Stream& stream) { return stream.counts().bytes; });
-  each("media_station_skipped_frames_total", "counter", "Frames that clients were too slow for.",
-       [](const Stream& stream) { return stream.counts().skipped; });
-  each("media_station_oversized_frames_total", "counter", "Frames too large to be sent.",
-       [](const Stream& stream) { return stream.counts().oversized; });
-  return text;
 }
 
 }  // namespace station

@@ -10,7 +10,7 @@ namespace {
 using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 
-// An encoder outlasts its last viewer by so much: pages reload, players reconnect.
+// From the last reader to the encoder's stop: pages reload, players reconnect.
 constexpr std::chrono::seconds kLinger{3};
 constexpr std::chrono::seconds kMeasure{2};
 
@@ -36,17 +36,7 @@ const Format& formatOf(Codec codec) {
   throw StationError(ExitCode::Internal, "a codec without a format");
 }
 
-std::string describe(const GstVideoBackend& backend, const GstVideoBackend::EncoderConfig& config) {
-  const std::string encoder = backend.httpEncoderChain(config);
-  if (encoder.empty()) {
-    throw StationError(ExitCode::CodecNotUsable, std::string("codec not usable for HTTP on ") +
-                                                     backend.name() + ": " +
-                                                     GstVideoBackend::codecName(config.codec));
-  }
-  return CameraFeed::kElement + backend.httpUploadChain(nullptr) + encoder;
-}
-
-// Viewers join at any key frame, so each has to bring its parameter sets along.
+// Readers start at any key frame, so each has to carry its parameter sets.
 void repeatParameterSets(GstElement* bin) {
   g_autoptr(GstIterator) elements = gst_bin_iterate_elements(GST_BIN(bin));
   gst_iterator_foreach(
@@ -65,13 +55,14 @@ void repeatParameterSets(GstElement* bin) {
 
 HttpStream::HttpStream(const GstVideoBackend& backend, LiveCamera& camera,
                        const GstVideoBackend::EncoderConfig& config,
-                       std::function<void()> onPicture)
+                       std::function<void()> onAccessUnit, OnFailure onFailure)
     : backend_(backend),
       camera_(camera),
       codec_(config.codec),
-      description_(describe(backend, config)),
-      onPicture_(std::move(onPicture)),
-      ring_(config.codec == Codec::Mjpeg) {}
+      description_(requireDescription(backend, Use::Http, {config})),
+      onAccessUnit_(std::move(onAccessUnit)),
+      onFailure_(std::move(onFailure)),
+      buffer_(config.codec == Codec::Mjpeg) {}
 
 std::string HttpStream::path() const {
   return formatOf(codec_).path;
@@ -81,16 +72,21 @@ const char* HttpStream::contentType() const {
   return formatOf(codec_).contentType;
 }
 
-void HttpStream::addViewer() {
+void HttpStream::addReader() {
+  lingering_.reset();
   if (pipeline_ == nullptr) {
     start();
   }
-  ++viewers_;
+  ++readers_;
 }
 
-void HttpStream::removeViewer() {
-  --viewers_;
-  lastWatched_ = Clock::now();
+void HttpStream::removeReader() {
+  if (--readers_ == 0) {
+    lingering_.emplace(kLinger, [this] {
+      stop();
+      return false;
+    });
+  }
 }
 
 void HttpStream::start() {
@@ -100,16 +96,35 @@ void HttpStream::start() {
                    this);
   feed_ = std::make_unique<CameraFeed>(backend_, camera_, pipeline.get());
   pipeline_ = std::move(pipeline);
-  gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);  // a failure shows on the bus
+  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+  gst_bus_add_watch(bus.get(), onMessage, this);
+  gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);  // the bus reports a failure
   measuredAt_ = Clock::now();
   measured_ = counts();
+  measuring_.emplace(kMeasure, [this] {
+    measure();
+    return true;
+  });
 }
 
 void HttpStream::stop() {
+  if (pipeline_ == nullptr) {
+    return;
+  }
+  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+  gst_bus_remove_watch(bus.get());
   feed_.reset();
   pipeline_.reset();
-  ring_.clear();
+  buffer_.clear();
+  measuring_.reset();
   rates_ = {};
+}
+
+gboolean HttpStream::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    static_cast<HttpStream*>(self)->onFailure_(BusError::parse(message).as());
+  }
+  return G_SOURCE_CONTINUE;
 }
 
 GstFlowReturn HttpStream::onSample(GstElement* sink, gpointer self) {
@@ -120,45 +135,22 @@ GstFlowReturn HttpStream::onSample(GstElement* sink, gpointer self) {
   if (buffer == nullptr || !gst_buffer_map(buffer, &map, GST_MAP_READ)) {
     return GST_FLOW_OK;
   }
-  // Copied: an encoder may have few buffers, which no viewer shall keep from it.
-  const bool kept = stream->ring_.add(map.data, map.size,
-                                      !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
-  ++stream->pictures_;
+  // Copied, as readers must not exhaust the encoder's buffer pool.
+  const bool kept = stream->buffer_.add(
+      map.data, map.size, !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
+  ++stream->accessUnits_;
   stream->bytes_ += map.size;
   stream->oversized_ += kept ? 0 : 1;
   gst_buffer_unmap(buffer, &map);
-  stream->onPicture_();
+  stream->onAccessUnit_();
   return GST_FLOW_OK;
-}
-
-void HttpStream::tick() {
-  if (pipeline_ == nullptr) {
-    return;
-  }
-  checkBus();
-  if (viewers_ == 0 && Clock::now() - lastWatched_ > kLinger) {
-    stop();
-  } else {
-    measure();
-  }
-}
-
-void HttpStream::checkBus() {
-  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
-  g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus.get(), GST_MESSAGE_ERROR);
-  if (message != nullptr) {
-    throw pipelineError(message);
-  }
 }
 
 void HttpStream::measure() {
   const Clock::time_point now = Clock::now();
   const double seconds = std::chrono::duration<double>(now - measuredAt_).count();
-  if (now - measuredAt_ < kMeasure) {
-    return;
-  }
   const Counts current = counts();
-  rates_ = {static_cast<double>(current.pictures - measured_.pictures) / seconds,
+  rates_ = {static_cast<double>(current.accessUnits - measured_.accessUnits) / seconds,
             static_cast<double>(current.bytes - measured_.bytes) * 8 / seconds};
   measured_ = current;
   measuredAt_ = now;

@@ -2,11 +2,12 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace station {
 namespace {
 
-constexpr gint64 kSnapshotTimeout = 5000000;  // microseconds
+constexpr std::chrono::seconds kSnapshotTimeout{5};
 
 struct BytesUnref {
   void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
@@ -15,22 +16,31 @@ using BytesPtr = std::unique_ptr<GBytes, BytesUnref>;
 
 }  // namespace
 
-HttpViewer::HttpViewer(SoupServerMessage* message, HttpStream& stream, Kind kind)
-    : message_(SOUP_SERVER_MESSAGE(g_object_ref(message))), stream_(stream), kind_(kind) {
-  stream_.addViewer();
+StreamResponse::StreamResponse(SoupServerMessage* message, HttpStream& stream, Kind kind,
+                               std::function<void()> onWritten)
+    : message_(SOUP_SERVER_MESSAGE(g_object_ref(message))),
+      stream_(stream),
+      kind_(kind),
+      onWritten_(std::move(onWritten)) {
+  stream_.addReader();
   if (kind_ == Kind::Stream) {
     beginStream();
+  } else {
+    timeout_.emplace(kSnapshotTimeout, [this] {
+      refuseSnapshot();
+      return false;
+    });
   }
   soup_server_message_pause(message_.get());
-  pump();
+  write();
 }
 
-HttpViewer::~HttpViewer() {
+StreamResponse::~StreamResponse() {
   g_signal_handlers_disconnect_by_data(message_.get(), this);
-  stream_.removeViewer();
+  stream_.removeReader();
 }
 
-void HttpViewer::beginStream() {
+void StreamResponse::beginStream() {
   soup_server_message_set_status(message_.get(), SOUP_STATUS_OK, nullptr);
   SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message_.get());
   soup_message_headers_set_content_type(headers, stream_.contentType(), nullptr);
@@ -40,66 +50,67 @@ void HttpViewer::beginStream() {
   g_signal_connect(message_.get(), "wrote-chunk", G_CALLBACK(onWritten), this);
 }
 
-void HttpViewer::pump() {
+void StreamResponse::write() {
   if (unwritten_ > 0 || answered_) {
     return;
   }
   const std::uint64_t skipped = cursor_.skipped;
-  const BytesPtr picture(stream_.ring().read(cursor_));
+  const BytesPtr accessUnit(stream_.buffer().read(cursor_));
   stream_.addSkipped(cursor_.skipped - skipped);
-  if (picture == nullptr) {
+  if (accessUnit == nullptr) {
     return;
   }
   if (kind_ == Kind::Snapshot) {
-    answerSnapshot(picture.get());
+    answerSnapshot(accessUnit.get());
   } else if (stream_.codec() == HttpStream::Codec::Mjpeg) {
-    appendPart(picture.get());
+    appendPart(accessUnit.get());
   } else {
-    append(picture.get());
+    append(accessUnit.get());
   }
   soup_server_message_unpause(message_.get());
 }
 
-void HttpViewer::append(GBytes* bytes) {
+void StreamResponse::append(GBytes* bytes) {
   soup_message_body_append_bytes(soup_server_message_get_response_body(message_.get()), bytes);
   ++unwritten_;
 }
 
-// A picture ends with the boundary of the next part: browsers show a part only when it has ended.
-void HttpViewer::appendPart(GBytes* picture) {
+// Appends the next part's boundary, too: browsers show a part only when it is complete.
+void StreamResponse::appendPart(GBytes* image) {
   const std::string head =
       std::string(begun_ ? "" : "--picture\r\n") +
-      "Content-Type: image/jpeg\r\nContent-Length: " + std::to_string(g_bytes_get_size(picture)) +
+      "Content-Type: image/jpeg\r\nContent-Length: " + std::to_string(g_bytes_get_size(image)) +
       "\r\n\r\n";
   begun_ = true;
   const BytesPtr before(g_bytes_new(head.data(), head.size()));
   append(before.get());
-  append(picture);
+  append(image);
   static constexpr char kBoundary[] = "\r\n--picture\r\n";
   const BytesPtr after(g_bytes_new_static(kBoundary, sizeof(kBoundary) - 1));
   append(after.get());
 }
 
-void HttpViewer::answerSnapshot(GBytes* picture) {
+void StreamResponse::answerSnapshot(GBytes* image) {
   gsize size = 0;
-  const auto* const data = static_cast<const char*>(g_bytes_get_data(picture, &size));
+  const auto* const data = static_cast<const char*>(g_bytes_get_data(image, &size));
   soup_server_message_set_status(message_.get(), SOUP_STATUS_OK, nullptr);
   soup_server_message_set_response(message_.get(), "image/jpeg", SOUP_MEMORY_COPY, data, size);
   answered_ = true;
 }
 
-void HttpViewer::tick() {
-  if (kind_ == Kind::Snapshot && !answered_ && g_get_monotonic_time() - begin_ > kSnapshotTimeout) {
+void StreamResponse::refuseSnapshot() {
+  if (!answered_) {
     soup_server_message_set_status(message_.get(), SOUP_STATUS_SERVICE_UNAVAILABLE, nullptr);
     answered_ = true;
     soup_server_message_unpause(message_.get());
   }
 }
 
-void HttpViewer::onWritten(SoupServerMessage* /*message*/, gpointer self) {
-  auto* const viewer = static_cast<HttpViewer*>(self);
-  --viewer->unwritten_;
-  viewer->pump();
+void StreamResponse::onWritten(SoupServerMessage* /*message*/, gpointer self) {
+  auto* const response = static_cast<StreamResponse*>(self);
+  response->onWritten_();
+  --response->unwritten_;
+  response->write();
 }
 
 }  // namespace station

@@ -1,47 +1,51 @@
 #pragma once
 
+#include <functional>
+#include <optional>
+
 #include <libsoup/soup.h>
 
-#include "base/GstPtr.h"
+#include "base/Handles.h"
 #include "http/Stream.h"
+#include "serve/Timer.h"
 
 namespace station {
 
-// A request that takes pictures of a stream, counted among its viewers while it lives. Holds at
-// most one picture at a time; the rest waits in the stream's ring, or passes.
+// The response to a request for a stream, one of the stream's readers while it lives. Holds at most
+// one access unit; the others wait in the stream's buffer, or are skipped.
 //
-// Threads: one.
-class HttpViewer {
+// Threads: the main context's.
+class StreamResponse {
  public:
   enum class Kind { Stream, Snapshot };
 
-  // Answers `message`; throws StationError (Pipeline) if the stream does not start.
-  HttpViewer(SoupServerMessage* message, HttpStream& stream, Kind kind);
-  ~HttpViewer();
-  HttpViewer(const HttpViewer&) = delete;
-  HttpViewer& operator=(const HttpViewer&) = delete;
+  // Answers `message`, and calls `onWritten` after each chunk that was written. Throws StationError
+  // (Pipeline) if the stream does not start.
+  StreamResponse(SoupServerMessage* message, HttpStream& stream, Kind kind,
+                 std::function<void()> onWritten);
+  ~StreamResponse();
+  StreamResponse(const StreamResponse&) = delete;
+  StreamResponse& operator=(const StreamResponse&) = delete;
 
-  const HttpStream& stream() const { return stream_; }
-  Kind kind() const { return kind_; }
-  bool isAnsweredBy(const SoupServerMessage* message) const { return message_.get() == message; }
+  bool isFor(const SoupServerMessage* message) const { return message_.get() == message; }
 
-  // Sends the next picture if there is one and the last has gone.
-  void pump();
-  // A snapshot that has waited too long is answered with an error.
-  void tick();
+  // Writes the next access unit if there is one and the last has been written.
+  void write();
 
  private:
   void beginStream();
   void append(GBytes* bytes);
-  void appendPart(GBytes* picture);
-  void answerSnapshot(GBytes* picture);
+  void appendPart(GBytes* image);
+  void answerSnapshot(GBytes* image);
+  void refuseSnapshot();
   static void onWritten(SoupServerMessage* message, gpointer self);
 
   const GstPtr<SoupServerMessage> message_;
   HttpStream& stream_;
   const Kind kind_;
-  const gint64 begin_ = g_get_monotonic_time();
-  PictureRing::Cursor cursor_;
+  const std::function<void()> onWritten_;
+  std::optional<Timer> timeout_;  // of a snapshot
+  AccessUnitBuffer::Cursor cursor_;
   unsigned int unwritten_ = 0;  // chunks
   bool begun_ = false;
   bool answered_ = false;

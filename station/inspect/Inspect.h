@@ -2,22 +2,24 @@
 
 #include <string>
 
-#include <media_backend/GstVideoBackend.h>
+#include "base/Command.h"
+#include "base/Pipelines.h"
 
 namespace station {
 
-struct InspectOptions {
-  media_backend::GstVideoBackend::EncoderConfig encoder;
-  unsigned int segmentSeconds = 60;
-  bool klv = false;
-  unsigned int mtu = 1400;  // bytes, of RTP packets
-  bool json = false;
-  std::string graph;  // SVG file for a drawing of the recorder's pipeline; empty for none
-};
-
 // The command "inspect": prints the profile, the usable codecs, the descriptions that the library
-// writes for this encoder configuration, and the elements that were looked for. Throws
-// StationError (NoPlatform, after printing) if there is no platform.
-void inspect(const media_backend::GstVideoBackend& backend, const InspectOptions& options);
+// writes for an encoder configuration, and the elements that were looked for. Throws StationError
+// (NoPlatform) after printing if there is no platform.
+class Inspect : public Command {
+ public:
+  CLI::App& addOptions(CLI::App& program) override;
+  void run() override;
+
+ private:
+  std::string board_;
+  DescriptionSettings settings_;
+  bool json_ = false;
+  std::string graph_;  // SVG file for a drawing of the recorder's pipeline; empty for none
+};
 
 }  // namespace station

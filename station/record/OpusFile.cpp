@@ -6,7 +6,7 @@
 #include <gst/gst.h>
 #include <opus.h>
 
-#include "base/GstPtr.h"
+#include "base/Pipelines.h"
 #include "base/StationError.h"
 
 namespace station {
@@ -20,36 +20,17 @@ constexpr int kRate = 48000;  // Hz
   throw StationError(ExitCode::Source, "audio file " + path + ": " + reason);
 }
 
-// Sets `tracksKnown` once every track of the file has been found.
+// Sets `tracksKnown` after the last track of the file has been found.
 PipelinePtr play(const std::string& path, std::atomic<bool>& tracksKnown) {
-  g_autoptr(GError) error = nullptr;
-  GstElement* const parsed = gst_parse_launch(
+  PipelinePtr pipeline = buildPipeline(
       "filesrc name=file ! parsebin name=tracks ! audio/x-opus ! appsink name=packets sync=false",
-      &error);
-  if (error != nullptr) {
-    fail(path, error->message);
-  }
-  PipelinePtr pipeline(GST_ELEMENT(gst_object_ref_sink(parsed)));
-  g_autoptr(GstElement) file = gst_bin_get_by_name(GST_BIN(parsed), "file");
-  g_object_set(file, "location", path.c_str(), nullptr);
-  g_autoptr(GstElement) tracks = gst_bin_get_by_name(GST_BIN(parsed), "tracks");
-  g_signal_connect_swapped(tracks, "no-more-pads",
+      "the reader of " + path);
+  g_object_set(findElement(pipeline.get(), "file").get(), "location", path.c_str(), nullptr);
+  g_signal_connect_swapped(findElement(pipeline.get(), "tracks").get(), "no-more-pads",
                            G_CALLBACK(+[](std::atomic<bool>* known) { *known = true; }),
                            &tracksKnown);
-  gst_element_set_state(parsed, GST_STATE_PLAYING);
+  gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
   return pipeline;
-}
-
-// What the pipeline says of why no packet comes.
-std::string reasonOf(GstElement* pipeline) {
-  g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
-  g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
-  if (message == nullptr) {
-    return {};
-  }
-  g_autoptr(GError) error = nullptr;
-  gst_message_parse_error(message, &error, nullptr);
-  return error->message;
 }
 
 void requireFormat(const std::string& path, GstCaps* caps) {
@@ -83,15 +64,18 @@ OpusPacket packetOf(const std::string& path, GstBuffer* buffer) {
 std::vector<OpusPacket> readOpusFile(const std::string& path) {
   std::atomic<bool> tracksKnown{false};
   const PipelinePtr pipeline = play(path, tracksKnown);
-  g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(pipeline.get()), "packets");
-  GstAppSink* const sink = GST_APP_SINK(element);
+  const GstPtr<GstElement> element = findElement(pipeline.get(), "packets");
+  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
+  GstAppSink* const sink = GST_APP_SINK(element.get());
   std::vector<OpusPacket> packets;
   std::string error;
   while (error.empty() && !gst_app_sink_is_eos(sink)) {
     const bool allTracksKnown = tracksKnown;
     g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(sink, kPoll);
     if (sample == nullptr) {
-      error = reasonOf(pipeline.get());
+      if (const std::optional<BusError> failure = BusError::take(bus.get())) {
+        error = failure->message;
+      }
       if (error.empty() && allTracksKnown && packets.empty()) {
         break;
       }

@@ -24,16 +24,15 @@ GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
   return buffer;
 }
 
-// Nothing without the source.
+// Does nothing without a source.
 void endStream(const GstPtr<GstElement>& source) {
   if (source != nullptr) {
     gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
   }
 }
 
-// A file sink collects 64 KiB before it writes: seconds of a low bit rate, which a station that is
-// killed would lose.
-void writeThrough(GstElement* segmentSink) {
+// A filesink buffers 64 KiB: seconds at a low bit rate, which are lost when the process is killed.
+void setUnbuffered(GstElement* segmentSink) {
   GstElement* const file = gst_element_factory_make("filesink", nullptr);
   if (file != nullptr) {
     gst_util_set_object_arg(G_OBJECT(file), "buffer-mode", "unbuffered");
@@ -45,9 +44,10 @@ void writeThrough(GstElement* segmentSink) {
 
 Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings)
     : backend_(backend), settings_(settings) {
-  const std::string description = backend.recorderPipeline(
-      settings.encoder, settings.segmentSeconds, settings.klv, settings.audio);
-  pipeline_ = buildPipeline(description, "the recorder");
+  prepareOutputFolder(settings.folder);
+  const DescriptionSettings description = {settings.encoder, settings.segmentSeconds, settings.klv,
+                                           settings.audio};
+  pipeline_ = buildPipeline(requireDescription(backend, Use::Record, description), "the recorder");
   bus_.reset(gst_element_get_bus(pipeline_.get()));
   video_ = findElement(pipeline_.get(), "mysrc");
   if (settings.klv) {
@@ -64,7 +64,7 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
                        /*squarePixels=*/true, settings.colorimetry);
   watchEncoder();
   segmentSink_ = findElement(pipeline_.get(), "sink");
-  writeThrough(segmentSink_.get());
+  setUnbuffered(segmentSink_.get());
   g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(onSegment), this);
 
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
@@ -72,8 +72,9 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   }
 }
 
-// A splitmuxsink that is stopped before its first group of pictures is complete may forget that it
-// is, and wait for ever. So a recorder that has failed first brings its streams to their end.
+// Workaround for splitmuxsink up to 1.22 at least: set to NULL before its first GOP is complete, a
+// streaming thread may wait in complete_or_wait_on_out() or check_completed_gop() for ever. EOS
+// first avoids that.
 Recorder::~Recorder() {
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;
@@ -81,14 +82,14 @@ Recorder::~Recorder() {
   endStream(video_);
   endStream(audio_);
   endStream(klv_);
-  if (!awaitEnd()) {  // an encoder that has failed keeps the end to itself
+  if (!waitForEos()) {  // an encoder that has failed does not forward EOS
     const GstPtr<GstPad> input(gst_element_get_static_pad(segmentSink_.get(), "video"));
     gst_pad_send_event(input.get(), gst_event_new_eos());
-    awaitEnd();
+    waitForEos();
   }
 }
 
-bool Recorder::awaitEnd() {
+bool Recorder::waitForEos() {
   g_autoptr(GstMessage) end = gst_bus_timed_pop_filtered(bus_.get(), kEndTimeout, GST_MESSAGE_EOS);
   return end != nullptr;
 }
@@ -104,7 +105,7 @@ void Recorder::watchEncoder() {
 GstPadProbeReturn Recorder::onEncoderInput(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer self) {
   auto* const recorder = static_cast<Recorder*>(self);
   const GstClockTime pts = GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info));
-  // Rounded, since the time stamp was cut to whole nanoseconds.
+  // Rounded, as the timestamp was truncated to nanoseconds.
   const std::uint64_t index = gst_util_uint64_scale_round(pts, recorder->settings_.fps, GST_SECOND);
   ++recorder->entered_;
   recorder->nextIndex_ = index + 1;
@@ -122,8 +123,8 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
                            gpointer self) {
   auto* const recorder = static_cast<Recorder*>(self);
   GstBuffer* const buffer = first != nullptr ? gst_sample_get_buffer(first) : nullptr;
-  // Encoders may shift time stamps; the running time is what counts from the first frame. A stream
-  // that ends without a frame makes a segment, too.
+  // Encoders may shift timestamps; the running time starts with the first frame. A stream that ends
+  // without a frame makes a segment, too.
   const GstClockTime elapsed =
       buffer != nullptr ? gst_segment_to_running_time(gst_sample_get_segment(first),
                                                       GST_FORMAT_TIME, GST_BUFFER_PTS(buffer))
@@ -147,19 +148,22 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
   }
   ++pushed_;
   end_ = index + 1;
-  pushTo(video_.get(), stamped(buffer, index));
+  setTimestamps(buffer, index);
+  pushTo(video_.get(), buffer);
   if (klv_ != nullptr) {
     waitingKlv_.push_back({index, klv});
     pushKlvBefore(nextIndex_);
   }
 }
 
-// The muxer does not take metadata that runs ahead of the video, and the queue in front of it
-// leaks: while an encoder falls behind, the packets wait here.
+// The muxer blocks metadata that is ahead of the video, and the queue upstream of it leaks: while
+// the encoder lags, packets wait here.
 void Recorder::pushKlvBefore(std::uint64_t index) {
   while (!waitingKlv_.empty() && waitingKlv_.front().index < index && hasRoomForKlv()) {
     const KlvPacket& packet = waitingKlv_.front();
-    pushTo(klv_.get(), stamped(copyOf(packet.bytes), packet.index));
+    GstBuffer* const buffer = copyOf(packet.bytes);
+    setTimestamps(buffer, packet.index);
+    pushTo(klv_.get(), buffer);
     waitingKlv_.pop_front();
   }
 }
@@ -174,12 +178,12 @@ bool Recorder::hasRoomForKlv() const {
   return inSource + inQueue + 2 < most;  // one may be between the two
 }
 
-// Pushes the rest of the metadata, behind the end of the video.
+// Pushes the remaining metadata, after the end of the video.
 void Recorder::drainKlv() {
   const auto deadline = std::chrono::steady_clock::now() + kDrainTimeout;
   pushKlvBefore(end_);
   while (!waitingKlv_.empty() && std::chrono::steady_clock::now() < deadline) {
-    check();
+    throwOnError();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
     pushKlvBefore(end_);
   }
@@ -192,13 +196,11 @@ void Recorder::pushAudio(const media_backend::EncodedAudioFrame& packet) {
   pushTo(audio_.get(), buffer);
 }
 
-// The same buffer with the times of frame number `index`.
-GstBuffer* Recorder::stamped(GstBuffer* buffer, std::uint64_t index) const {
+void Recorder::setTimestamps(GstBuffer* buffer, std::uint64_t index) const {
   const GstClockTime begin = gst_util_uint64_scale(index, GST_SECOND, settings_.fps);
   const GstClockTime end = gst_util_uint64_scale(index + 1, GST_SECOND, settings_.fps);
   GST_BUFFER_PTS(buffer) = begin;
   GST_BUFFER_DURATION(buffer) = end - begin;
-  return buffer;
 }
 
 // Takes the buffer.
@@ -208,42 +210,35 @@ void Recorder::pushTo(GstElement* source, GstBuffer* buffer) {
   }
 }
 
-void Recorder::awaitEncoder(std::chrono::milliseconds timeout) {
+void Recorder::waitForFirstFrame(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (encoded_ == 0 && std::chrono::steady_clock::now() < deadline) {
-    check();
+    throwOnError();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
 
-void Recorder::check() {
-  g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus_.get(), GST_MESSAGE_ERROR);
-  if (message != nullptr) {
-    throwError(message);
+void Recorder::throwOnError() {
+  if (const std::optional<BusError> error = BusError::take(bus_.get())) {
+    throwError(*error);
   }
 }
 
-// The pipeline has failed; its own words for it may take a moment to come.
+// The error message may reach the bus after push_buffer() has failed.
 void Recorder::waitForError() {
-  g_autoptr(GstMessage) message =
-      gst_bus_timed_pop_filtered(bus_.get(), kErrorTimeout, GST_MESSAGE_ERROR);
-  if (message != nullptr) {
-    throwError(message);
+  if (const std::optional<BusError> error = BusError::take(bus_.get(), kErrorTimeout)) {
+    throwError(*error);
   }
   throw StationError(ExitCode::Pipeline, "the recorder stopped without saying why");
 }
 
-void Recorder::throwError(GstMessage* message) const {
-  g_autoptr(GError) error = nullptr;
-  gst_message_parse_error(message, &error, nullptr);
-  if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT)) {
+void Recorder::throwError(const BusError& error) const {
+  if (error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT)) {
     throw StationError(ExitCode::DiskFull, "the disk of " + settings_.folder.string() + " is full");
   }
-  if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
-      g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE)) {
-    throw StationError(ExitCode::Output, pipelineError(message).what());
-  }
-  throw pipelineError(message);
+  const bool isOutput = error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
+                        error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
+  throw error.as(isOutput ? ExitCode::Output : ExitCode::Pipeline);
 }
 
 void Recorder::finish() {
@@ -259,10 +254,10 @@ void Recorder::finish() {
     throw StationError(ExitCode::Pipeline, "the recorder did not finish its last segment in time");
   }
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-    throwError(message);
+    throwError(BusError::parse(message));
   }
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
-  nextIndex_ = end_;  // what has not come out by now was dropped
+  nextIndex_ = end_;  // frames that have not reached the encoder by now were dropped
 }
 
 std::string Recorder::segmentName() const {
@@ -274,7 +269,7 @@ Recorder::Statistics Recorder::statistics() const {
   const std::uint64_t entered = entered_;
   const std::uint64_t next = nextIndex_;
   const std::lock_guard lock(mutex_);
-  const std::uint64_t given = entered + (end_ - pushed_);  // or left out by the camera
+  const std::uint64_t given = entered + (end_ - pushed_);  // or dropped by the camera
   return {pushed_, next > given ? next - given : 0, bytes_, segments_};
 }
 

@@ -16,7 +16,7 @@
 #include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "base/GstPtr.h"
+#include "base/Pipelines.h"
 
 namespace station {
 
@@ -41,12 +41,12 @@ class Recorder {
 
   struct Statistics {
     std::uint64_t pushed;    // frames
-    std::uint64_t dropped;   // frames that the encoder was too late for
+    std::uint64_t dropped;   // frames that the encoder was too slow for
     std::uint64_t bytes;     // of encoded video
     std::uint64_t segments;  // files begun
   };
 
-  // Builds the pipeline and sets it playing.
+  // Creates the folder, builds the pipeline and sets it playing.
   Recorder(const media_backend::GstVideoBackend& backend, const Settings& settings);
   ~Recorder();
   Recorder(const Recorder&) = delete;
@@ -55,22 +55,22 @@ class Recorder {
   // Time of the first frame by the wall clock; segment names count from it. Before the first push.
   void setStart(std::chrono::system_clock::time_point start) { start_ = start; }
 
-  // Hands over frame number `index`, from 0 and growing, and its KLV packet (ignored when recording
-  // without).
+  // Pushes frame number `index`, from 0 and growing, and its KLV packet, which is ignored when
+  // recording without KLV.
   void push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
             const std::vector<std::uint8_t>& klv);
 
-  // Hands over an Opus packet; only when recording with audio.
+  // Pushes an Opus packet; only when recording with audio.
   void pushAudio(const media_backend::EncodedAudioFrame& packet);
 
-  // Waits until a first encoded frame came out, `timeout` at most: an encoder that is still
-  // starting would miss frames of a camera that is already running.
-  void awaitEncoder(std::chrono::milliseconds timeout);
+  // Waits up to `timeout` for the encoder's first frame: an encoder that is still starting would
+  // drop the next ones.
+  void waitForFirstFrame(std::chrono::milliseconds timeout);
 
-  // Throws if the pipeline has reported an error.
-  void check();
+  // Throws if the bus has an error.
+  void throwOnError();
 
-  // Ends the last segment properly and stops the pipeline.
+  // Completes the last segment and stops the pipeline.
   void finish();
 
   // File name of the segment being written, empty before the first.
@@ -79,14 +79,14 @@ class Recorder {
 
  private:
   void watchEncoder();
-  GstBuffer* stamped(GstBuffer* buffer, std::uint64_t index) const;
+  void setTimestamps(GstBuffer* buffer, std::uint64_t index) const;
   void pushTo(GstElement* source, GstBuffer* buffer);
   void pushKlvBefore(std::uint64_t index);
   bool hasRoomForKlv() const;
   void drainKlv();
-  bool awaitEnd();
-  void waitForError();
-  [[noreturn]] void throwError(GstMessage* message) const;
+  bool waitForEos();
+  [[noreturn]] void waitForError();
+  [[noreturn]] void throwError(const BusError& error) const;
 
   static GstPadProbeReturn onEncoderInput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onEncoderOutput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
@@ -100,7 +100,7 @@ class Recorder {
     std::uint64_t index;  // of its frame
     std::vector<std::uint8_t> bytes;
   };
-  std::deque<KlvPacket> waitingKlv_;  // for their frames to reach the encoder
+  std::deque<KlvPacket> waitingKlv_;  // until their frames reach the encoder
 
   std::uint64_t pushed_ = 0;
   std::uint64_t end_ = 0;                    // one past the number of the last frame pushed
@@ -112,10 +112,10 @@ class Recorder {
   std::string segmentName_;  // of the newest
   std::uint64_t segments_ = 0;
 
-  PipelinePtr pipeline_;  // behind what its threads use
+  PipelinePtr pipeline_;  // after what its threads use
   GstPtr<GstElement> video_;
   GstPtr<GstElement> klv_;
-  GstPtr<GstElement> klvQueue_;  // behind klv_
+  GstPtr<GstElement> klvQueue_;  // downstream of klv_
   GstPtr<GstElement> audio_;
   GstPtr<GstElement> segmentSink_;
   GstPtr<GstBus> bus_;

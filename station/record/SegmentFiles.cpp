@@ -2,14 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <system_error>
 
 #include <glib/gstdio.h>
-#include <unistd.h>
 
 #include "base/StationError.h"
+#include "base/UniqueFd.h"
 
 namespace station {
 
@@ -25,11 +24,10 @@ void prepareOutputFolder(const std::filesystem::path& folder) {
     fail(error.value());
   }
   std::string probe = (folder / ".media-station-XXXXXX").string();
-  const int fd = g_mkstemp(probe.data());
-  if (fd < 0) {
+  const UniqueFd file(g_mkstemp(probe.data()));
+  if (file.get() < 0) {
     fail(errno);
   }
-  close(fd);
   g_unlink(probe.c_str());
 }
 
@@ -37,14 +35,11 @@ std::filesystem::path segmentPath(const std::filesystem::path& folder,
                                   std::chrono::system_clock::time_point start) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(start.time_since_epoch()).count();
-  const std::time_t seconds = milliseconds / 1000;
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char text[32];
-  const std::size_t length = std::strftime(text, sizeof(text), "%Y%m%dT%H%M%S", &utc);
+  g_autoptr(GDateTime) time = g_date_time_new_from_unix_utc(milliseconds / 1000);
+  g_autofree gchar* seconds = g_date_time_format(time, "%Y%m%dT%H%M%S");
   std::string fraction = std::to_string(1000 + milliseconds % 1000);
   fraction[0] = '.';
-  const std::string stem = std::string(text, length) + fraction + "Z";
+  const std::string stem = seconds + fraction + "Z";
 
   std::filesystem::path path = folder / (stem + ".ts");
   for (int i = 2; std::filesystem::exists(path); ++i) {

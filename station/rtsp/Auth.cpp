@@ -1,14 +1,14 @@
 #include "rtsp/Auth.h"
 
-#include "base/GstPtr.h"
+#include "base/Handles.h"
+#include "serve/Client.h"
 
 namespace station {
 namespace {
 
 constexpr const char* kRole = "viewer";
-constexpr const char* kEntry = "station-entry";
+constexpr const char* kEntry = "station-credentials";
 
-// Whom to let in, and as what.
 struct Entry {
   explicit Entry(const Credentials& wanted) : credentials(wanted) {}
   ~Entry() { gst_rtsp_token_unref(token); }
@@ -24,9 +24,10 @@ void dropEntry(gpointer entry) {
   delete static_cast<Entry*>(entry);
 }
 
-bool matchRequest(const Credentials& credentials, GstRTSPMessage* request) {
+bool matchRequest(const Credentials& credentials, const GstRTSPContext& context) {
   GstRTSPAuthCredential** const given =
-      gst_rtsp_message_parse_auth_credentials(request, GST_RTSP_HDR_AUTHORIZATION);
+      gst_rtsp_message_parse_auth_credentials(context.request, GST_RTSP_HDR_AUTHORIZATION);
+  const bool any = given != nullptr && *given != nullptr;
   bool matches = false;
   for (GstRTSPAuthCredential** item = given; item != nullptr && *item != nullptr; ++item) {
     matches =
@@ -34,17 +35,19 @@ bool matchRequest(const Credentials& credentials, GstRTSPMessage* request) {
                     credentials.matchBasic((*item)->authorization));
   }
   gst_rtsp_auth_credentials_free(given);
+  if (any && !matches) {
+    Client::refuse(gst_rtsp_connection_get_read_socket(context.conn), "wrong user or password");
+  }
   return matches;
 }
 
-// The library's own basic authentication looks passwords up in a hash table, in a time that tells
-// how much of one is right.
+// The library's own basic authentication compares in a time that depends on the password.
 gboolean authenticate(GstRTSPAuth* auth, GstRTSPContext* context) {
   if (context->token != nullptr) {
     return TRUE;
   }
   const auto* const entry = static_cast<const Entry*>(g_object_get_data(G_OBJECT(auth), kEntry));
-  if (matchRequest(entry->credentials, context->request)) {
+  if (matchRequest(entry->credentials, *context)) {
 #if GST_CHECK_VERSION(1, 22, 0)
     gst_rtsp_context_set_token(context, entry->token);
 #else

@@ -6,7 +6,7 @@
 
 namespace station {
 
-// Lets only clients with these credentials (basic authentication) near what `factory` makes.
+// Requires these credentials (basic authentication) for the media of `factory`. Logs refusals.
 void requirePassword(GstRTSPServer* server, GstRTSPMediaFactory* factory,
                      const Credentials& credentials);
 

@@ -4,20 +4,22 @@
 #include <utility>
 
 #include "rtsp/NullTcpTransport.h"
+#include "serve/Client.h"
 
 namespace station {
 namespace {
 
-constexpr const char* kKey = "station-client";
-constexpr std::chrono::seconds kSetup{15};   // that a client has to set up a session
-constexpr std::chrono::seconds kLeftOut{3};  // longer than a session takes to end
+constexpr const char* kKey = "station-client-timeouts";
+constexpr std::chrono::seconds kNoSession{15};
+constexpr std::chrono::seconds kStalled{3};  // longer than a session takes to end
 
-using TimePoint = std::chrono::steady_clock::time_point;
+using std::chrono::steady_clock;
 
-// Whether something has been so for that long; `since` remembers when it began.
-bool lasts(std::optional<TimePoint>& since, bool isSo, std::chrono::seconds duration) {
-  const TimePoint now = std::chrono::steady_clock::now();
-  if (!isSo) {
+// Whether `condition` has held for `duration`; `since` keeps when it began.
+bool lasts(std::optional<steady_clock::time_point>& since, bool condition,
+           std::chrono::seconds duration) {
+  const steady_clock::time_point now = steady_clock::now();
+  if (!condition) {
     since.reset();
   } else if (!since) {
     since = now;
@@ -32,67 +34,66 @@ bool hasSession(GstRTSPClient* client) {
   return any;
 }
 
-// Whether its stream goes without it; true for a moment while a viewer ends, too.
-bool isLeftOut(GstRTSPSessionMedia* viewer) {
-  GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(viewer, 0);
+// Whether the stream has dropped it; true for a moment during its TEARDOWN, too.
+bool isStalled(GstRTSPSessionMedia* media) {
+  GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(media, 0);
   GList* const served = gst_rtsp_stream_transport_filter(
       gst_rtsp_stream_transport_get_stream(transport), nullptr, nullptr);
-  const bool leftOut = g_list_find(served, transport) == nullptr;
+  const bool stalled = g_list_find(served, transport) == nullptr;
   g_list_free_full(served, g_object_unref);
-  return leftOut;
+  return stalled;
 }
 
-// Whether any viewer of a session that plays is left out. Their drains are adjusted.
-bool lookAtViewers(GstRTSPSession* session) {
-  GList* const viewers = gst_rtsp_session_filter(session, nullptr, nullptr);
-  bool leftOut = false;
-  for (const GList* item = viewers; item != nullptr; item = item->next) {
-    auto* const viewer = GST_RTSP_SESSION_MEDIA(item->data);
-    if (gst_rtsp_session_media_get_rtsp_state(viewer) == GST_RTSP_STATE_PLAYING) {
-      adjustDrain(viewer);
-      leftOut = leftOut || isLeftOut(viewer);
+// Whether any playing media of the session is stalled. Updates their null transports.
+bool checkMedia(GstRTSPSession* session) {
+  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
+  bool stalled = false;
+  for (const GList* item = all; item != nullptr; item = item->next) {
+    auto* const media = GST_RTSP_SESSION_MEDIA(item->data);
+    if (gst_rtsp_session_media_get_rtsp_state(media) == GST_RTSP_STATE_PLAYING) {
+      updateNullTransport(media);
+      stalled = stalled || isStalled(media);
     }
   }
-  g_list_free_full(viewers, g_object_unref);
-  return leftOut;
+  g_list_free_full(all, g_object_unref);
+  return stalled;
 }
 
 }  // namespace
 
-void RtspClient::follow(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool) {
-  auto* const self = new RtspClient(socket, pool);
+void ClientTimeouts::track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool) {
+  auto* const self = new ClientTimeouts(socket, pool);
   g_object_set_data_full(G_OBJECT(client), kKey, self,
-                         [](gpointer data) { delete static_cast<RtspClient*>(data); });
+                         [](gpointer data) { delete static_cast<ClientTimeouts*>(data); });
   g_signal_connect(client, "new-session", G_CALLBACK(onSession), self);
 }
 
-void RtspClient::look(GstRTSPClient* client) {
-  auto* const self = static_cast<RtspClient*>(g_object_get_data(G_OBJECT(client), kKey));
-  self->look(hasSession(client));
+void ClientTimeouts::check(GstRTSPClient* client) {
+  auto* const self = static_cast<ClientTimeouts*>(g_object_get_data(G_OBJECT(client), kKey));
+  self->check(hasSession(client));
 }
 
-RtspClient::RtspClient(GSocket* socket, GstRTSPSessionPool* pool)
+ClientTimeouts::ClientTimeouts(GSocket* socket, GstRTSPSessionPool* pool)
     : socket_(socket), pool_(GST_RTSP_SESSION_POOL(g_object_ref(pool))) {}
 
-RtspClient::~RtspClient() {
+ClientTimeouts::~ClientTimeouts() {
   for (const auto& session : sessions()) {
     gst_rtsp_session_pool_remove(pool_.get(), session.get());
   }
 }
 
-void RtspClient::onSession(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
-  auto* const client = static_cast<RtspClient*>(self);
+void ClientTimeouts::onSession(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer self) {
+  auto* const client = static_cast<ClientTimeouts*>(self);
   const std::lock_guard lock(client->mutex_);
   client->sessions_.push_back(std::make_unique<WeakReference>(session));
 }
 
-// Those that have not ended; forgets the others.
-std::vector<GstPtr<GstRTSPSession>> RtspClient::sessions() {
+// Those that still exist; forgets the others.
+std::vector<GstPtr<GstRTSPSession>> ClientTimeouts::sessions() {
   const std::lock_guard lock(mutex_);
   std::vector<GstPtr<GstRTSPSession>> sessions;
   const auto hasEnded = [&](const std::unique_ptr<WeakReference>& reference) {
-    GstPtr<GstRTSPSession> session(
-        static_cast<GstRTSPSession*>(WeakReference::get(reference.get())));
+    GstPtr<GstRTSPSession> session(static_cast<GstRTSPSession*>(reference->get()));
     const bool ended = session == nullptr;
     if (!ended) {
       sessions.push_back(std::move(session));
@@ -103,20 +104,24 @@ std::vector<GstPtr<GstRTSPSession>> RtspClient::sessions() {
   return sessions;
 }
 
-void RtspClient::look(bool hasSession) {
-  bool isLeftOut = false;
+void ClientTimeouts::check(bool hasSession) {
+  bool isStalled = false;
   for (const auto& session : sessions()) {
-    isLeftOut = lookAtViewers(session.get()) || isLeftOut;
+    isStalled = checkMedia(session.get()) || isStalled;
   }
-  const bool isLate = lasts(leftOut_, isLeftOut, kLeftOut);
-  if (!lasts(sessionless_, !hasSession, kSetup) && !isLate) {
-    return;
+  if (lasts(stalledSince_, isStalled, kStalled)) {
+    disconnect("it reads too slowly");
   }
-  // The library learns of it on its own thread; its connections must not be closed on another.
-  const GstPtr<GSocket> socket(static_cast<GSocket*>(WeakReference::get(&socket_)));
-  if (socket != nullptr) {
-    g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
+  if (lasts(noSessionSince_, !hasSession, kNoSession)) {
+    disconnect("no session for 15 s");
   }
+}
+
+// Shuts the socket down, which the library notices on its own thread: its connections must not be
+// closed on another.
+void ClientTimeouts::disconnect(const char* reason) const {
+  const GstPtr<GSocket> socket(static_cast<GSocket*>(socket_.get()));
+  Client::disconnect(socket.get(), reason);
 }
 
 }  // namespace station

@@ -8,41 +8,43 @@
 
 #include <gst/rtsp-server/rtsp-server.h>
 
-#include "base/GstPtr.h"
+#include "base/Handles.h"
 #include "base/WeakReference.h"
 
 namespace station {
 
-// What the server keeps of a client beside what the server library does: the sessions that the
-// client has begun, and when its connection has to end.
+// Tracks an RTSP client until it disconnects, and disconnects it when it is late. Its sessions are
+// removed with it: the server keeps them for 60 s otherwise, so clients that reconnect without
+// TEARDOWN would exhaust the session pool.
 //
-// Threads: look() on that of the default main context; the library's, one a client, does the rest.
-class RtspClient {
+// Threads: check() the main context's; the rest runs on the server library's thread of the client.
+class ClientTimeouts {
  public:
-  // Follows a client until it goes. `socket`: its connection's. The sessions that it begins end
-  // with it. The library ends their pipelines, but keeps them for a minute: of clients that come
-  // and go without TEARDOWN, soon as many as may be.
-  static void follow(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool);
+  static void track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool);
 
-  // To be called a few times a second. Ends the connection of a client
+  // To be called a few times a second. Disconnects a client
   // - that has had no session for 15 s,
-  // - whose stream has left it out for 3 s, as it does with one over TCP that is ten seconds late:
-  //   its player would wait for pictures that do not come.
-  static void look(GstRTSPClient* client);
+  // - that the stream has dropped for 3 s, as it does with one over TCP after a backlog of 10 s:
+  // its
+  //   player would wait for frames that do not come.
+  static void check(GstRTSPClient* client);
 
-  ~RtspClient();
-  RtspClient(const RtspClient&) = delete;
-  RtspClient& operator=(const RtspClient&) = delete;
+  ~ClientTimeouts();
+  ClientTimeouts(const ClientTimeouts&) = delete;
+  ClientTimeouts& operator=(const ClientTimeouts&) = delete;
 
  private:
-  RtspClient(GSocket* socket, GstRTSPSessionPool* pool);
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  ClientTimeouts(GSocket* socket, GstRTSPSessionPool* pool);
   static void onSession(GstRTSPClient* client, GstRTSPSession* session, gpointer self);
   std::vector<GstPtr<GstRTSPSession>> sessions();
-  void look(bool hasSession);
+  void check(bool hasSession);
+  void disconnect(const char* reason) const;
 
   WeakReference socket_;
   const GstPtr<GstRTSPSessionPool> pool_;
-  std::optional<std::chrono::steady_clock::time_point> sessionless_, leftOut_;  // since when
+  std::optional<TimePoint> noSessionSince_, stalledSince_;
   std::mutex mutex_;
   std::vector<std::unique_ptr<WeakReference>> sessions_;
 };

@@ -9,7 +9,7 @@ constexpr const char* kKey = "camera-feed";
 
 }  // namespace
 
-// What a pipeline holds of its feed.
+// Ends the feed of a media, whose data it is.
 class RtspFeeds::Key {
  public:
   Key(std::shared_ptr<RtspFeeds> feeds, GstRTSPMedia* media)

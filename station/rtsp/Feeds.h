@@ -12,8 +12,8 @@
 
 namespace station {
 
-// The feeds of the pipelines that are watched. Those come and go on threads of the server library,
-// which does not wait for them: the last ones may go when the camera has gone.
+// The feeds of the server library's media. Media begin and end on threads of the library, and the
+// last ones may end after the camera.
 //
 // Threads: any.
 class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
@@ -22,9 +22,9 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
   RtspFeeds(const media_backend::GstVideoBackend& backend, LiveCamera& camera)
       : backend_(backend), camera_(camera) {}
 
-  // Frames for this pipeline, until it stops; none after close().
+  // Feeds this media until it is unprepared; does nothing after close().
   void add(GstRTSPMedia* media);
-  // No more frames for any pipeline.
+  // Ends all feeds.
   void close();
 
  private:

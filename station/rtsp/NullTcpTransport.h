@@ -4,27 +4,27 @@
 
 namespace station {
 
-// A drain is a viewer over TCP that takes everything and throws it away, so that no other one over
-// TCP holds up those over UDP. It makes up for two things in the server library (1.22):
+// Workaround for rtsp-stream.c of the server library, up to 1.22 at least: with shared media, TCP
+// backpressure of one client stalls UDP clients.
 //
-// - While no viewer over TCP is ready for more, the library lets the pipeline wait, and with it
-//   everybody.
-// - Its sending thread serves one of the two kinds of packets that wait for it, RTP or RTCP, and
-//   then sleeps until something was sent over TCP or another packet comes. Without a viewer over
-//   TCP nothing is ever sent; and what comes next is RTCP, as RTP is held up. Nor does a viewer
-//   that goes wake it.
+// - on_message_sent() and the appsink callbacks hold the pipeline back while no TCP transport is
+//   ready for more.
+// - send_func() serves one of RTP and RTCP, then sleeps until a TCP transport reports message-sent
+// or
+//   another packet comes. Without a TCP transport nothing reports, and a transport that is removed
+//   does not wake it.
 //
-// While all viewers are over TCP, the drain is closed: a single one that is slow is better off with
-// fewer pictures than with pictures that are ever later.
+// A TCP transport that discards and acknowledges every packet keeps the stream running. It is
+// attached only while a UDP client plays: TCP clients alone are better off with fewer frames than
+// with a growing delay.
 //
 // Threads: any.
 
-// Gives a pipeline a drain, which is closed. Call it when the pipeline is configured.
-void addDrain(GstRTSPMedia* media);
+// Makes the null transport of a media, detached. Call it in media-configure.
+void addNullTransport(GstRTSPMedia* media);
 
-// Opens a pipeline's drain if somebody watches over UDP, and closes it otherwise. Call it with a
-// viewer of that pipeline, of which the caller has a reference, when one begins to play and every
-// now and then.
-void adjustDrain(GstRTSPSessionMedia* viewer);
+// Attaches the media's null transport if a UDP client plays, and detaches it otherwise. Call it
+// when a client begins to play and a few times a second; the caller holds a reference to `media`.
+void updateNullTransport(GstRTSPSessionMedia* media);
 
 }  // namespace station

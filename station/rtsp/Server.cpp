@@ -1,5 +1,6 @@
 #include "rtsp/Server.h"
 
+#include "base/Pipelines.h"
 #include "rtsp/Auth.h"
 #include "rtsp/ClientTimeouts.h"
 #include "rtsp/NullTcpTransport.h"
@@ -9,24 +10,13 @@ namespace {
 
 using media_backend::GstVideoBackend;
 
-// Longer than a session lives without its client's keep-alive, which the server library sees to.
+// Longer than a session lives without keep-alive.
 constexpr std::chrono::seconds kIdle{90};
+constexpr std::chrono::milliseconds kCheckInterval{250};
 constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
-// Below the ports that the kernel gives out by itself.
+// Below the kernel's ephemeral ports.
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
-
-// The station's source element, then the three chains.
-std::string describe(const GstVideoBackend& backend, const ServeOptions& options) {
-  const std::string encoder = backend.transportEncoderChain(options.encoder, "-1");
-  if (encoder.empty()) {
-    throw StationError(ExitCode::CodecNotUsable,
-                       std::string("codec not usable for RTSP on ") + backend.name() + ": " +
-                           GstVideoBackend::codecName(options.encoder.codec));
-  }
-  return std::string("( ") + CameraFeed::kElement + backend.inputConversionChain(nullptr) +
-         encoder + backend.rtspPayloaderChain(options.encoder.codec, options.mtu) + ")";
-}
 
 bool isPlaying(GstRTSPSession* session) {
   GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
@@ -39,7 +29,8 @@ bool isPlaying(GstRTSPSession* session) {
   return playing;
 }
 
-// The server library would change the transport while packets are sent by it, and end the process.
+// Workaround for gst-rtsp-server up to 1.22 at least: handle_setup_request() of rtsp-client.c
+// replaces the transport of a playing media while send_func() uses it, and an assertion fails.
 GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
   return context->session != nullptr && isPlaying(context->session)
              ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE
@@ -47,8 +38,8 @@ GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gp
 }
 
 void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
-  adjustDrain(context->sessmedia);
-  // Wakes the stream's sending thread: it may still wait for a viewer over TCP that has gone.
+  updateNullTransport(context->sessmedia);
+  // Wakes the stream's sending thread: it may still wait for a TCP client that has left.
   gst_rtsp_stream_transport_message_sent(
       gst_rtsp_session_media_get_transport(context->sessmedia, 0));
 }
@@ -57,7 +48,7 @@ using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
   (*static_cast<FeedsPtr*>(feeds))->add(media);
-  addDrain(media);
+  addNullTransport(media);
 }
 
 void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
@@ -74,20 +65,24 @@ GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*cli
 RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
                        const ServeOptions& options)
     : options_(options),
-      description_(describe(backend, options)),
+      description_(
+          "( " +
+          requireDescription(backend, Use::Rtsp, {options.encoder, 0, false, false, options.mtu}) +
+          ")"),
       feeds_(std::make_shared<RtspFeeds>(backend, camera)),
       server_(gst_rtsp_server_new()),
-      listener_(options.address, options.port, {options.maxClients, kIdle},
+      listener_(options.address, options.port, {options.maxClients, kIdle, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }) {
   gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
   gst_rtsp_session_pool_set_max_sessions(sessions.get(), options.maxClients);
-  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(onClient), this);
+  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(onClient), nullptr);
   addCamera();
 }
 
 RtspServer::~RtspServer() {
-  // Gives a list of the clients that removeClient() picks, which is none.
+  listener_.stop();
+  // Returns a list of the clients that removeClient() picks: none.
   g_list_free(gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr));
   feeds_->close();
 }
@@ -108,7 +103,7 @@ void RtspServer::addCamera() {
   gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it
 }
 
-// RTP over UDP leaves from the address that was asked for, too.
+// Sends RTP over UDP from the address that was asked for, too.
 void RtspServer::restrictPorts(GstRTSPMediaFactory* factory) const {
   g_autoptr(GInetAddress) address = g_inet_address_new_from_string(options_.address.c_str());
   if (g_inet_address_get_is_any(address)) {
@@ -127,26 +122,31 @@ void RtspServer::accept(GSocketConnection* connection) {
   }
   g_autofree gchar* address =
       g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(remote)));
-  accepting_ = g_socket_connection_get_socket(connection);
-  auto* const socket = G_SOCKET(g_object_ref(accepting_));
-  gst_rtsp_server_transfer_connection(server_.get(), socket, address,
-                                      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)),
-                                      nullptr);
+  gst_rtsp_server_transfer_connection(
+      server_.get(), G_SOCKET(g_object_ref(g_socket_connection_get_socket(connection))), address,
+      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)), nullptr);
+  if (!checking_ || !checking_->isActive()) {
+    checking_.emplace(kCheckInterval, [this] {
+      checkClients();
+      return listener_.connections() > 0;
+    });
+  }
 }
 
-void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer self) {
+void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*unused*/) {
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
-  RtspClient::follow(client, static_cast<RtspServer*>(self)->accepting_, sessions.get());
+  GstRTSPConnection* const connection = gst_rtsp_client_get_connection(client);
+  ClientTimeouts::track(client, gst_rtsp_connection_get_read_socket(connection), sessions.get());
   g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
   g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
 }
 
-void RtspServer::tick() {
+void RtspServer::checkClients() {
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
   gst_rtsp_session_pool_cleanup(sessions.get());
   GList* const clients = gst_rtsp_server_client_filter(server_.get(), nullptr, nullptr);
   for (const GList* item = clients; item != nullptr; item = item->next) {
-    RtspClient::look(GST_RTSP_CLIENT(item->data));
+    ClientTimeouts::check(GST_RTSP_CLIENT(item->data));
   }
   g_list_free_full(clients, g_object_unref);
 }

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -13,15 +11,16 @@
 #include "rtsp/Feeds.h"
 #include "serve/Listener.h"
 #include "serve/ServeOptions.h"
+#include "serve/Timer.h"
 
 namespace station {
 
-// A camera over RTSP: one pipeline for all who watch, which is there only while somebody does.
+// A camera over RTSP: one pipeline for all clients, which exists only while one of them plays.
 //
-// Threads: made, used and ended on that of the default main context.
+// Threads: the main context's.
 class RtspServer {
  public:
-  // Listens from now on; throws StationError (CodecNotUsable, and as Listener does).
+  // Begins to listen. Throws StationError (CodecNotUsable, and as Listener does).
   RtspServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
              const ServeOptions& options);
   ~RtspServer();
@@ -30,22 +29,20 @@ class RtspServer {
 
   const Listener& listener() const { return listener_; }
 
-  // To be called a few times a second: ends what is not kept alive, late or idle.
-  void tick();
-
  private:
   void addCamera();
   void restrictPorts(GstRTSPMediaFactory* factory) const;
   void accept(GSocketConnection* connection);
+  void checkClients();
 
-  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer self);
+  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer unused);
 
   const ServeOptions options_;
   const std::string description_;
   const std::shared_ptr<RtspFeeds> feeds_;
   const GstPtr<GstRTSPServer> server_;
-  GSocket* accepting_ = nullptr;  // of the client that the server library makes at the moment
   Listener listener_;
+  std::optional<Timer> checking_;  // active while there are clients
 };
 
 }  // namespace station

@@ -10,12 +10,12 @@
 namespace station {
 namespace {
 
-// What the kernel may hold for a client that does not read, before its own doubling.
+// Of the kernel, which doubles it, for a client that does not read.
 constexpr int kSendBufferBytes = 256 * 1024;
 constexpr int kBacklog = 128;
 constexpr unsigned int kOtherDescriptors = 128;  // of the process, beside connections
 
-// Without a descriptor left, GLib would try to accept what waits, and complain, without a pause.
+// Without a free descriptor, GLib retries accept(), and logs the failure, without a pause.
 void reserveDescriptors(unsigned int connections) {
   const rlim_t wanted = rlim_t{connections} + kOtherDescriptors;
   struct rlimit limit {};
@@ -32,15 +32,14 @@ void reserveDescriptors(unsigned int connections) {
   }
 }
 
-void dropCount(gpointer count) {
-  delete static_cast<std::shared_ptr<void>*>(count);
-}
-
 }  // namespace
 
 Listener::Listener(const std::string& address, std::uint16_t port, const Limits& limits,
                    Accept accept)
-    : limits_(limits), accept_(std::move(accept)), service_(g_socket_service_new()) {
+    : limits_(limits),
+      accept_(std::move(accept)),
+      clients_(std::shared_ptr<ClientSettings>(new ClientSettings{limits.quiet, limits.idle})),
+      service_(g_socket_service_new()) {
   reserveDescriptors(limits.connections);
   g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string(address.c_str(), port);
   if (wanted == nullptr) {
@@ -60,6 +59,11 @@ Listener::Listener(const std::string& address, std::uint16_t port, const Limits&
 }
 
 Listener::~Listener() {
+  stop();
+}
+
+void Listener::stop() {
+  clients_->stopping = true;
   g_socket_service_stop(service_.get());
   g_socket_listener_close(G_SOCKET_LISTENER(service_.get()));
 }
@@ -67,13 +71,16 @@ Listener::~Listener() {
 gboolean Listener::onIncoming(GSocketService* /*service*/, GSocketConnection* connection,
                               GObject* /*source*/, gpointer self) {
   auto* const listener = static_cast<Listener*>(self);
+  GSocket* const socket = g_socket_connection_get_socket(connection);
   if (listener->connections() >= listener->limits_.connections) {
+    if (!listener->limits_.quiet) {
+      Client::logRefusal(
+          socket, "there are " + std::to_string(listener->connections()) + " connections already");
+    }
     g_io_stream_close(G_IO_STREAM(connection), nullptr, nullptr);
     return TRUE;
   }
-  GSocket* const socket = g_socket_connection_get_socket(connection);
-  g_object_set_data_full(G_OBJECT(socket), "connection-count",
-                         new std::shared_ptr<void>(listener->connectionCount_), dropCount);
+  Client::attach(socket, listener->clients_);
   g_socket_set_timeout(socket, static_cast<guint>(listener->limits_.idle.count()));
   g_socket_set_keepalive(socket, TRUE);
   g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes, nullptr);
@@ -94,7 +101,7 @@ bool Listener::isLoopback() const {
 }
 
 unsigned int Listener::connections() const {
-  return static_cast<unsigned int>(connectionCount_.use_count() - 1);
+  return static_cast<unsigned int>(clients_.use_count() - 1);
 }
 
 }  // namespace station

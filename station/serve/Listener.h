@@ -8,25 +8,29 @@
 
 #include <gio/gio.h>
 
+#include "base/Handles.h"
+#include "serve/Client.h"
+
 namespace station {
 
-// Accepts TCP connections for a server, and no more of them than it may have at once: further ones
-// are closed as they come. Works on the default main context.
+// Accepts TCP connections for a server on the default main context, and closes those beyond its
+// limit. Logs its clients.
 //
-// Threads: that of the main context; connections() any.
+// Threads: the main context's; connections() any.
 class Listener {
  public:
   struct Limits {
     unsigned int connections;   // at once
-    std::chrono::seconds idle;  // without a byte read or written while one is waited for
+    std::chrono::seconds idle;  // of a socket that waits to read or write
+    bool quiet;                 // no log of clients
   };
   // Takes a connection whose socket has the limits set.
   using Accept = std::function<void(GSocketConnection* connection)>;
 
   // Listens on a numeric address, on any free port if `port` is 0. Raises the process's limit of
   // open files if it is too low for the connections. Throws StationError: Usage for something that
-  // is not an address or more connections than the system allows, Output for an address that
-  // cannot be had.
+  // is not an address or more connections than the system allows, Output for an address that is
+  // taken or not this machine's.
   Listener(const std::string& address, std::uint16_t port, const Limits& limits, Accept accept);
   ~Listener();
   Listener(const Listener&) = delete;
@@ -36,21 +40,18 @@ class Listener {
   std::string authority() const;
   bool isLoopback() const;
   unsigned int connections() const;
+  // Accepts no more. Clients that end from now on are logged as disconnected.
+  void stop();
 
  private:
-  struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-  };
-
   static gboolean onIncoming(GSocketService* service, GSocketConnection* connection,
                              GObject* source, gpointer self);
 
   const Limits limits_;
   const Accept accept_;
-  // Every socket holds a copy, so that its uses count the connections wherever they end.
-  const std::shared_ptr<void> connectionCount_ = std::make_shared<char>();
-  std::unique_ptr<GSocketService, Unref> service_;
-  std::unique_ptr<GInetSocketAddress, Unref> address_;
+  const std::shared_ptr<ClientSettings> clients_;
+  const GstPtr<GSocketService> service_;
+  GstPtr<GInetSocketAddress> address_;
 };
 
 }  // namespace station

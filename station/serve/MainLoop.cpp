@@ -1,64 +1,51 @@
 #include "serve/MainLoop.h"
 
+#include <csignal>
 #include <cstdio>
 
+#include <glib-unix.h>
+
+#include "base/StopSignal.h"
+
 namespace station {
-namespace {
 
-using media_backend::GstVideoBackend;
-
-constexpr guint kTickMilliseconds = 100;
-
-}  // namespace
-
-void ServerLoop::run() {
-  const StopSignal stop;
-  stop_ = &stop;
-  const guint timer = g_timeout_add(kTickMilliseconds, onTick, this);
+void MainLoop::run(const LiveCamera& camera, bool quiet) {
+  camera_ = &camera;
+  quiet_ = quiet;
+  const guint interrupt = g_unix_signal_add(SIGINT, onSignal, this);
+  const guint terminate = g_unix_signal_add(SIGTERM, onSignal, this);
+  cameraChanged();  // it may have failed before
   g_main_loop_run(loop_);
-  g_source_remove(timer);
+  g_source_remove(interrupt);
+  g_source_remove(terminate);
+  exitOnSignal();
+  camera_ = nullptr;
   if (failure_) {
     throw StationError(*failure_);
   }
 }
 
-gboolean ServerLoop::onTick(gpointer self) {
-  static_cast<ServerLoop*>(self)->look();
+void MainLoop::fail(const StationError& error) {
+  failure_ = error;
+  g_main_loop_quit(loop_);
+}
+
+gboolean MainLoop::onSignal(gpointer self) {
+  g_main_loop_quit(static_cast<MainLoop*>(self)->loop_);
   return G_SOURCE_CONTINUE;
 }
 
-void ServerLoop::look() {
-  try {
-    tick_();
-    failure_ = camera_.failure();
-  } catch (const StationError& error) {
-    failure_ = error;
+void MainLoop::checkCamera() {
+  if (camera_ == nullptr) {
+    return;
   }
-  reportCamera();
-  if (failure_ || stop_->requested()) {
-    g_main_loop_quit(loop_);
-  }
-}
-
-void ServerLoop::reportCamera() {
-  const bool running = camera_.isRunning();
-  if (running != wasRunning_) {
+  const bool running = camera_->isRunning();
+  if (running != wasRunning_ && !quiet_) {
     std::fprintf(stderr, running ? "camera runs\n" : "camera sleeps\n");
-    wasRunning_ = running;
   }
-}
-
-void announce(const char* scheme, const Listener& listener, const std::string& path,
-              const GstVideoBackend& backend, const ServeOptions& options,
-              const CameraOptions& camera) {
-  std::printf("serving %s://%s%s  %s %u x %u, %u frames per second, %s\n", scheme,
-              listener.authority().c_str(), path.c_str(),
-              GstVideoBackend::codecName(options.encoder.codec), camera.width, camera.height,
-              camera.fps, backend.name());
-  std::fflush(stdout);
-  if (!listener.isLoopback() && !options.credentials) {
-    std::fprintf(stderr,
-                 "note: whoever reaches this address can watch; --auth asks for a password\n");
+  wasRunning_ = running;
+  if (const std::optional<StationError> failure = camera_->failure()) {
+    fail(*failure);
   }
 }
 

@@ -1,47 +1,42 @@
 #pragma once
 
-#include <functional>
 #include <optional>
-#include <string>
 
 #include <glib.h>
-#include <media_backend/GstVideoBackend.h>
 
 #include "base/StationError.h"
-#include "base/StopSignal.h"
 #include "camera/LiveCamera.h"
-#include "serve/Listener.h"
-#include "serve/ServeOptions.h"
+#include "serve/WakeUp.h"
 
 namespace station {
 
-// Runs the main loop until Ctrl-C or a failure, with a look at the server ten times a second.
-class ServerLoop {
+// The default main context's loop, until Ctrl-C or a failure.
+//
+// Threads: the main context's; cameraChanged() any.
+class MainLoop {
  public:
-  ServerLoop(const LiveCamera& camera, std::function<void()> tick)
-      : camera_(camera), tick_(std::move(tick)) {}
-  ~ServerLoop() { g_main_loop_unref(loop_); }
-  ServerLoop(const ServerLoop&) = delete;
-  ServerLoop& operator=(const ServerLoop&) = delete;
+  MainLoop() = default;
+  ~MainLoop() { g_main_loop_unref(loop_); }
+  MainLoop(const MainLoop&) = delete;
+  MainLoop& operator=(const MainLoop&) = delete;
 
-  void run();
+  // Returns after Ctrl-C or SIGTERM; a second signal ends the process with exit code 130. Throws
+  // the failure of the camera or of fail(). Logs when the camera starts and stops, unless `quiet`.
+  void run(const LiveCamera& camera, bool quiet);
+
+  void cameraChanged() { wakeUp_.signal(); }
+  void fail(const StationError& error);
 
  private:
-  static gboolean onTick(gpointer self);
-  void look();
-  void reportCamera();
+  void checkCamera();
+  static gboolean onSignal(gpointer self);
 
   GMainLoop* const loop_ = g_main_loop_new(nullptr, FALSE);
-  const LiveCamera& camera_;
-  const std::function<void()> tick_;
-  const StopSignal* stop_ = nullptr;
+  WakeUp wakeUp_{[this] { checkCamera(); }};
+  const LiveCamera* camera_ = nullptr;  // while run() runs
+  bool quiet_ = false;
   bool wasRunning_ = false;
   std::optional<StationError> failure_;
 };
-
-// Says what is served. `path`: of the URL, after the authority.
-void announce(const char* scheme, const Listener& listener, const std::string& path,
-              const media_backend::GstVideoBackend& backend, const ServeOptions& options,
-              const CameraOptions& camera);
 
 }  // namespace station

@@ -6,8 +6,12 @@
 
 #include <media_backend/GstVideoBackend.h>
 
-#include "camera/Camera.h"
+#include "camera/CameraOptions.h"
 #include "serve/Credentials.h"
+
+namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
+class App;
+}
 
 namespace station {
 
@@ -18,9 +22,12 @@ struct ServeOptions {
   std::uint16_t port = 0;             // 0: any free one
   std::optional<Credentials> credentials;
   unsigned int maxClients = 32;
+  bool quiet = false;  // no log of clients and camera
   // RTSP only
   std::string path = "/camera";
   unsigned int mtu = 1400;  // bytes of an RTP packet
+
+  void addTo(CLI::App& command);
 };
 
 }  // namespace station

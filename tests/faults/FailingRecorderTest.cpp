@@ -87,7 +87,7 @@ TEST(FailingRecorder, SaysSoAndLetsEveryFrameGo) {
           auto frame = lumora::ExportedFrame::fromPicture(*picture);
           frames.emplace_back(frame);
           recorder.push(std::move(frame), n, {1, 2, 3, 4});
-          recorder.check();
+          recorder.throwOnError();
           std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         recorder.finish();

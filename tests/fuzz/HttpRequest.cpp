@@ -12,7 +12,7 @@
 namespace {
 
 struct Server : StationFixture {
-  station::HttpServer http{backend, *camera, options};
+  station::HttpServer http{backend, *camera, options, [](const station::StationError&) {}};
   const std::uint16_t port = [this] {
     const std::string authority = http.listener().authority();
     return static_cast<std::uint16_t>(std::stoi(authority.substr(authority.rfind(':') + 1)));
@@ -73,6 +73,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     checkAnswer(request, client.exchange(bytes, size));
   }
   awaitGone([] { return server().http.listener().connections(); });
-  server().http.tick();
   return 0;
 }

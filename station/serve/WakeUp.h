@@ -7,9 +7,9 @@
 
 namespace station {
 
-// Has the default main context call a function soon; signals before that call are one.
+// Calls a function on the default main context after signal(); signals before that call are one.
 //
-// Threads: made and ended on the main context's; signal() any.
+// Threads: the main context's; signal() any.
 class WakeUp {
  public:
   explicit WakeUp(std::function<void()> call) : call_(std::move(call)) {

@@ -4,15 +4,12 @@
 
 #include <gst/gst.h>
 
+#include "GstPtr.h"
+
 namespace station {
 
-struct GstUnref {
-  void operator()(gpointer object) const { gst_object_unref(object); }
-};
-
-// Owns one reference to a GStreamer object.
-template <typename Object>
-using GstPtr = std::unique_ptr<Object, GstUnref>;
+// Owns one reference to a GObject, for members; locals use g_autoptr.
+using media_backend::GstPtr;
 
 struct GstStopAndUnref {
   void operator()(GstElement* pipeline) const {
@@ -21,7 +18,7 @@ struct GstStopAndUnref {
   }
 };
 
-// Owns a pipeline, which stops before it goes.
+// Owns a pipeline and stops it before releasing it.
 using PipelinePtr = std::unique_ptr<GstElement, GstStopAndUnref>;
 
 }  // namespace station
