@@ -18,23 +18,16 @@ constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
 
-bool isPlaying(GstRTSPSession* session) {
-  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
-  bool playing = false;
-  for (const GList* item = all; item != nullptr; item = item->next) {
-    playing = playing || gst_rtsp_session_media_get_rtsp_state(
-                             GST_RTSP_SESSION_MEDIA(item->data)) == GST_RTSP_STATE_PLAYING;
-  }
-  g_list_free_full(all, g_object_unref);
-  return playing;
-}
-
-// Workaround for gst-rtsp-server up to 1.22 at least: handle_setup_request() of rtsp-client.c
-// replaces the transport of a playing media while send_func() uses it, and an assertion fails.
+// Workaround for rtsp-client.c of gst-rtsp-server, up to 1.22 at least: a second SETUP in a session
+// replaces the stream's transport. send_func() may be using it, or the stream counts it for the
+// other protocol after a PLAY that failed; either way the process ends.
 GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
-  return context->session != nullptr && isPlaying(context->session)
-             ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE
-             : GST_RTSP_STS_OK;
+  GList* const all = context->session != nullptr
+                         ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
+                         : nullptr;
+  const bool isSetUp = all != nullptr;
+  g_list_free_full(all, g_object_unref);
+  return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
 void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
