@@ -7,6 +7,7 @@ _media_station() {
       *) break ;;
     esac
   done
+  [[ $previous != = ]] || previous=${COMP_WORDS[COMP_CWORD - 2]}
   case $previous in
     --board) word="nvidia imx" ;;
     --codec) word="h264 h265 av1 mjpeg" ;;
@@ -18,5 +19,6 @@ _media_station() {
       ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$word" -- "$current")
+  [[ ${#COMPREPLY[@]} -gt 0 ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
 }
-complete -o default -F _media_station media-station
+complete -o filenames -F _media_station media-station
