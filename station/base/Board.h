@@ -14,9 +14,9 @@ constexpr media_backend::GstVideoBackend::Codec kCodecs[] = {
 
 // How much depends on an element.
 enum class Need {
-  Always,    // recording takes it
-  OneOf,     // its platform takes one of the converters, and one of the encoders, marked so
-  Optional,  // only its codec or use does
+  Always,    // recording
+  OneOf,     // the platform, which takes one of its converters and one of its encoders
+  Optional,  // its codec or use alone
 };
 
 // An element that the library looks for, or that its descriptions contain, and whether this machine

@@ -4,9 +4,7 @@
 
 #include <media_backend/GstVideoBackend.h>
 
-namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
-class App;
-}
+#include "base/Command.h"
 
 namespace station {
 

@@ -19,7 +19,7 @@ constexpr Use kUses[] = {Use::Record, Use::Rtsp, Use::Http};
 
 struct DescriptionSettings {
   media_backend::GstVideoBackend::EncoderConfig encoder;
-  unsigned int segmentSeconds = 60;  // the rest of this line and the next: Record only
+  unsigned int segmentSeconds = 60;  // Record only, like the next two
   bool klv = false, audio = false;
   unsigned int mtu = 1400;  // Rtsp only: bytes of an RTP packet
 };
@@ -53,7 +53,7 @@ struct BusError {
   std::string detail;  // the element's own addition, often empty
 
   static BusError parse(GstMessage* message);
-  // Takes the next one from the bus, which may take up to `timeout`.
+  // The next one of the bus, after `timeout` at most.
   static std::optional<BusError> take(GstBus* bus, GstClockTime timeout = 0);
 
   bool is(GQuark otherDomain, int otherCode) const {

@@ -2,9 +2,7 @@
 
 #include <string>
 
-namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
-class App;
-}
+#include "base/Command.h"
 
 namespace station {
 

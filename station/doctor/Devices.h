@@ -21,7 +21,7 @@ struct Device {
 // The machine's nodes, sorted.
 std::vector<std::string> listDeviceNodes();
 
-// Opens the node. A broken driver can block the calling thread for ever.
+// Opens the node. A broken driver can block the calling thread indefinitely.
 Device describeDevice(const std::string& node);
 
 }  // namespace station

@@ -2,12 +2,9 @@
 
 #include <string>
 
+#include "base/Command.h"
 #include "record/AudioReceiver.h"
 #include "record/AudioTrack.h"
-
-namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
-class App;
-}
 
 namespace station {
 

@@ -17,7 +17,7 @@ Dropout parseDropout(const std::string& text) {
   double end = 0;
   int length = 0;
   const int fields = std::sscanf(text.c_str(), "%lf-%lf%n", &begin, &end, &length);
-  const bool isSpan = begin >= 0 && begin < end && end <= 1e9;  // not if one is no number
+  const bool isSpan = begin >= 0 && begin < end && end <= 1e9;  // false for NaN
   if (fields != 2 || static_cast<std::size_t>(length) != text.size() || !isSpan) {
     throw StationError(ExitCode::Usage, "a dropout is START-END in seconds, not " + text);
   }
@@ -68,7 +68,7 @@ void AudioReceiver::run(steady_clock::time_point start) {
   }
 }
 
-// False if the packet of that time is not to be delivered any more.
+// False after stopAt() with an earlier time.
 bool AudioReceiver::waitFor(nanoseconds time, steady_clock::time_point start) {
   std::unique_lock<std::mutex> lock(mutex_);
   return !stopping_.wait_until(lock, start + time, [this, time] { return time >= end_; });

@@ -13,7 +13,7 @@
 
 namespace station {
 
-// A stretch of time in which the source is silent, from the track's start.
+// A simulated loss of all packets, in time from the track's start.
 struct Dropout {
   std::chrono::nanoseconds begin;
   std::chrono::nanoseconds end;
@@ -22,8 +22,8 @@ struct Dropout {
 // "START-END" in seconds. Throws StationError (Usage).
 Dropout parseDropout(const std::string& text);
 
-// The packets of a file as a network source: a thread of its own delivers each to the track at its
-// time, but for those that get lost on the way. Falls silent at the file's end.
+// Simulates a network source: its thread delivers the packets of a file to the track at their
+// times, without those that are lost. Delivers nothing after the end of the file.
 class AudioReceiver {
  public:
   struct Settings {
@@ -32,14 +32,14 @@ class AudioReceiver {
     std::uint32_t seed = 1;
   };
 
-  // Delivers from now on; the first packet's time is `start`. `track` outlives the receiver.
+  // Begins to deliver; the first packet's time is `start`. `track` outlives the receiver.
   AudioReceiver(std::vector<OpusPacket> packets, const Settings& settings, AudioTrack& track,
                 std::chrono::steady_clock::time_point start);
   ~AudioReceiver() { stopAt({}); }
   AudioReceiver(const AudioReceiver&) = delete;
   AudioReceiver& operator=(const AudioReceiver&) = delete;
 
-  // Returns when the last packet before `end` has been delivered, from the first one's time.
+  // Returns after the last packet before `end`, counted from the first one's time, is delivered.
   void stopAt(std::chrono::nanoseconds end);
 
  private:

@@ -13,7 +13,7 @@ using media_backend::EncodedAudioFrame;
 constexpr std::uint64_t kStartNs = 1'000'000'000;
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
-// A "now" at which every watchdog has run out: for silence that is known and not only suspected.
+// A "now" at which every watchdog has expired, for known loss.
 constexpr AudioTrack::TimePoint kCertain = AudioTrack::TimePoint::max();
 
 std::uint64_t onTimeline(std::chrono::nanoseconds time) {
@@ -39,7 +39,7 @@ void AudioTrack::receive(EncodedAudioFrame packet, TimePoint now) {
     ++statistics_.late;
     return;
   }
-  // Whole frames only: the last one may end where the packet begins, not later.
+  // Whole frames only, the last of which ends before the packet.
   if (packet.ptsNs - endNs_ >= frameNs_) {
     fillLocked(packet.ptsNs - frameNs_, kCertain);
   }
@@ -74,8 +74,7 @@ AudioTrack::Statistics AudioTrack::statistics() const {
   return statistics_;
 }
 
-// Continues the track to the frame that spans `untilNs`, if it ends before and the guard finds it
-// silent.
+// Adds fallback frames up to the one that spans `untilNs`, if the watchdog has expired.
 void AudioTrack::fillLocked(std::uint64_t untilNs, TimePoint now) {
   if (untilNs < endNs_) {
     return;

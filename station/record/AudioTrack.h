@@ -9,13 +9,12 @@
 
 namespace station {
 
-// The recording's sound, from time 0 to the end without a gap: packets as they are received, and
-// the guard's fallback frames where none came.
+// Continuous audio track of a recording, from time 0: received packets, and the guard's fallback
+// frames in the gaps.
 //
-// A packet that begins before what was already taken is late and left out. A packet that leaves a
-// hole behind the one before proves that the frames between are lost, so the hole is filled at
-// once; while nothing arrives, take() fills as soon as the guard's watchdog has run out.
-// Times are nanoseconds from the track's start. Threads: any, at once.
+// Packets older than what take() has returned are dropped as late. A jump in PTS means loss, and
+// the gap is filled at once; without packets, take() fills after the watchdog. Times are
+// nanoseconds from the track's start. Threads: any.
 class AudioTrack {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
@@ -37,11 +36,11 @@ class AudioTrack {
 
   void receive(media_backend::EncodedAudioFrame packet, TimePoint now);
 
-  // What there is to push next, continued by fallback frames up to `until` where the watchdog
-  // allows. `until` has to stay behind the clock by more than packets may be late.
+  // The next frames to push, with fallback frames up to `until` if the watchdog has expired.
+  // `until` is earlier than now by more than packets may be late.
   Frames take(std::chrono::nanoseconds until, TimePoint now);
 
-  // The rest of the track up to `end`, filled without waiting for the watchdog.
+  // The remaining frames up to `end`, filled without the watchdog.
   Frames finish(std::chrono::nanoseconds end);
 
   Statistics statistics() const;
@@ -52,7 +51,7 @@ class AudioTrack {
 
   mutable std::mutex mutex_;
   media_backend::AudioContinuityGuard guard_;
-  Frames ready_;         // before what the guard has queued
+  Frames ready_;         // precede the guard's queue
   std::uint64_t endNs_;  // of the track so far, on the guard's timeline
   std::uint64_t frameNs_ = 20'000'000;
   Statistics statistics_{};

@@ -12,9 +12,9 @@ struct OpusPacket {
   std::chrono::nanoseconds duration;
 };
 
-// The Opus packets of an Ogg or Matroska file, in order. Throws StationError (Source) if the file
-// cannot be read, has no Opus track, or has one that is not mono at 48000 Hz, as the recorder
-// takes it.
+// The Opus packets of an Ogg or Matroska file, in order. Throws StationError (Source) for a file
+// that is unreadable, has no Opus track, or one that is not mono at 48000 Hz, which the recorder
+// takes.
 std::vector<OpusPacket> readOpusFile(const std::string& path);
 
 }  // namespace station

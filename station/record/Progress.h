@@ -7,16 +7,16 @@
 
 namespace station {
 
-// How a recording goes, on standard error: one line that is written over several times a second on
-// a terminal, a plain line every second elsewhere.
+// Progress of a recording on standard error: on a terminal one line, updated several times a
+// second, elsewhere a line every second.
 class Progress {
  public:
   Progress();
 
-  // Cheap to call for every frame: prints only when a new line is due.
+  // To be called for every frame; prints only when a line is due.
   void update(const Recorder& recorder, std::chrono::nanoseconds recorded);
 
-  // Leaves the terminal's line, so that what is printed next stands on its own.
+  // Ends the terminal's line.
   void end();
 
   // "4.02 Mbit/s" of `bytes` in `duration`.

@@ -72,9 +72,9 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   }
 }
 
-// Workaround for splitmuxsink up to 1.22 at least: set to NULL before its first GOP is complete, a
-// streaming thread may wait in complete_or_wait_on_out() or check_completed_gop() for ever. EOS
-// first avoids that.
+// Workaround for splitmuxsink of GStreamer 1.22: set to NULL before its first GOP is complete, it
+// may leave its stopping state when the muxer, which has stopped, refuses caps; the metadata stream
+// then never ends its wait. EOS first avoids that.
 Recorder::~Recorder() {
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;

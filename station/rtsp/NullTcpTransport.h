@@ -4,11 +4,11 @@
 
 namespace station {
 
-// Workaround for rtsp-stream.c of the server library, up to 1.22 at least: with shared media, TCP
+// Workaround for rtsp-stream.c of gst-rtsp-server, up to 1.22 at least: with shared media, TCP
 // backpressure of one client stalls UDP clients.
 //
-// - on_message_sent() and the appsink callbacks hold the pipeline back while no TCP transport is
-//   ready for more.
+// - While no TCP transport is ready for more, the stream takes no packet from its appsinks, and the
+//   whole pipeline waits.
 // - send_func() serves one of RTP and RTCP, then sleeps until a TCP transport reports message-sent
 // or
 //   another packet comes. Without a TCP transport nothing reports, and a transport that is removed

@@ -47,7 +47,7 @@ bool Credentials::matchBasic(const char* base64) const {
   return colon != std::string::npos && match(text.substr(0, colon), text.substr(colon + 1));
 }
 
-// Of equal length for every text, so that comparing tells nothing of it.
+// Equal lengths keep the comparison's time independent of the text.
 Credentials::Hash Credentials::hash(std::string_view text) {
   Hash result{};
   crypto_generichash(result.data(), result.size(),

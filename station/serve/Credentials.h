@@ -7,17 +7,17 @@
 
 namespace station {
 
-// The one user who may watch. Keeps hashes alone, and compares them in constant time.
+// The user and password that clients need. Keeps only hashes, and compares them in constant time.
 //
 // Threads: immutable, any.
 class Credentials {
  public:
-  // Reads "USER:FILE": the password is the file's first line. Throws StationError (Usage) if there
-  // is no user, no such file, or an empty password.
+  // Of "USER:FILE"; the password is the file's first line. Throws StationError (Usage) without a
+  // user, a readable file or a password.
   static Credentials fromOption(const std::string& userAndFile);
 
   bool match(std::string_view user, std::string_view password) const;
-  // The same for the text behind "Basic " of an Authorization header.
+  // Of an Authorization header, the text after "Basic ".
   bool matchBasic(const char* base64) const;
 
  private:

@@ -6,12 +6,9 @@
 
 #include <media_backend/GstVideoBackend.h>
 
+#include "base/Command.h"
 #include "camera/CameraOptions.h"
 #include "serve/Credentials.h"
-
-namespace CLI {  // NOLINT(readability-identifier-naming): the name is CLI11's
-class App;
-}
 
 namespace station {
 
