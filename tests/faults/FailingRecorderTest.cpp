@@ -16,9 +16,9 @@
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 
-#include "Recorder.h"
-#include "StationError.h"
 #include "Torture.h"
+#include "base/StationError.h"
+#include "record/Recorder.h"
 #include "support/InterposedParse.h"
 #include "support/MovingPicture.h"
 #include "support/ProcessState.h"
@@ -87,7 +87,7 @@ TEST(FailingRecorder, SaysSoAndLetsEveryFrameGo) {
           auto frame = lumora::ExportedFrame::fromPicture(*picture);
           frames.emplace_back(frame);
           recorder.push(std::move(frame), n, {1, 2, 3, 4});
-          recorder.check();
+          recorder.throwOnError();
           std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         recorder.finish();

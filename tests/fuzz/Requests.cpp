@@ -18,13 +18,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Board.h"
-#include "Camera.h"
-#include "HttpServer.h"
-#include "LiveCamera.h"
 #include "Require.h"
-#include "RtspServer.h"
-#include "Serve.h"
+#include "base/Board.h"
+#include "camera/Camera.h"
+#include "camera/LiveCamera.h"
+#include "http/Server.h"
+#include "rtsp/Server.h"
+#include "serve/ServeOptions.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -45,7 +45,8 @@ class Server {
     if (overRtsp) {
       rtsp_ = std::make_unique<station::RtspServer>(backend, *camera_, options_);
     } else {
-      http_ = std::make_unique<station::HttpServer>(backend, *camera_, options_);
+      http_ = std::make_unique<station::HttpServer>(backend, *camera_, options_,
+                                                    [](const station::StationError&) {});
     }
     const std::string authority = listener().authority();
     port_ = static_cast<std::uint16_t>(std::stoi(authority.substr(authority.rfind(':') + 1)));
@@ -54,7 +55,6 @@ class Server {
   const station::Listener& listener() const {
     return rtsp_ != nullptr ? rtsp_->listener() : http_->listener();
   }
-  void tick() { rtsp_ != nullptr ? rtsp_->tick() : http_->tick(); }
   std::uint16_t port() const { return port_; }
 
  private:
@@ -128,6 +128,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
       std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   }
-  server->tick();
   return 0;
 }

@@ -1,4 +1,4 @@
-#include "MisbSt0601.h"
+#include "record/KlvEncoder.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include <media_backend/GstVideoBackend.h>
+
+#include "base/Command.h"
+
+namespace station {
+
+// Options that several commands have. A value's type name shows what it takes: FILE, FOLDER, or the
+// words in braces.
+
+// --board, as openBoard() takes it.
+void addBoardOption(CLI::App& command, std::string& board);
+
+// --codec, which throws StationError (Usage) for an unknown one.
+void addCodecOption(CLI::App& command, media_backend::GstVideoBackend::Codec& codec,
+                    const char* help);
+
+// --codec, H.264 by default, and --bitrate.
+void addEncoderOptions(CLI::App& command, media_backend::GstVideoBackend::EncoderConfig& encoder);
+
+// Refuses "nan", which CLI::Range accepts: it is neither below nor above.
+std::string refuseNan(const std::string& text);
+
+}  // namespace station

@@ -1,0 +1,111 @@
+#include "base/Pipelines.h"
+
+#include <cstring>
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+
+// An encoder that is late misses frames; it never blocks the camera.
+constexpr const char* kAppSource =
+    "appsrc name=camera is-live=true format=time do-timestamp=true max-buffers=2 "
+    "leaky-type=downstream ";
+
+// Small enough for any encoder, large enough for those with a minimum size. The identity is there
+// because GStreamer does not parse caps after caps.
+constexpr const char* kTestSource =
+    "videotestsrc num-buffers=10 ! video/x-raw,format=NV12,width=640,height=480,framerate=30/1,"
+    "interlace-mode=progressive,pixel-aspect-ratio=1/1 ! identity ";
+
+const char* nameOf(Use use) {
+  switch (use) {
+    case Use::Record:
+      return "recording";
+    case Use::Rtsp:
+      return "RTSP";
+    default:
+      return "HTTP";
+  }
+}
+
+}  // namespace
+
+std::string describe(const GstVideoBackend& backend, Use use, const DescriptionSettings& settings) {
+  const GstVideoBackend::EncoderConfig& encoder = settings.encoder;
+  if (use == Use::Record) {
+    return backend.recorderPipeline(encoder, settings.segmentSeconds, settings.klv, settings.audio);
+  }
+  const bool rtsp = use == Use::Rtsp;
+  const std::string chain = rtsp ? backend.transportEncoderChain(encoder, kConfigInterval)
+                                 : backend.httpEncoderChain(encoder);
+  if (chain.empty()) {
+    return {};
+  }
+  return rtsp ? kAppSource + backend.inputConversionChain(nullptr) + chain +
+                    backend.rtspPayloaderChain(encoder.codec, settings.mtu)
+              : kAppSource + backend.httpUploadChain(nullptr) + chain;
+}
+
+std::string requireDescription(const GstVideoBackend& backend, Use use,
+                               const DescriptionSettings& settings) {
+  std::string description = describe(backend, use, settings);
+  if (description.empty()) {
+    throw StationError(ExitCode::CodecNotUsable,
+                       std::string("codec not usable for ") + nameOf(use) + " on " +
+                           backend.name() + ": " +
+                           GstVideoBackend::codecName(settings.encoder.codec));
+  }
+  return description;
+}
+
+std::string describeTestEncode(const GstVideoBackend& backend,
+                               const GstVideoBackend::EncoderConfig& encoder) {
+  const std::string transport = backend.transportEncoderChain(encoder, kConfigInterval);
+  if (transport.empty()) {
+    return kTestSource + backend.httpUploadChain(nullptr) + backend.httpEncoderChain(encoder);
+  }
+  return kTestSource + backend.inputConversionChain(nullptr) + transport +
+         "! appsink name=sink sync=false";
+}
+
+PipelinePtr buildPipeline(const std::string& description, const std::string& what) {
+  g_autoptr(GError) error = nullptr;
+  GstElement* const parsed = gst_parse_launch(description.c_str(), &error);
+  PipelinePtr pipeline(parsed != nullptr ? GST_ELEMENT(gst_object_ref_sink(parsed)) : nullptr);
+  if (error != nullptr || pipeline == nullptr) {
+    throw StationError(ExitCode::Pipeline, "cannot build " + what + ": " +
+                                               (error != nullptr ? error->message : "no pipeline"));
+  }
+  return pipeline;
+}
+
+GstPtr<GstElement> findElement(GstElement* bin, const char* name) {
+  GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(bin), name));
+  if (element == nullptr) {
+    throw StationError(ExitCode::Pipeline,
+                       std::string("the pipeline has no element \"") + name + "\"");
+  }
+  return element;
+}
+
+BusError BusError::parse(GstMessage* message) {
+  g_autoptr(GError) error = nullptr;
+  g_autofree gchar* debug = nullptr;
+  gst_message_parse_error(message, &error, &debug);
+  // The first line of the debug text is file, line and function.
+  const char* const newline = debug != nullptr ? std::strchr(debug, '\n') : nullptr;
+  return {error->domain, error->code, GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), error->message,
+          newline != nullptr ? newline + 1 : ""};
+}
+
+std::optional<BusError> BusError::take(GstBus* bus, GstClockTime timeout) {
+  g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(bus, timeout, GST_MESSAGE_ERROR);
+  return message != nullptr ? std::optional(parse(message)) : std::nullopt;
+}
+
+StationError BusError::as(ExitCode exitCode) const {
+  return {exitCode, "pipeline error from " + element + ": " + message};
+}
+
+}  // namespace station

@@ -1,0 +1,44 @@
+#include "camera/CameraFeed.h"
+
+#include "base/Pipelines.h"
+
+namespace station {
+namespace {
+
+// Before PLAYING the element may have a clock but no base time; do-timestamp would write the
+// absolute clock time, and the pipeline wait for it.
+bool isPlaying(GstElement* source) {
+  GstState state = GST_STATE_NULL;
+  gst_element_get_state(source, &state, nullptr, 0);
+  return state == GST_STATE_PLAYING;
+}
+
+}  // namespace
+
+CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+                       GstElement* bin)
+    : backend_(backend),
+      source_([&] {
+        GstPtr<GstElement> source = findElement(bin, "camera");
+        const CameraOptions& options = camera.options();
+        backend.setInputCaps(GST_APP_SRC(source.get()), static_cast<int>(options.width),
+                             static_cast<int>(options.height), static_cast<int>(options.fps),
+                             /*squarePixels=*/true, camera.colorimetry());
+        return source;
+      }()),
+      duration_(gst_util_uint64_scale(1, GST_SECOND, camera.options().fps)),
+      subscription_(camera, [this](const auto& frame) { push(frame); }) {}
+
+void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {
+  if (!isPlaying(source_.get())) {
+    return;
+  }
+  GstBuffer* const buffer = backend_.wrapFrame(frame->handle(), frame);
+  if (buffer == nullptr) {
+    throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
+  }
+  GST_BUFFER_DURATION(buffer) = duration_;
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
+}
+
+}  // namespace station

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <media_backend/GstVideoBackend.h>
+
+#include "base/Handles.h"
+#include "camera/LiveCamera.h"
+
+namespace station {
+
+// Pushes a live camera's frames into a pipeline's appsrc, without copying, while this object lives.
+class CameraFeed {
+ public:
+  // `bin` holds the appsrc "camera"; throws StationError (Pipeline) otherwise.
+  CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera, GstElement* bin);
+
+ private:
+  void push(const std::shared_ptr<lumora::ExportedFrame>& frame);
+
+  const media_backend::GstVideoBackend& backend_;
+  const GstPtr<GstElement> source_;
+  const GstClockTime duration_;                  // of a frame
+  const LiveCamera::Subscription subscription_;  // after what it uses
+};
+
+}  // namespace station

@@ -1,0 +1,164 @@
+#include "doctor/Advice.h"
+
+#include <algorithm>
+
+namespace station {
+namespace {
+
+using Codec = media_backend::GstVideoBackend::Codec;
+using Platform = media_backend::GstVideoBackend::Platform;
+
+// Whether two elements are alternatives of a platform.
+bool areAlternatives(const BoardElement& one, const BoardElement& other) {
+  return one.need == Need::OneOf && other.need == Need::OneOf && one.platform == other.platform &&
+         (one.codec == Codec::Unknown) == (other.codec == Codec::Unknown);
+}
+
+class Advice {
+ public:
+  explicit Advice(const Diagnosis& board) : board_(board) {}
+
+  std::vector<std::string> give() {
+    adviseOnAccess();
+    adviseOnPlugins();
+    if (!board_.available()) {
+      adviseOnPlatforms();
+    }
+    adviseOnOpening();
+    adviseOnDescriptions();
+    if (board_.available()) {
+      adviseOnMissing();
+    }
+    return lines_;
+  }
+
+ private:
+  void add(const std::string& line) {
+    if (std::find(lines_.begin(), lines_.end(), line) == lines_.end()) {
+      lines_.push_back(line);
+    }
+  }
+
+  void adviseOnAccess() {
+    for (const DeviceDiagnosis& device : board_.devices) {
+      if (device.check.ok && !device.check.value["remedy"].get<std::string>().empty()) {
+        add(device.check.value["remedy"]);
+      }
+    }
+  }
+
+  void adviseOnPlugins() {
+    for (const FailedPlugin& plugin : board_.failedPlugins) {
+      add("repair " + plugin.file + " (" + plugin.error +
+          "), then remove GStreamer's registry (~/.cache/gstreamer-1.0) for it to look again");
+    }
+  }
+
+  // An alternative for the same codec makes up for a missing element.
+  void adviseOnMissing() {
+    for (const ElementDiagnosis& row : board_.elements) {
+      const BoardElement& element = row.element;
+      const auto replaces = [&element](const ElementDiagnosis& other) {
+        return other.element.present && areAlternatives(element, other.element) &&
+               element.codec == other.element.codec;
+      };
+      const bool counts = element.platform == board_.platform || element.platform == Platform::None;
+      if (!element.present && counts &&
+          std::none_of(board_.elements.begin(), board_.elements.end(), replaces)) {
+        add(std::string("to have ") + element.name + " (" + element.role + "), install " +
+            providerOf(element.name));
+      }
+    }
+  }
+
+  // A platform that is partly there is the one to complete.
+  void adviseOnPlatforms() {
+    const bool nvidia = adviseOnPlatform(Platform::Nvidia);
+    const bool imx = adviseOnPlatform(Platform::ImxVpu);
+    if (!nvidia && !imx) {
+      add(std::string("install ") + kBoardMaker +
+          ": no hardware video element is here (--board nvidia or --board imx simulates a board)");
+    }
+  }
+
+  // Whether any element of the platform is there.
+  bool adviseOnPlatform(Platform platform) {
+    std::string found;
+    std::string missing;
+    for (const ElementDiagnosis& row : board_.elements) {
+      if (row.element.platform == platform && isBoardMakers(row.element.name)) {
+        (row.element.present ? found : missing).append(" ").append(row.element.name);
+      }
+    }
+    if (!found.empty()) {
+      add(platformName(platform) + (" takes" + needsOf(platform)) + "; here is only" + found +
+          ": install " + kBoardMaker + " that have" + missing);
+    }
+    return !found.empty();
+  }
+
+  // " one of A B and one of C D"
+  std::string needsOf(Platform platform) const {
+    std::string text;
+    const BoardElement* previous = nullptr;
+    for (const ElementDiagnosis& row : board_.elements) {
+      const BoardElement& element = row.element;
+      if (element.platform != platform || element.need != Need::OneOf) {
+        continue;
+      }
+      if (previous == nullptr || !areAlternatives(*previous, element)) {
+        text += previous == nullptr ? " one of" : " and one of";
+      }
+      text.append(" ").append(element.name);
+      previous = &element;
+    }
+    return text;
+  }
+
+  void adviseOnOpening() {
+    for (const ElementDiagnosis& row : board_.elements) {
+      if (!row.opens()) {
+        const std::string name = row.element.name;
+        add("does this chip have what " + name + " works with? See dmesg, and GST_DEBUG=4 " +
+            "gst-launch-1.0 fakesrc num-buffers=1 ! " + name + " ! fakesink");
+      }
+    }
+    for (const CodecDiagnosis& codec : board_.codecs) {
+      if (codec.testEncode && !codec.testEncode->ok) {
+        add(std::string("see what the drivers say of the test encode of ") + codec.name() +
+            ", below, and dmesg");
+      }
+    }
+  }
+
+  void adviseOnDescriptions() {
+    for (const CodecDiagnosis& codec : board_.codecs) {
+      for (const DescriptionDiagnosis& description : codec.descriptions) {
+        for (const auto& problem : description.problems()) {
+          adviseOnProblem(problem["missing"]);
+        }
+      }
+    }
+  }
+
+  void adviseOnProblem(const std::vector<std::string>& missing) {
+    for (const std::string& element : missing) {
+      add("to have " + element + ", install " + providerOf(element));
+    }
+    if (missing.empty()) {
+      add("see the marked pieces of descriptions below: another release of the element's plugin "
+          "is needed");
+    }
+  }
+
+  const Diagnosis& board_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace
+
+std::vector<std::string> adviseOn(const Diagnosis& board) {
+  return Advice(board).give();
+}
+
+}  // namespace station

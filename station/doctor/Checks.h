@@ -1,0 +1,73 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <media_backend/GstVideoBackend.h>
+
+#include "base/Board.h"
+#include "base/Pipelines.h"
+#include "doctor/CheckRunner.h"
+#include "doctor/PluginOrigin.h"
+
+namespace station {
+
+struct ElementDiagnosis {
+  BoardElement element;
+  PluginOrigin origin;
+  std::optional<CheckResult> opening;  // none if it was not tried
+
+  bool opens() const { return !opening || opening->ok; }
+};
+
+// One of the library's descriptions, whole, as the station runs it.
+struct DescriptionDiagnosis {
+  Use use;
+  std::string description;
+  CheckResult check;
+
+  const char* name() const;  // "record", "rtsp" or "http"
+  nlohmann::ordered_json problems() const;
+  bool hasElement(const std::string& name) const;
+  bool ok() const { return check.ok && problems().empty(); }
+};
+
+struct CodecDiagnosis {
+  media_backend::GstVideoBackend::Codec codec;
+  bool supported = false;                          // by the profile
+  std::vector<DescriptionDiagnosis> descriptions;  // that the library has for the codec
+  std::optional<CheckResult> testEncode;           // none if it was not tried
+  std::vector<std::string> problems;               // a line each
+
+  const char* name() const { return media_backend::GstVideoBackend::codecName(codec); }
+  bool encodes() const { return testEncode && testEncode->ok; }
+  bool works() const { return supported && problems.empty(); }
+};
+
+// A plugin that GStreamer found and could not load.
+struct FailedPlugin {
+  std::string file;
+  std::string error;
+};
+
+struct DeviceDiagnosis {
+  std::string node;
+  CheckResult check;
+};
+
+struct Diagnosis {
+  media_backend::GstVideoBackend::Platform platform;  // None: not available
+  std::string profile;
+  std::vector<ElementDiagnosis> elements;
+  std::vector<CodecDiagnosis> codecs;
+  std::vector<FailedPlugin> failedPlugins;
+  std::vector<DeviceDiagnosis> devices;
+
+  bool available() const { return platform != media_backend::GstVideoBackend::Platform::None; }
+};
+
+// Runs every check; each may take the runner's limit.
+Diagnosis diagnose(const media_backend::GstVideoBackend& backend, const CheckRunner& runner);
+
+}  // namespace station

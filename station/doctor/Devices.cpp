@@ -1,0 +1,165 @@
+#include "doctor/Devices.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include <fcntl.h>
+#include <glib.h>
+#include <grp.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include "base/Handles.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct NodeKind {
+  const char* folder;
+  const char* prefix;
+  const char* kind;  // null: see askV4l2()
+};
+
+constexpr std::array<NodeKind, 3> kNodeKinds = {{
+    {"/dev", "video", nullptr},
+    {"/dev/dma_heap", "", "dma heap"},
+    {"/dev/dri", "renderD", "drm render"},
+}};
+
+std::string groupOf(const struct stat& status) {
+  const struct group* const group = getgrgid(status.st_gid);
+  return group != nullptr ? group->gr_name : std::to_string(status.st_gid);
+}
+
+void explainRefusal(Device& device, int number) {
+  device.error = std::strerror(number);
+  struct stat status = {};
+  if (number != EACCES || stat(device.node.c_str(), &status) != 0) {
+    return;
+  }
+  const std::string group = groupOf(status);
+  device.error += "; it takes the group " + group;
+  if (group != "root") {
+    device.remedy = "sudo usermod -aG " + group + " " + g_get_user_name() +
+                    "  (and log in again), to open " + device.node;
+  }
+}
+
+std::string fourcc(std::uint32_t code) {
+  std::string text;
+  for (int i = 0; i < 4; ++i) {
+    const char c = static_cast<char>(code >> (8 * i) & 0x7f);
+    text += g_ascii_isprint(c) ? c : '?';
+  }
+  text.erase(text.find_last_not_of(' ') + 1);
+  return (code & 1U << 31) != 0 ? text + "-BE" : text;  // big endian, as v4l2_fourcc_be() marks it
+}
+
+std::vector<std::string> formatsOf(int fd, std::uint32_t queue) {
+  std::vector<std::string> formats;
+  v4l2_fmtdesc description = {};
+  description.type = queue;
+  for (; ioctl(fd, VIDIOC_ENUM_FMT, &description) == 0; ++description.index) {
+    formats.push_back(fourcc(description.pixelformat));
+  }
+  return formats;
+}
+
+// By the formats of its two queues.
+std::string transcoderKind(const Device& device) {
+  static constexpr std::array<const char*, 7> kCoded = {"H264", "HEVC", "VP80", "VP90",
+                                                        "MJPG", "JPEG", "AV01"};
+  const auto isCoded = [](const std::string& format) {
+    return std::find(kCoded.begin(), kCoded.end(), format) != kCoded.end();
+  };
+  if (std::any_of(device.formats.begin(), device.formats.end(), isCoded)) {
+    return "memory-to-memory encoder";
+  }
+  return std::any_of(device.inputs.begin(), device.inputs.end(), isCoded)
+             ? "memory-to-memory decoder"
+             : "memory-to-memory";
+}
+
+void askV4l2(Device& device, int fd) {
+  v4l2_capability capability = {};
+  if (ioctl(fd, VIDIOC_QUERYCAP, &capability) != 0) {
+    device.kind = "no V4L2 device";
+    return;
+  }
+  device.driver = reinterpret_cast<const char*>(capability.driver);
+  device.card = reinterpret_cast<const char*>(capability.card);
+  device.bus = reinterpret_cast<const char*>(capability.bus_info);
+  const std::uint32_t can = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0
+                                ? capability.device_caps
+                                : capability.capabilities;
+  const bool planes = (can & (V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_OUTPUT_MPLANE |
+                              V4L2_CAP_VIDEO_M2M_MPLANE)) != 0;
+  device.formats =
+      formatsOf(fd, planes ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE);
+  device.inputs =
+      formatsOf(fd, planes ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT);
+  if ((can & (V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_M2M_MPLANE)) != 0) {
+    device.kind = transcoderKind(device);
+  } else if ((can & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE)) != 0) {
+    device.kind = "capture";
+  } else if ((can & (V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE)) != 0) {
+    device.kind = "output";
+  } else {
+    device.kind = (can & V4L2_CAP_META_CAPTURE) != 0 ? "metadata" : "other";
+  }
+}
+
+std::string drmDriver(const fs::path& node) {
+  std::error_code error;
+  const fs::path driver =
+      fs::read_symlink("/sys/class/drm" / node.filename() / "device/driver", error);
+  return driver.filename();
+}
+
+NodeKind kindOf(const fs::path& node) {
+  return *std::find_if(kNodeKinds.begin(), kNodeKinds.end() - 1,
+                       [&node](const NodeKind& kind) { return node.parent_path() == kind.folder; });
+}
+
+}  // namespace
+
+std::vector<std::string> listDeviceNodes() {
+  std::vector<std::string> nodes;
+  for (const NodeKind& kind : kNodeKinds) {
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kind.folder, error)) {
+      if (entry.path().filename().string().rfind(kind.prefix, 0) == 0) {
+        nodes.push_back(entry.path());
+      }
+    }
+  }
+  std::sort(nodes.begin(), nodes.end());
+  return nodes;
+}
+
+Device describeDevice(const std::string& node) {
+  Device device;
+  device.node = node;
+  const NodeKind kind = kindOf(node);
+  device.kind = kind.kind != nullptr ? kind.kind : "";
+  if (device.kind == "drm render") {
+    device.driver = drmDriver(node);
+  }
+  const UniqueFd descriptor(open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  if (descriptor.get() < 0) {
+    explainRefusal(device, errno);
+  } else if (kind.kind == nullptr) {
+    askV4l2(device, descriptor.get());
+  }
+  return device;
+}
+
+}  // namespace station

@@ -1,0 +1,285 @@
+#include "doctor/Doctor.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <optional>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "base/Options.h"
+#include "base/StationError.h"
+#include "doctor/Advice.h"
+#include "doctor/Checks.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+using Codec = GstVideoBackend::Codec;
+using nlohmann::ordered_json;
+
+struct Verdict {
+  ExitCode code;
+  std::string line;
+};
+
+bool isUsable(const Diagnosis& board, Codec wanted) {
+  return std::any_of(board.codecs.begin(), board.codecs.end(), [wanted](const auto& codec) {
+    const bool counts = wanted == Codec::Unknown
+                            ? codec.codec == Codec::H264 || codec.codec == Codec::H265
+                            : codec.codec == wanted;
+    return counts && codec.works();
+  });
+}
+
+// Names of the codecs that work for a use, each after a blank.
+std::string codecsFor(const Diagnosis& board, Use use) {
+  std::string names;
+  for (const CodecDiagnosis& codec : board.codecs) {
+    for (const DescriptionDiagnosis& row : codec.descriptions) {
+      if (row.use == use && row.ok() && codec.encodes()) {
+        names += std::string(" ") + codec.name();
+      }
+    }
+  }
+  return names.empty() ? " nothing" : names;
+}
+
+// Codecs that have a problem, with the first one.
+std::string failuresOf(const Diagnosis& board) {
+  std::string text;
+  for (const CodecDiagnosis& codec : board.codecs) {
+    if (!codec.works()) {
+      text += std::string("; ") + codec.name() + ": " + codec.problems.front();
+    }
+  }
+  return text;
+}
+
+Verdict judge(const Diagnosis& board, Codec wanted) {
+  if (!board.available()) {
+    return {ExitCode::NoPlatform, "not usable: this machine offers no hardware video platform"};
+  }
+  const bool usable = isUsable(board, wanted);
+  std::string line = usable ? "usable: " : "not usable: ";
+  line += board.profile + " records" + codecsFor(board, Use::Record) + ", streams over RTSP" +
+          codecsFor(board, Use::Rtsp) + ", over HTTP" + codecsFor(board, Use::Http);
+  line += failuresOf(board);
+  return {usable ? ExitCode::Ok : ExitCode::CodecNotUsable, line};
+}
+
+// JSON
+
+ordered_json orNull(const std::string& text) {
+  return text.empty() ? ordered_json() : ordered_json(text);
+}
+
+ordered_json toJson(const std::optional<CheckResult>& result) {
+  if (!result) {
+    return nullptr;
+  }
+  return {{"ok", result->ok}, {"error", orNull(result->error)}, {"said", result->log}};
+}
+
+ordered_json toJson(const CodecDiagnosis& codec) {
+  ordered_json uses = ordered_json::object();
+  for (const DescriptionDiagnosis& description : codec.descriptions) {
+    uses[description.name()] = {{"ok", description.ok()},
+                                {"description", description.description},
+                                {"error", orNull(description.check.error)},
+                                {"problems", description.problems()}};
+  }
+  return {{"works", codec.works()},
+          {"supported", codec.supported},
+          {"encoding", toJson(codec.testEncode)},
+          {"problems", codec.problems},
+          {"uses", uses}};
+}
+
+ordered_json toJson(const ElementDiagnosis& row) {
+  return {{"profile", platformName(row.element.platform)},
+          {"role", row.element.role},
+          {"name", row.element.name},
+          {"present", row.element.present},
+          {"plugin", orNull(row.origin.plugin)},
+          {"version", orNull(row.origin.version)},
+          {"file", orNull(row.origin.file)},
+          {"package", orNull(row.origin.package)},
+          {"opening", toJson(row.opening)}};
+}
+
+void printJson(const Diagnosis& board, const std::vector<std::string>& next,
+               const Verdict& verdict) {
+  ordered_json report = {{"usable", verdict.code == ExitCode::Ok},
+                         {"exitCode", static_cast<int>(verdict.code)},
+                         {"verdict", verdict.line},
+                         {"next", next},
+                         {"profile", board.profile},
+                         {"codecs", ordered_json::object()},
+                         {"elements", ordered_json::array()},
+                         {"failedPlugins", ordered_json::array()},
+                         {"devices", ordered_json::array()}};
+  for (const CodecDiagnosis& codec : board.codecs) {
+    report["codecs"][codec.name()] = toJson(codec);
+  }
+  for (const ElementDiagnosis& row : board.elements) {
+    report["elements"].push_back(toJson(row));
+  }
+  for (const FailedPlugin& plugin : board.failedPlugins) {
+    report["failedPlugins"].push_back({{"file", plugin.file}, {"error", plugin.error}});
+  }
+  for (const DeviceDiagnosis& device : board.devices) {
+    report["devices"].push_back(
+        device.check.ok ? device.check.value
+                        : ordered_json{{"node", device.node}, {"error", device.check.error}});
+  }
+  std::cout << report.dump(2) << '\n';
+}
+
+// Text
+
+void printLog(const CheckResult& result) {
+  for (const std::string& line : result.log) {
+    std::printf("             | %s\n", line.c_str());
+  }
+}
+
+void printIndented(const std::string& text, const char* indent) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    std::printf("%s%s\n", indent, line.c_str());
+  }
+}
+
+void printCodec(const CodecDiagnosis& codec) {
+  std::printf("  %-6s %s\n", codec.name(),
+              codec.works()     ? "works"
+              : codec.encodes() ? "partly"
+                                : "no");
+  for (const std::string& problem : codec.problems) {
+    std::printf("           %s\n", problem.c_str());
+  }
+  if (codec.testEncode && !codec.testEncode->ok) {
+    printLog(*codec.testEncode);
+  }
+}
+
+void printProblems(const Diagnosis& board) {
+  for (const CodecDiagnosis& codec : board.codecs) {
+    for (const DescriptionDiagnosis& description : codec.descriptions) {
+      for (const auto& problem : description.problems()) {
+        std::printf("\n%s, %s: %s\n", codec.name(), description.name(),
+                    problem["message"].get<std::string>().c_str());
+        printIndented(problem["marked"], "  ");
+      }
+    }
+  }
+}
+
+void printElement(const ElementDiagnosis& row) {
+  const char* const state = !row.element.present ? "missing"
+                            : !row.opening       ? "found"
+                            : row.opening->ok    ? "opens"
+                                                 : "FAILS";
+  std::printf("  %-8s %-20s %-30s %s\n", state, row.element.name, row.element.role,
+              (row.origin.plugin + " " + row.origin.version + " " + row.origin.package).c_str());
+  if (!row.opens()) {
+    std::printf("           %s\n", row.opening->error.c_str());
+    printLog(*row.opening);
+  }
+}
+
+void printElements(const Diagnosis& board) {
+  std::optional<GstVideoBackend::Platform> platform;
+  for (const ElementDiagnosis& row : board.elements) {
+    if (platform != row.element.platform) {
+      platform = row.element.platform;
+      std::printf("\nelements for %s\n", platformName(*platform));
+    }
+    printElement(row);
+  }
+}
+
+std::string joined(const ordered_json& texts) {
+  std::string line;
+  for (const auto& text : texts) {
+    line += " " + text.get<std::string>();
+  }
+  return line;
+}
+
+void printDevice(const DeviceDiagnosis& diagnosis) {
+  const CheckResult& device = diagnosis.check;
+  std::printf("  %s", diagnosis.node.c_str());
+  if (!device.ok) {
+    std::printf("  %s\n", device.error.c_str());
+    return;
+  }
+  for (const char* const key : {"kind", "driver", "card", "bus"}) {
+    const std::string text = device.value[key];
+    std::printf("%s%s", text.empty() ? "" : "  ", text.c_str());
+  }
+  for (const char* const key : {"takes", "gives"}) {
+    if (!device.value[key].empty()) {
+      std::printf("\n    %s%s", key, joined(device.value[key]).c_str());
+    }
+  }
+  const std::string error = device.value["error"];
+  std::printf("%s%s\n", error.empty() ? "" : "\n    cannot be opened: ", error.c_str());
+}
+
+void printText(const Diagnosis& board, const std::vector<std::string>& next,
+               const Verdict& verdict) {
+  std::printf("%s\n", verdict.line.c_str());
+  for (const std::string& line : next) {
+    std::printf("next: %s\n", line.c_str());
+  }
+  if (!board.codecs.empty()) {
+    std::printf("\ncodecs\n");
+    std::for_each(board.codecs.begin(), board.codecs.end(), printCodec);
+    printProblems(board);
+  }
+  printElements(board);
+  if (!board.failedPlugins.empty()) {
+    std::printf("\nplugins that GStreamer could not load\n");
+  }
+  for (const FailedPlugin& plugin : board.failedPlugins) {
+    std::printf("  %s\n    %s\n", plugin.file.c_str(), plugin.error.c_str());
+  }
+  std::printf("\ndevices\n%s", board.devices.empty() ? "  none\n" : "");
+  std::for_each(board.devices.begin(), board.devices.end(), printDevice);
+}
+
+}  // namespace
+
+CLI::App& Doctor::addOptions(CLI::App& program) {
+  CLI::App& command = *program.add_subcommand(
+      "doctor",
+      "Try out what the board offers, and say what to do where it does not work. The board is "
+      "usable, and the exit code 0, if H.264 or H.265 (or what --codec names) encodes and every "
+      "description that the library writes for it fits the board's elements");
+  addBoardOption(command, board_);
+  addCodecOption(command, codec_, "Codec that has to work: h264, h265, av1, mjpeg");
+  command
+      .add_option_function<unsigned int>(
+          "--timeout", [this](unsigned int seconds) { limit_ = std::chrono::seconds(seconds); },
+          "Seconds for each check, which runs in a process of its own")
+      ->check(CLI::Range(1U, 3600U))
+      ->default_str("10");
+  command.add_flag("--json", json_, "Print JSON");
+  return command;
+}
+
+void Doctor::run() {
+  const Diagnosis board = diagnose(openBoard(board_), CheckRunner(board_, limit_));
+  const Verdict verdict = judge(board, codec_);
+  (json_ ? printJson : printText)(board, adviseOn(board), verdict);
+  std::fflush(stdout);
+  if (verdict.code != ExitCode::Ok) {
+    throw StationError(verdict.code, "not usable; the first lines of the report say why");
+  }
+}
+
+}  // namespace station

@@ -1,0 +1,168 @@
+#include "doctor/DoctorCheck.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <sys/prctl.h>
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "base/Board.h"
+#include "base/Handles.h"
+#include "base/Options.h"
+#include "base/Pipelines.h"
+#include "base/StationError.h"
+#include "doctor/Child.h"
+#include "doctor/DescriptionCheck.h"
+#include "doctor/Devices.h"
+
+namespace station {
+namespace {
+
+using nlohmann::ordered_json;
+
+// With what the element adds, as drivers' errors need.
+[[noreturn]] void fail(const BusError& error) {
+  throw std::runtime_error(error.element + ": " + error.message +
+                           (error.detail.empty() ? "" : " (" + error.detail + ")"));
+}
+
+ordered_json openElement(const std::string& name) {
+  GstElement* const made = gst_element_factory_make(name.c_str(), nullptr);
+  if (made == nullptr) {
+    throw std::runtime_error("GStreamer cannot make the element: its plugin does not load");
+  }
+  const PipelinePtr element(GST_ELEMENT(gst_object_ref_sink(made)));
+  const GstPtr<GstBus> bus(gst_bus_new());
+  gst_element_set_bus(element.get(), bus.get());
+  const GstStateChangeReturn change = gst_element_set_state(element.get(), GST_STATE_READY);
+  if (change == GST_STATE_CHANGE_FAILURE ||
+      gst_element_get_state(element.get(), nullptr, nullptr, GST_CLOCK_TIME_NONE) ==
+          GST_STATE_CHANGE_FAILURE) {
+    if (const std::optional<BusError> error = BusError::take(bus.get())) {
+      fail(*error);
+    }
+    throw std::runtime_error("it does not open, and gives no reason");
+  }
+  gst_element_set_bus(element.get(), nullptr);
+  return nullptr;
+}
+
+ordered_json check(const std::string& description) {
+  const DescriptionCheck check = checkDescription(description);
+  ordered_json problems = ordered_json::array();
+  if (const auto& problem = check.problem) {
+    problems.push_back({{"offset", problem->offset},
+                        {"length", problem->length},
+                        {"piece", description.substr(problem->offset, problem->length)},
+                        {"message", problem->message},
+                        {"missing", problem->missing},
+                        {"marked", markProblem(description, *problem)}});
+  }
+  return {{"problems", problems}, {"elements", check.elements}};
+}
+
+// Counts frames until the end of the stream.
+ordered_json encode(const std::string& description) {
+  const PipelinePtr pipeline = buildPipeline(description, "the test encode");
+  const GstPtr<GstElement> sink = findElement(pipeline.get(), "sink");
+  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
+  gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+  unsigned int pictures = 0;
+  gsize bytes = 0;
+  while (gst_app_sink_is_eos(GST_APP_SINK(sink.get())) == FALSE) {
+    g_autoptr(GstSample) sample =
+        gst_app_sink_try_pull_sample(GST_APP_SINK(sink.get()), 100 * GST_MSECOND);
+    if (sample != nullptr) {
+      ++pictures;
+      bytes += gst_buffer_get_size(gst_sample_get_buffer(sample));
+    }
+    if (const std::optional<BusError> error = BusError::take(bus.get())) {
+      fail(*error);
+    }
+  }
+  if (pictures == 0 || bytes == 0) {
+    throw std::runtime_error("the encoder takes pictures and gives none");
+  }
+  return {{"pictures", pictures}, {"bytes", bytes}};
+}
+
+ordered_json load(const std::string& file) {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GstPlugin) plugin = gst_plugin_load_file(file.c_str(), &error);
+  if (plugin == nullptr) {
+    throw std::runtime_error(error->message);
+  }
+  return nullptr;
+}
+
+ordered_json device(const std::string& node) {
+  const Device device = describeDevice(node);
+  return {{"node", device.node},     {"kind", device.kind},   {"driver", device.driver},
+          {"card", device.card},     {"bus", device.bus},     {"takes", device.inputs},
+          {"gives", device.formats}, {"error", device.error}, {"remedy", device.remedy}};
+}
+
+constexpr struct {
+  Check check;
+  const char* name;
+  ordered_json (*run)(const std::string& argument);
+} kChecks[] = {
+    {Check::Open, "open", openElement}, {Check::Description, "description", check},
+    {Check::Encode, "encode", encode},  {Check::Load, "load", load},
+    {Check::Device, "device", device},
+};
+
+ordered_json runHere(const std::string& name, const std::string& argument) {
+  for (const auto& row : kChecks) {
+    if (name == row.name) {
+      return row.run(argument);
+    }
+  }
+  throw StationError(ExitCode::Usage, "doctor has no check \"" + name + "\"");
+}
+
+}  // namespace
+
+const char* nameOf(Check check) {
+  return std::find_if(std::begin(kChecks), std::end(kChecks) - 1,
+                      [check](const auto& row) { return row.check == check; })
+      ->name;
+}
+
+CLI::App& DoctorCheck::addOptions(CLI::App& program) {
+  CLI::App& command = *program.add_subcommand("doctor-check", "One check of doctor");
+  command.group("");  // hidden
+  addBoardOption(command, board_);
+  command.add_option("check", check_)->required();
+  command.add_option("argument", argument_)->required();
+  return command;
+}
+
+void DoctorCheck::run() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  openBoard(board_);
+  ordered_json answer = {{"error", ""}, {"value", nullptr}};
+  try {
+    answer["value"] = runHere(check_, argument_);
+  } catch (const StationError& error) {
+    if (error.code() == ExitCode::Usage) {
+      throw;
+    }
+    answer["error"] = error.what();
+  } catch (const std::runtime_error& error) {
+    answer["error"] = error.what();
+  }
+  std::printf("\n%s%s\n", kResultMark,
+              answer.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
+  // Before a driver crashes at exit.
+  std::fflush(stdout);
+}
+
+}  // namespace station

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <gio/gio.h>
+
+namespace station {
+
+// Workaround for libsoup up to 3.2 at least: parse_headers() of soup-server-message-io-http1.c
+// leaks the request's URI, up to 100 KiB, for a Transfer-Encoding or Content-Length that it
+// rejects, before any signal. Answers such requests, which have no use here, with 501 before
+// libsoup reads them.
+//
+// Returns a stream that keeps the connection open while it lives; the caller owns it.
+// Threads: the main context's.
+GIOStream* filterHttpRequests(GSocketConnection* connection);
+
+}  // namespace station

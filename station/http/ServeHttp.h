@@ -1,0 +1,18 @@
+#pragma once
+
+#include "serve/ServeCommand.h"
+
+namespace station {
+
+// The command "serve http".
+class ServeHttp : public ServeCommand {
+ public:
+  ServeHttp()
+      : ServeCommand("http", "Serve a page, streams and snapshots over HTTP", /*port=*/8080) {}
+
+ private:
+  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             MainLoop& loop) override;
+};
+
+}  // namespace station

@@ -1,0 +1,288 @@
+#include "http/Server.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <gio/gio.h>
+
+#include "base/WeakReference.h"
+#include "http/RequestFilter.h"
+#include "http/StreamMetrics.h"
+#include "serve/Client.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+using Codec = GstVideoBackend::Codec;
+
+constexpr std::chrono::seconds kIdle{30};
+constexpr guint kRequestSeconds = 10;  // from a request's first byte to its last
+// A browser takes a few connections: for the page, its stream and its status.
+constexpr unsigned int kConnectionsPerClient = 2;
+constexpr unsigned int kMoreConnections = 16;
+
+constexpr const char* kHeaders[][2] = {
+    {"Cache-Control", "no-store"},
+    {"Content-Security-Policy", "default-src 'self'"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"X-Content-Type-Options", "nosniff"},
+};
+
+// Files of the page, compiled in.
+struct PageFile {
+  const char* path;
+  const char* resource;
+  const char* contentType;
+};
+
+constexpr PageFile kPageFiles[] = {
+    {"/", "/station/index.html", "text/html; charset=utf-8"},
+    {"/page.css", "/station/page.css", "text/css; charset=utf-8"},
+    {"/page.js", "/station/page.js", "text/javascript; charset=utf-8"},
+    {"/icon.svg", "/station/icon.svg", "image/svg+xml"},
+};
+
+void respond(SoupServerMessage* message, const char* contentType, const std::string& text) {
+  soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
+  soup_server_message_set_response(message, contentType, SOUP_MEMORY_COPY, text.data(),
+                                   text.size());
+}
+
+void refuse(SoupServerMessage* message, SoupStatus status, const std::string& reason) {
+  const std::string line = reason + "\n";
+  soup_server_message_set_status(message, status, nullptr);
+  soup_server_message_set_response(message, "text/plain; charset=utf-8", SOUP_MEMORY_COPY,
+                                   line.data(), line.size());
+}
+
+std::string resource(const char* path) {
+  g_autoptr(GBytes) bytes = g_resources_lookup_data(path, G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
+  gsize size = 0;
+  const gconstpointer data = g_bytes_get_data(bytes, &size);
+  return {static_cast<const char*>(data), size};
+}
+
+// Data of a client's address: soup_server_message_get_socket() knows none for a connection of
+// soup_server_accept_iostream().
+constexpr const char* kSocket = "station-socket";
+
+// The client's, or null after it has left.
+GstPtr<GSocket> socketOf(SoupServerMessage* message) {
+  GSocketAddress* const client = soup_server_message_get_remote_address(message);
+  const auto* const socket =
+      client != nullptr
+          ? static_cast<const WeakReference*>(g_object_get_data(G_OBJECT(client), kSocket))
+          : nullptr;
+  return GstPtr<GSocket>(socket != nullptr ? static_cast<GSocket*>(socket->get()) : nullptr);
+}
+
+gboolean onDeadline(gpointer message) {
+  Client::disconnect(socketOf(SOUP_SERVER_MESSAGE(message)).get(), "no whole request in 10 s");
+  return G_SOURCE_REMOVE;
+}
+
+void dropSource(gpointer source) {
+  g_source_destroy(static_cast<GSource*>(source));
+  g_source_unref(static_cast<GSource*>(source));
+}
+
+}  // namespace
+
+HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
+                       const ServeOptions& options, HttpStream::OnFailure onFailure)
+    : backend_(backend),
+      camera_(camera),
+      options_(options),
+      onFailure_(std::move(onFailure)),
+      wakeUp_([this] { writeAll(); }),
+      server_(soup_server_new("server-header", "media-station", nullptr)),
+      listener_(
+          options.address, options.port,
+          {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle, options.quiet},
+          [this](GSocketConnection* connection) { accept(connection); }) {
+  addStream(options.encoder.codec);
+  // For browsers, which show no other stream, and for snapshots.
+  if (options.encoder.codec != Codec::Mjpeg && backend.supports(Codec::Mjpeg)) {
+    addStream(Codec::Mjpeg);
+  }
+  setUpServer();
+}
+
+HttpServer::~HttpServer() {
+  listener_.stop();
+  responses_.clear();
+  soup_server_disconnect(server_.get());
+}
+
+void HttpServer::addStream(Codec codec) {
+  GstVideoBackend::EncoderConfig config = options_.encoder;
+  config.codec = codec;
+  streams_.emplace_back(
+      backend_, camera_, config, [this] { wakeUp_.signal(); }, onFailure_);
+}
+
+void HttpServer::setUpServer() {
+  g_signal_connect(server_.get(), "request-started", G_CALLBACK(onRequestStarted), this);
+  soup_server_add_early_handler(server_.get(), nullptr, onHeaders, this, nullptr);
+  soup_server_add_handler(server_.get(), nullptr, onRequest, this, nullptr);
+  if (options_.credentials) {
+    const GstPtr<SoupAuthDomain> domain(
+        soup_auth_domain_basic_new("realm", "media-station", nullptr));
+    soup_auth_domain_basic_set_auth_callback(domain.get(), onPassword, this, nullptr);
+    soup_auth_domain_add_path(domain.get(), "/");
+    soup_server_add_auth_domain(server_.get(), domain.get());
+  }
+}
+
+gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* message,
+                                const char* user, const char* password, gpointer self) {
+  if (static_cast<HttpServer*>(self)->options_.credentials->match(user, password)) {
+    return TRUE;
+  }
+  Client::refuse(socketOf(message).get(), "wrong user or password");
+  return FALSE;
+}
+
+void HttpServer::accept(GSocketConnection* connection) {
+  g_autoptr(GSocketAddress) local = g_socket_connection_get_local_address(connection, nullptr);
+  g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
+  if (local == nullptr || remote == nullptr) {
+    return;  // gone already, and the server library would log a critical warning
+  }
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  Client::noteActivity(socket);
+  // Weak, as the socket itself holds its client's address.
+  g_object_set_data_full(G_OBJECT(remote), kSocket, new WeakReference(socket),
+                         [](gpointer reference) { delete static_cast<WeakReference*>(reference); });
+  g_autoptr(GIOStream) stream = filterHttpRequests(connection);
+  soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
+}
+
+void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* message,
+                                  gpointer /*self*/) {
+  GSource* const deadline = g_timeout_source_new_seconds(kRequestSeconds);
+  g_source_set_callback(deadline, onDeadline, message, nullptr);
+  g_source_attach(deadline, nullptr);
+  g_object_set_data_full(G_OBJECT(message), "request-deadline", deadline, dropSource);
+}
+
+void HttpServer::onHeaders(SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
+                           GHashTable* /*query*/, gpointer /*self*/) {
+  soup_message_body_set_accumulate(soup_server_message_get_request_body(message), FALSE);
+  SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
+  for (const auto& [name, value] : kHeaders) {
+    soup_message_headers_replace(headers, name, value);
+  }
+  const std::string method = soup_server_message_get_method(message);
+  if (method != "GET" && method != "HEAD") {
+    soup_message_headers_replace(headers, "Allow", "GET, HEAD");
+    soup_message_headers_replace(headers, "Connection", "close");
+    refuse(message, SOUP_STATUS_METHOD_NOT_ALLOWED, "only GET and HEAD");
+  }
+}
+
+void HttpServer::onRequest(SoupServer* /*server*/, SoupServerMessage* message, const char* path,
+                           GHashTable* /*query*/, gpointer self) {
+  g_object_set_data(G_OBJECT(message), "request-deadline", nullptr);
+  auto* const server = static_cast<HttpServer*>(self);
+  try {
+    server->answer(message, path);
+  } catch (const StationError& error) {
+    refuse(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "the encoder does not start");
+    server->onFailure_(error);
+  }
+}
+
+void HttpServer::answer(SoupServerMessage* message, const std::string& path) {
+  if (!answerText(message, path) && !answerStream(message, path)) {
+    refuse(message, SOUP_STATUS_NOT_FOUND, "nothing is served at this path");
+  }
+}
+
+bool HttpServer::answerText(SoupServerMessage* message, const std::string& path) const {
+  const ServerStatus status = {backend_,
+                               camera_,
+                               options_,
+                               (g_get_monotonic_time() - begin_) / G_USEC_PER_SEC,
+                               listener_.connections(),
+                               streams_};
+  if (path == "/status.json") {
+    respond(message, "application/json", statusJson(status));
+    return true;
+  }
+  if (path == "/metrics") {
+    respond(message, "text/plain; version=0.0.4; charset=utf-8", prometheusText(status));
+    return true;
+  }
+  for (const PageFile& file : kPageFiles) {
+    if (path == file.path) {
+      respond(message, file.contentType, resource(file.resource));
+      return true;
+    }
+  }
+  return false;
+}
+
+bool HttpServer::answerStream(SoupServerMessage* message, const std::string& path) {
+  if (path == "/snapshot.jpg") {
+    HttpStream* const jpeg = jpegStream();
+    if (jpeg == nullptr) {
+      refuse(message, SOUP_STATUS_NOT_FOUND, "this board has no JPEG encoder");
+    } else {
+      serveStream(message, *jpeg, StreamResponse::Kind::Snapshot);
+    }
+    return true;
+  }
+  for (HttpStream& stream : streams_) {
+    if (path == stream.path()) {
+      serveStream(message, stream, StreamResponse::Kind::Stream);
+      return true;
+    }
+  }
+  return false;
+}
+
+void HttpServer::serveStream(SoupServerMessage* message, HttpStream& stream,
+                             StreamResponse::Kind kind) {
+  if (std::string(soup_server_message_get_method(message)) == "HEAD") {
+    // The length is unknown.
+    SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
+    soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);
+    soup_message_headers_set_content_type(
+        headers, kind == StreamResponse::Kind::Snapshot ? "image/jpeg" : stream.contentType(),
+        nullptr);
+    soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
+    return;
+  }
+  if (responses_.size() >= options_.maxClients) {
+    Client::refuse(socketOf(message).get(), "as many clients watch as --max-clients allows");
+    soup_message_headers_replace(soup_server_message_get_response_headers(message), "Retry-After",
+                                 "10");
+    refuse(message, SOUP_STATUS_SERVICE_UNAVAILABLE, "as many clients as may watch do already");
+    return;
+  }
+  responses_.emplace_back(message, stream, kind,
+                          [message] { Client::noteActivity(socketOf(message).get()); });
+  g_signal_connect(message, "finished", G_CALLBACK(onFinished), this);
+}
+
+void HttpServer::onFinished(SoupServerMessage* message, gpointer self) {
+  static_cast<HttpServer*>(self)->responses_.remove_if(
+      [message](const StreamResponse& response) { return response.isFor(message); });
+}
+
+HttpStream* HttpServer::jpegStream() {
+  const auto found = std::find_if(streams_.begin(), streams_.end(), [](const HttpStream& stream) {
+    return stream.codec() == Codec::Mjpeg;
+  });
+  return found != streams_.end() ? &*found : nullptr;
+}
+
+void HttpServer::writeAll() {
+  for (StreamResponse& response : responses_) {
+    response.write();
+  }
+}
+
+}  // namespace station

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+#include <libsoup/soup.h>
+#include <media_backend/GstVideoBackend.h>
+
+#include "base/Handles.h"
+#include "camera/LiveCamera.h"
+#include "http/Stream.h"
+#include "http/StreamResponse.h"
+#include "serve/Listener.h"
+#include "serve/ServeOptions.h"
+#include "serve/WakeUp.h"
+
+namespace station {
+
+// A camera over HTTP: a page, streams, snapshots, and status as JSON and for Prometheus.
+//
+// Memory per client: one access unit (at most AccessUnitBuffer::kMaxAccessUnitBytes), the kernel's
+// send buffer of twice 256 KiB, and the library's request, whose header is limited to 100 KiB;
+// request bodies are not kept. A stream has one AccessUnitBuffer.
+// Threads: the main context's.
+class HttpServer {
+ public:
+  // Begins to listen. Throws StationError (CodecNotUsable, and as Listener does). `onFailure` is
+  // called with an encoder's failure (Pipeline).
+  HttpServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             const ServeOptions& options, HttpStream::OnFailure onFailure);
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  const Listener& listener() const { return listener_; }
+
+ private:
+  void addStream(media_backend::GstVideoBackend::Codec codec);
+  void setUpServer();
+  void accept(GSocketConnection* connection);
+  void writeAll();
+  void answer(SoupServerMessage* message, const std::string& path);
+  bool answerText(SoupServerMessage* message, const std::string& path) const;
+  bool answerStream(SoupServerMessage* message, const std::string& path);
+  void serveStream(SoupServerMessage* message, HttpStream& stream, StreamResponse::Kind kind);
+  HttpStream* jpegStream();
+
+  static void onRequestStarted(SoupServer* server, SoupServerMessage* message, gpointer self);
+  static void onHeaders(SoupServer* server, SoupServerMessage* message, const char* path,
+                        GHashTable* query, gpointer self);
+  static void onRequest(SoupServer* server, SoupServerMessage* message, const char* path,
+                        GHashTable* query, gpointer self);
+  static void onFinished(SoupServerMessage* message, gpointer self);
+  static gboolean onPassword(SoupAuthDomain* domain, SoupServerMessage* message, const char* user,
+                             const char* password, gpointer self);
+
+  const media_backend::GstVideoBackend& backend_;
+  LiveCamera& camera_;
+  const ServeOptions options_;
+  const HttpStream::OnFailure onFailure_;
+  const gint64 begin_ = g_get_monotonic_time();
+  WakeUp wakeUp_;
+
+  std::list<HttpStream> streams_;  // first the one asked for
+  std::list<StreamResponse> responses_;
+  const GstPtr<SoupServer> server_;
+  Listener listener_;
+};
+
+}  // namespace station

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <vector>
+
+#include "record/AudioOptions.h"
+#include "record/Recorder.h"
+
+namespace station {
+
+// The audio of a recording: the track and its receiver. Does nothing for a recording without audio.
+class AudioFeed {
+ public:
+  // Reads the file; throws StationError (Source).
+  explicit AudioFeed(const AudioOptions& options);
+
+  void start(std::chrono::steady_clock::time_point time);
+  // Pushes what the track has while the video is at `videoTime`.
+  void push(Recorder& recorder, std::chrono::nanoseconds videoTime);
+  void finish(Recorder& recorder, std::chrono::nanoseconds end);
+  void printSummary() const;
+
+ private:
+  const AudioOptions& options_;
+  std::vector<OpusPacket> packets_;
+  std::optional<AudioTrack> track_;
+  std::optional<AudioReceiver> receiver_;
+};
+
+}  // namespace station

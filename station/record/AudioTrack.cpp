@@ -1,0 +1,104 @@
+#include "record/AudioTrack.h"
+
+#include <iterator>
+#include <limits>
+#include <utility>
+
+namespace station {
+namespace {
+
+using media_backend::EncodedAudioFrame;
+
+// On the guard's timeline 0 means unknown, so the track does not begin there.
+constexpr std::uint64_t kStartNs = 1'000'000'000;
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+// A "now" at which every watchdog has expired, for known loss.
+constexpr AudioTrack::TimePoint kCertain = AudioTrack::TimePoint::max();
+
+std::uint64_t onTimeline(std::chrono::nanoseconds time) {
+  return kStartNs + static_cast<std::uint64_t>(time.count());
+}
+
+void append(AudioTrack::Frames& frames, AudioTrack::Frames more) {
+  std::move(more.begin(), more.end(), std::back_inserter(frames));
+}
+
+}  // namespace
+
+AudioTrack::AudioTrack(const Settings& settings) : endNs_(kStartNs) {
+  guard_.setFallbackMode(settings.fallback);
+  guard_.setWatchdogTimeout(settings.watchdog);
+  guard_.prime(48000, 1, frameNs_);
+}
+
+void AudioTrack::receive(EncodedAudioFrame packet, TimePoint now) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  packet.ptsNs += kStartNs;
+  if (packet.ptsNs < endNs_) {
+    ++statistics_.late;
+    return;
+  }
+  // Whole frames only, the last of which ends before the packet.
+  if (packet.ptsNs - endNs_ >= frameNs_) {
+    fillLocked(packet.ptsNs - frameNs_, kCertain);
+  }
+  guard_.noteReceived(packet, now);
+  frameNs_ = packet.durationNs;
+  endNs_ = packet.ptsNs + packet.durationNs;
+  ++statistics_.received;
+}
+
+AudioTrack::Frames AudioTrack::take(std::chrono::nanoseconds until, TimePoint now) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (until.count() > 0) {
+    fillLocked(onTimeline(until) - 1, now);
+  }
+  return handOverLocked();
+}
+
+AudioTrack::Frames AudioTrack::finish(std::chrono::nanoseconds end) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (end.count() > 0) {
+    fillLocked(onTimeline(end) - 1, kCertain);
+  }
+  Frames frames = handOverLocked();
+  while (!frames.empty() && frames.back().ptsNs >= static_cast<std::uint64_t>(end.count())) {
+    frames.pop_back();
+  }
+  return frames;
+}
+
+AudioTrack::Statistics AudioTrack::statistics() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return statistics_;
+}
+
+// Adds fallback frames up to the one that spans `untilNs`, if the watchdog has expired.
+void AudioTrack::fillLocked(std::uint64_t untilNs, TimePoint now) {
+  if (untilNs < endNs_) {
+    return;
+  }
+  append(ready_, guard_.drainReceived());
+  Frames fallback;
+  if (endNs_ == kStartNs) {
+    fallback = guard_.makeFallbackUntil(kStartNs, 1, now);
+  }
+  append(fallback, guard_.makeFallbackUntil(untilNs, kNoLimit, now));
+  if (!fallback.empty()) {
+    endNs_ = fallback.back().ptsNs + fallback.back().durationNs;
+    statistics_.fallback += fallback.size();
+    append(ready_, std::move(fallback));
+  }
+}
+
+AudioTrack::Frames AudioTrack::handOverLocked() {
+  append(ready_, guard_.drainReceived());
+  Frames frames = std::exchange(ready_, {});
+  for (EncodedAudioFrame& frame : frames) {
+    frame.ptsNs -= kStartNs;
+  }
+  return frames;
+}
+
+}  // namespace station

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "record/Recorder.h"
+
+namespace station {
+
+// Progress of a recording on standard error: on a terminal one line, updated several times a
+// second, elsewhere a line every second.
+class Progress {
+ public:
+  Progress();
+
+  // To be called for every frame; prints only when a line is due.
+  void update(const Recorder& recorder, std::chrono::nanoseconds recorded);
+
+  // Ends the terminal's line.
+  void end();
+
+  // "4.02 Mbit/s" of `bytes` in `duration`.
+  static std::string bitRate(std::uint64_t bytes, std::chrono::nanoseconds duration);
+
+ private:
+  const bool onTerminal_;
+  std::chrono::steady_clock::time_point due_{};
+  bool lineOpen_ = false;
+};
+
+}  // namespace station

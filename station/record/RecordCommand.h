@@ -1,0 +1,33 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "base/Command.h"
+#include "base/Pipelines.h"
+#include "camera/CameraOptions.h"
+#include "record/AudioOptions.h"
+
+namespace station {
+
+struct RecordOptions {
+  CameraOptions camera;
+  std::filesystem::path folder;
+  DescriptionSettings recorder;
+  double durationSeconds = 0;  // 0: until stopped
+  AudioOptions audio;
+};
+
+// The command "record": frames of a camera, paced at the frame rate, into MPEG-TS segments, until
+// the duration is over, the source has ended, or Ctrl-C.
+class RecordCommand : public Command {
+ public:
+  CLI::App& addOptions(CLI::App& program) override;
+  void run() override;
+
+ private:
+  std::string board_;
+  RecordOptions options_;
+};
+
+}  // namespace station

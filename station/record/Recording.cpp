@@ -1,0 +1,140 @@
+#include "record/Recording.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/StationError.h"
+#include "record/KlvEncoder.h"
+#include "record/SensorModel.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+
+constexpr std::chrono::milliseconds kEncoderTimeout{3000};
+
+std::uint64_t frameLimit(const RecordOptions& options) {
+  if (options.durationSeconds <= 0) {
+    return std::numeric_limits<std::uint64_t>::max();
+  }
+  return static_cast<std::uint64_t>(
+      std::llround(std::ceil(options.durationSeconds * options.camera.fps)));
+}
+
+// Checks the codec first, before anything is opened or written.
+const AudioOptions& checked(const GstVideoBackend& backend, const RecordOptions& options) {
+  requireDescription(backend, Use::Record, options.recorder);
+  return options.audio;
+}
+
+std::shared_ptr<lumora::LumoraPicture> firstFrame(Camera& camera) {
+  auto picture = camera.next();
+  if (picture == nullptr) {
+    throw StationError(ExitCode::Source, "source has no pictures: " + camera.options().source);
+  }
+  return picture;
+}
+
+}  // namespace
+
+Recording::Recording(const GstVideoBackend& backend, const RecordOptions& options)
+    : options_(options),
+      audio_(checked(backend, options)),
+      camera_(Camera::open(options.camera)),
+      picture_(firstFrame(*camera_)),
+      recorder_(backend,
+                {options.recorder.encoder, options.recorder.segmentSeconds, options.recorder.klv,
+                 options.audio.isWanted(), camera_->options().width, camera_->options().height,
+                 options.camera.fps, camera_->colorimetry(), options.folder}) {
+  recorder_.setStart(start_);
+}
+
+void Recording::run() {
+  try {
+    recordFrames();
+  } catch (const StationError& error) {
+    progress_.end();
+    // A failing source leaves complete segments.
+    if (error.code() == ExitCode::Source) {
+      finish();
+    }
+    throw;
+  }
+  finish();
+  audio_.printSummary();
+  printSummary();
+}
+
+void Recording::recordFrames() {
+  const std::uint64_t limit = frameLimit(options_);
+  for (; picture_ != nullptr && index_ < limit && !stop_.requested(); index_ = nextIndex()) {
+    std::this_thread::sleep_until(base_ + timeOf(index_));
+    recordFrame();
+    if (index_ == 0) {
+      recorder_.waitForFirstFrame(kEncoderTimeout);
+      base_ = steady_clock::now();
+      audio_.start(base_);
+    }
+    audio_.push(recorder_, timeOf(index_));
+    recorder_.throwOnError();
+    progress_.update(recorder_, timeOf(index_ + 1));
+    picture_ = index_ + 1 < limit ? camera_->next() : nullptr;
+  }
+}
+
+// Everything that a host does for one frame.
+void Recording::recordFrame() {
+  const nanoseconds elapsed = timeOf(index_);
+  std::vector<std::uint8_t> klv;
+  if (options_.recorder.klv) {
+    writeSensorMetadata(
+        *picture_, start_ + std::chrono::duration_cast<system_clock::duration>(elapsed), elapsed);
+    klv = encodeMisbSt0601(*picture_);
+  }
+  std::shared_ptr<lumora::ExportedFrame> frame = pool_.exportPicture(*picture_);
+  if (frame == nullptr) {
+    throw StationError(ExitCode::Pipeline, "no memory for a frame");
+  }
+  recorder_.push(std::move(frame), index_, klv);
+}
+
+void Recording::finish() {
+  audio_.finish(recorder_, timeOf(index_));
+  recorder_.finish();
+  progress_.end();
+}
+
+nanoseconds Recording::timeOf(std::uint64_t index) const {
+  return nanoseconds(gst_util_uint64_scale(index, GST_SECOND, options_.camera.fps));
+}
+
+// A live camera may drop frames; no frame gets a timestamp in the past.
+std::uint64_t Recording::nextIndex() const {
+  const nanoseconds elapsed = steady_clock::now() - base_;
+  const std::uint64_t due = gst_util_uint64_scale(static_cast<std::uint64_t>(elapsed.count()),
+                                                  options_.camera.fps, GST_SECOND);
+  return camera_->isLive() ? std::max(index_ + 1, due) : index_ + 1;
+}
+
+void Recording::printSummary() const {
+  const Recorder::Statistics statistics = recorder_.statistics();
+  const nanoseconds recorded = timeOf(index_);
+  std::printf("recorded %llu frames, %llu dropped, %llu segments, %.1f s, %s in %s\n",
+              static_cast<unsigned long long>(statistics.pushed),
+              static_cast<unsigned long long>(statistics.dropped),
+              static_cast<unsigned long long>(statistics.segments),
+              std::chrono::duration<double>(recorded).count(),
+              Progress::bitRate(statistics.bytes, recorded).c_str(),
+              options_.folder.string().c_str());
+}
+
+}  // namespace station

@@ -1,0 +1,51 @@
+#include "record/SegmentFiles.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <system_error>
+
+#include <glib/gstdio.h>
+
+#include "base/Handles.h"
+#include "base/StationError.h"
+
+namespace station {
+
+void prepareOutputFolder(const std::filesystem::path& folder) {
+  const auto fail = [&folder](int error) {
+    throw StationError(
+        error == ENOSPC ? ExitCode::DiskFull : ExitCode::Output,
+        "cannot write to output folder " + folder.string() + ": " + std::strerror(error));
+  };
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) {
+    fail(error.value());
+  }
+  std::string probe = (folder / ".media-station-XXXXXX").string();
+  const UniqueFd file(g_mkstemp(probe.data()));
+  if (file.get() < 0) {
+    fail(errno);
+  }
+  g_unlink(probe.c_str());
+}
+
+std::filesystem::path segmentPath(const std::filesystem::path& folder,
+                                  std::chrono::system_clock::time_point start) {
+  const auto milliseconds =
+      std::chrono::duration_cast<std::chrono::milliseconds>(start.time_since_epoch()).count();
+  g_autoptr(GDateTime) time = g_date_time_new_from_unix_utc(milliseconds / 1000);
+  g_autofree gchar* seconds = g_date_time_format(time, "%Y%m%dT%H%M%S");
+  std::string fraction = std::to_string(1000 + milliseconds % 1000);
+  fraction[0] = '.';
+  const std::string stem = seconds + fraction + "Z";
+
+  std::filesystem::path path = folder / (stem + ".ts");
+  for (int i = 2; std::filesystem::exists(path); ++i) {
+    path = folder / (stem + "-" + std::to_string(i) + ".ts");
+  }
+  return path;
+}
+
+}  // namespace station

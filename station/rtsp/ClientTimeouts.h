@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include <gst/rtsp-server/rtsp-server.h>
+
+#include "base/Handles.h"
+#include "base/WeakReference.h"
+
+namespace station {
+
+// Tracks an RTSP client until it disconnects, and disconnects it when it is late. Its sessions are
+// removed with it: the server keeps them for 60 s otherwise, so clients that reconnect without
+// TEARDOWN would exhaust the session pool.
+//
+// Threads: check() the main context's; the rest runs on the server library's thread of the client.
+class ClientTimeouts {
+ public:
+  static void track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool);
+
+  // To be called a few times a second. Disconnects a client
+  // - that has had no session for 15 s,
+  // - that the stream has dropped for 3 s, as it does with one over TCP after a backlog of 10 s:
+  // its
+  //   player would wait for frames that do not come.
+  static void check(GstRTSPClient* client);
+
+  ~ClientTimeouts();
+  ClientTimeouts(const ClientTimeouts&) = delete;
+  ClientTimeouts& operator=(const ClientTimeouts&) = delete;
+
+ private:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  ClientTimeouts(GSocket* socket, GstRTSPSessionPool* pool);
+  static void onSession(GstRTSPClient* client, GstRTSPSession* session, gpointer self);
+  std::vector<GstPtr<GstRTSPSession>> sessions();
+  void check(bool hasSession);
+  void disconnect(const char* reason) const;
+
+  WeakReference socket_;
+  const GstPtr<GstRTSPSessionPool> pool_;
+  std::optional<TimePoint> noSessionSince_, stalledSince_;
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<WeakReference>> sessions_;
+};
+
+}  // namespace station

@@ -1,0 +1,53 @@
+#include "rtsp/Feeds.h"
+
+#include <utility>
+
+namespace station {
+namespace {
+
+constexpr const char* kKey = "camera-feed";
+
+}  // namespace
+
+// Ends the feed of a media, whose data it is.
+class RtspFeeds::Key {
+ public:
+  Key(std::shared_ptr<RtspFeeds> feeds, GstRTSPMedia* media)
+      : feeds_(std::move(feeds)), media_(media) {}
+  ~Key() {
+    const std::lock_guard lock(feeds_->mutex_);
+    feeds_->feeds_.erase(media_);
+  }
+  Key(const Key&) = delete;
+  Key& operator=(const Key&) = delete;
+
+ private:
+  const std::shared_ptr<RtspFeeds> feeds_;
+  GstRTSPMedia* const media_;
+};
+
+void RtspFeeds::add(GstRTSPMedia* media) {
+  const GstPtr<GstElement> bin(gst_rtsp_media_get_element(media));
+  {
+    const std::lock_guard lock(mutex_);
+    if (closed_) {
+      return;
+    }
+    feeds_[media] = std::make_unique<CameraFeed>(backend_, camera_, bin.get());
+  }
+  g_object_set_data_full(G_OBJECT(media), kKey, new Key(shared_from_this(), media),
+                         [](gpointer key) { delete static_cast<Key*>(key); });
+  g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
+}
+
+void RtspFeeds::close() {
+  const std::lock_guard lock(mutex_);
+  closed_ = true;
+  feeds_.clear();
+}
+
+void RtspFeeds::onUnprepared(GstRTSPMedia* media, gpointer /*unused*/) {
+  g_object_set_data(G_OBJECT(media), kKey, nullptr);
+}
+
+}  // namespace station

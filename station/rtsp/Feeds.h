@@ -1,0 +1,41 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include <gst/rtsp-server/rtsp-server.h>
+#include <media_backend/GstVideoBackend.h>
+
+#include "camera/CameraFeed.h"
+#include "camera/LiveCamera.h"
+
+namespace station {
+
+// The feeds of the server library's media. Media begin and end on threads of the library, and the
+// last ones may end after the camera.
+//
+// Threads: any.
+class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
+ public:
+  // `backend` and `camera` are used until close().
+  RtspFeeds(const media_backend::GstVideoBackend& backend, LiveCamera& camera)
+      : backend_(backend), camera_(camera) {}
+
+  // Feeds this media until it is unprepared; does nothing after close().
+  void add(GstRTSPMedia* media);
+  // Ends all feeds.
+  void close();
+
+ private:
+  class Key;
+  static void onUnprepared(GstRTSPMedia* media, gpointer unused);
+
+  const media_backend::GstVideoBackend& backend_;
+  LiveCamera& camera_;
+  std::mutex mutex_;
+  bool closed_ = false;
+  std::map<GstRTSPMedia*, std::unique_ptr<CameraFeed>> feeds_;
+};
+
+}  // namespace station

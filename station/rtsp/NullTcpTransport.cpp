@@ -1,0 +1,75 @@
+#include "rtsp/NullTcpTransport.h"
+
+namespace station {
+namespace {
+
+constexpr const char* kKey = "station-null-transport";
+
+// Acknowledges at once, which wakes the stream's sending thread.
+gboolean acknowledge(GstBuffer* /*packet*/, guint8 /*channel*/, gpointer transport) {
+  gst_rtsp_stream_transport_message_sent(GST_RTSP_STREAM_TRANSPORT(transport));
+  return TRUE;
+}
+
+gboolean acknowledgeList(GstBufferList* /*packets*/, guint8 channel, gpointer transport) {
+  return acknowledge(nullptr, channel, transport);
+}
+
+// A stream with a transport cannot be unprepared.
+void onTargetState(GstRTSPMedia* media, int state, gpointer transport) {
+  if (state == GST_STATE_NULL) {
+    gst_rtsp_stream_remove_transport(gst_rtsp_media_get_stream(media, 0),
+                                     GST_RTSP_STREAM_TRANSPORT(transport));
+  }
+}
+
+struct Transports {
+  const GstRTSPStreamTransport* null;
+  bool hasNull = false;
+  bool hasUdp = false;
+};
+
+GstRTSPFilterResult note(GstRTSPStream* /*stream*/, GstRTSPStreamTransport* transport,
+                         gpointer data) {
+  auto* const transports = static_cast<Transports*>(data);
+  const GstRTSPLowerTrans lower =
+      gst_rtsp_stream_transport_get_transport(transport)->lower_transport;
+  transports->hasNull = transports->hasNull || transport == transports->null;
+  transports->hasUdp = transports->hasUdp || lower == GST_RTSP_LOWER_TRANS_UDP;
+  return GST_RTSP_FILTER_KEEP;
+}
+
+}  // namespace
+
+void addNullTransport(GstRTSPMedia* media) {
+  GstRTSPTransport* settings = nullptr;
+  gst_rtsp_transport_new(&settings);
+  settings->trans = GST_RTSP_TRANS_RTP;
+  settings->lower_transport = GST_RTSP_LOWER_TRANS_TCP;
+  settings->destination = g_strdup("");  // the stream compares it with RTCP's source address
+  GstRTSPStreamTransport* const null =
+      gst_rtsp_stream_transport_new(gst_rtsp_media_get_stream(media, 0), settings);
+  gst_rtsp_stream_transport_set_callbacks(null, acknowledge, acknowledge, null, nullptr);
+  gst_rtsp_stream_transport_set_list_callbacks(null, acknowledgeList, acknowledgeList, null,
+                                               nullptr);
+  g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), null);
+  g_object_set_data_full(G_OBJECT(media), kKey, null, g_object_unref);
+}
+
+void updateNullTransport(GstRTSPSessionMedia* media) {
+  GstRTSPMedia* const pipeline = gst_rtsp_session_media_get_media(media);
+  GstRTSPStream* const stream = gst_rtsp_media_get_stream(pipeline, 0);
+  auto* const null =
+      static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(pipeline), kKey));
+  Transports transports{null};
+  // Returns a list of those that note() picks: none.
+  g_list_free(gst_rtsp_stream_transport_filter(stream, note, &transports));
+  if (transports.hasNull && !transports.hasUdp) {
+    gst_rtsp_stream_remove_transport(stream, null);
+  } else if (transports.hasUdp && !transports.hasNull) {
+    gst_rtsp_stream_add_transport(stream, null);
+    gst_rtsp_stream_transport_message_sent(null);  // the thread may be asleep already
+  }
+}
+
+}  // namespace station

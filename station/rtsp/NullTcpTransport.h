@@ -1,0 +1,30 @@
+#pragma once
+
+#include <gst/rtsp-server/rtsp-server.h>
+
+namespace station {
+
+// Workaround for rtsp-stream.c of gst-rtsp-server, up to 1.22 at least: with shared media, TCP
+// backpressure of one client stalls UDP clients.
+//
+// - While no TCP transport is ready for more, the stream takes no packet from its appsinks, and the
+//   whole pipeline waits.
+// - send_func() serves one of RTP and RTCP, then sleeps until a TCP transport reports message-sent
+// or
+//   another packet comes. Without a TCP transport nothing reports, and a transport that is removed
+//   does not wake it.
+//
+// A TCP transport that discards and acknowledges every packet keeps the stream running. It is
+// attached only while a UDP client plays: TCP clients alone are better off with fewer frames than
+// with a growing delay.
+//
+// Threads: any.
+
+// Makes the null transport of a media, detached. Call it in media-configure.
+void addNullTransport(GstRTSPMedia* media);
+
+// Attaches the media's null transport if a UDP client plays, and detaches it otherwise. Call it
+// when a client begins to play and a few times a second; the caller holds a reference to `media`.
+void updateNullTransport(GstRTSPSessionMedia* media);
+
+}  // namespace station

@@ -1,0 +1,27 @@
+#include "rtsp/ServeRtsp.h"
+
+#include <CLI/CLI.hpp>
+#include "rtsp/Server.h"
+
+namespace station {
+
+CLI::App& ServeRtsp::addOptions(CLI::App& program) {
+  CLI::App& command = ServeCommand::addOptions(program);
+  command.add_option("--path", options_.path, "Path of the stream")
+      ->check([](const std::string& path) {
+        return path.rfind('/', 0) == 0 ? "" : "the path has to begin with /";
+      })
+      ->capture_default_str();
+  command.add_option("--mtu", options_.mtu, "Most bytes of an RTP packet")
+      ->check(CLI::Range(64U, 65535U))
+      ->capture_default_str();
+  return command;
+}
+void ServeRtsp::serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+                      MainLoop& loop) {
+  RtspServer server(backend, camera, options_);
+  announce(server.listener(), options_.path, backend, camera.options());
+  loop.run(camera, options_.quiet);
+}
+
+}  // namespace station

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "serve/ServeCommand.h"
+
+namespace station {
+
+// The command "serve rtsp".
+class ServeRtsp : public ServeCommand {
+ public:
+  ServeRtsp() : ServeCommand("rtsp", "Serve RTSP", /*port=*/8554) {}
+  CLI::App& addOptions(CLI::App& program) override;
+
+ private:
+  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             MainLoop& loop) override;
+};
+
+}  // namespace station

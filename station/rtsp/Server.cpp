@@ -1,0 +1,147 @@
+#include "rtsp/Server.h"
+
+#include "base/Pipelines.h"
+#include "rtsp/Auth.h"
+#include "rtsp/ClientTimeouts.h"
+#include "rtsp/NullTcpTransport.h"
+
+namespace station {
+namespace {
+
+using media_backend::GstVideoBackend;
+
+// Longer than a session lives without keep-alive.
+constexpr std::chrono::seconds kIdle{90};
+constexpr std::chrono::milliseconds kCheckInterval{250};
+constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
+// Below the kernel's ephemeral ports.
+constexpr guint16 kFirstUdpPort = 16384;
+constexpr guint16 kLastUdpPort = 32767;
+
+// Workaround for rtsp-client.c of gst-rtsp-server, up to 1.22 at least: a second SETUP in a session
+// replaces the stream's transport. send_func() may be using it, or the stream counts it for the
+// other protocol after a PLAY that failed; either way the process ends.
+GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+  GList* const all = context->session != nullptr
+                         ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
+                         : nullptr;
+  const bool isSetUp = all != nullptr;
+  g_list_free_full(all, g_object_unref);
+  return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
+}
+
+void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+  updateNullTransport(context->sessmedia);
+  // Wakes the stream's sending thread: it may still wait for a TCP client that has left.
+  gst_rtsp_stream_transport_message_sent(
+      gst_rtsp_session_media_get_transport(context->sessmedia, 0));
+}
+
+using FeedsPtr = std::shared_ptr<RtspFeeds>;
+
+void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
+  (*static_cast<FeedsPtr*>(feeds))->add(media);
+  addNullTransport(media);
+}
+
+void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
+  delete static_cast<FeedsPtr*>(feeds);
+}
+
+GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*client*/,
+                                 gpointer /*unused*/) {
+  return GST_RTSP_FILTER_REMOVE;
+}
+
+}  // namespace
+
+RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
+                       const ServeOptions& options)
+    : options_(options),
+      description_(
+          "( " +
+          requireDescription(backend, Use::Rtsp, {options.encoder, 0, false, false, options.mtu}) +
+          ")"),
+      feeds_(std::make_shared<RtspFeeds>(backend, camera)),
+      server_(gst_rtsp_server_new()),
+      listener_(options.address, options.port, {options.maxClients, kIdle, options.quiet},
+                [this](GSocketConnection* connection) { accept(connection); }) {
+  gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
+  gst_rtsp_session_pool_set_max_sessions(sessions.get(), options.maxClients);
+  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(onClient), nullptr);
+  addCamera();
+}
+
+RtspServer::~RtspServer() {
+  listener_.stop();
+  // Returns a list of the clients that removeClient() picks: none.
+  g_list_free(gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr));
+  feeds_->close();
+}
+
+void RtspServer::addCamera() {
+  GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
+  gst_rtsp_media_factory_set_launch(factory, description_.c_str());
+  gst_rtsp_media_factory_set_shared(factory, TRUE);
+  gst_rtsp_media_factory_set_protocols(
+      factory, static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
+  g_signal_connect_data(factory, "media-configure", G_CALLBACK(onMedia), new FeedsPtr(feeds_),
+                        dropFeeds, static_cast<GConnectFlags>(0));
+  restrictPorts(factory);
+  if (options_.credentials) {
+    requirePassword(server_.get(), factory, *options_.credentials);
+  }
+  const GstPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
+  gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it
+}
+
+// Sends RTP over UDP from the address that was asked for, too.
+void RtspServer::restrictPorts(GstRTSPMediaFactory* factory) const {
+  g_autoptr(GInetAddress) address = g_inet_address_new_from_string(options_.address.c_str());
+  if (g_inet_address_get_is_any(address)) {
+    return;
+  }
+  g_autoptr(GstRTSPAddressPool) pool = gst_rtsp_address_pool_new();
+  gst_rtsp_address_pool_add_range(pool, options_.address.c_str(), options_.address.c_str(),
+                                  kFirstUdpPort, kLastUdpPort, /*ttl=*/0);
+  gst_rtsp_media_factory_set_address_pool(factory, pool);
+}
+
+void RtspServer::accept(GSocketConnection* connection) {
+  g_autoptr(GSocketAddress) remote = g_socket_connection_get_remote_address(connection, nullptr);
+  if (remote == nullptr) {
+    return;
+  }
+  g_autofree gchar* address =
+      g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(remote)));
+  gst_rtsp_server_transfer_connection(
+      server_.get(), G_SOCKET(g_object_ref(g_socket_connection_get_socket(connection))), address,
+      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)), nullptr);
+  if (!checking_ || !checking_->isActive()) {
+    checking_.emplace(kCheckInterval, [this] {
+      checkClients();
+      return listener_.connections() > 0;
+    });
+  }
+}
+
+void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*unused*/) {
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
+  GstRTSPConnection* const connection = gst_rtsp_client_get_connection(client);
+  ClientTimeouts::track(client, gst_rtsp_connection_get_read_socket(connection), sessions.get());
+  g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
+  g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
+}
+
+void RtspServer::checkClients() {
+  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
+  gst_rtsp_session_pool_cleanup(sessions.get());
+  GList* const clients = gst_rtsp_server_client_filter(server_.get(), nullptr, nullptr);
+  for (const GList* item = clients; item != nullptr; item = item->next) {
+    ClientTimeouts::check(GST_RTSP_CLIENT(item->data));
+  }
+  g_list_free_full(clients, g_object_unref);
+}
+
+}  // namespace station

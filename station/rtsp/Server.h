@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <gst/rtsp-server/rtsp-server.h>
+#include <media_backend/GstVideoBackend.h>
+
+#include "camera/LiveCamera.h"
+#include "rtsp/Feeds.h"
+#include "serve/Listener.h"
+#include "serve/ServeOptions.h"
+#include "serve/Timer.h"
+
+namespace station {
+
+// A camera over RTSP: one pipeline for all clients, which exists only while one of them plays.
+//
+// Threads: the main context's.
+class RtspServer {
+ public:
+  // Begins to listen. Throws StationError (CodecNotUsable, and as Listener does).
+  RtspServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+             const ServeOptions& options);
+  ~RtspServer();
+  RtspServer(const RtspServer&) = delete;
+  RtspServer& operator=(const RtspServer&) = delete;
+
+  const Listener& listener() const { return listener_; }
+
+ private:
+  void addCamera();
+  void restrictPorts(GstRTSPMediaFactory* factory) const;
+  void accept(GSocketConnection* connection);
+  void checkClients();
+
+  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer unused);
+
+  const ServeOptions options_;
+  const std::string description_;
+  const std::shared_ptr<RtspFeeds> feeds_;
+  const GstPtr<GstRTSPServer> server_;
+  Listener listener_;
+  std::optional<Timer> checking_;  // active while there are clients
+};
+
+}  // namespace station

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+namespace station {
+
+// What the clients of a server share. Its use count tells how many there are.
+struct ClientSettings {
+  const bool quiet;                 // no log
+  const std::chrono::seconds idle;  // after which their sockets time out
+  std::atomic<bool> stopping{false};
+};
+
+// A server's client, as data of its socket. Logs one line, with the client's address, when it
+// connects, is refused, is disconnected by the server, or leaves: when its socket is freed.
+//
+// Threads: any.
+class Client {
+ public:
+  static void attach(GSocket* socket, std::shared_ptr<const ClientSettings> settings);
+  // For a connection that is closed right away.
+  static void logRefusal(GSocket* socket, const std::string& reason);
+
+  // Nothing for a socket without a client.
+  static void refuse(GSocket* socket, const std::string& reason);      // a request
+  static void disconnect(GSocket* socket, const std::string& reason);  // shuts the socket down
+  // Bytes were read or written. Without such calls, a client is never logged as idle.
+  static void noteActivity(GSocket* socket);
+
+  Client(GSocket* socket, std::shared_ptr<const ClientSettings> settings);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+ private:
+  static Client* of(GSocket* socket);
+  bool isIdle() const;
+  void log(const std::string& event) const;
+
+  const std::shared_ptr<const ClientSettings> settings_;
+  const std::string address_;
+  std::atomic<gint64> lastActivity_{0};  // monotonic, in microseconds
+  std::atomic<bool> isDisconnected_{false};
+};
+
+}  // namespace station

@@ -1,0 +1,107 @@
+#include "serve/Listener.h"
+
+#include <utility>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include "base/StationError.h"
+
+namespace station {
+namespace {
+
+// Of the kernel, which doubles it, for a client that does not read.
+constexpr int kSendBufferBytes = 256 * 1024;
+constexpr int kBacklog = 128;
+constexpr unsigned int kOtherDescriptors = 128;  // of the process, beside connections
+
+// Without a free descriptor, GLib retries accept(), and logs the failure, without a pause.
+void reserveDescriptors(unsigned int connections) {
+  const rlim_t wanted = rlim_t{connections} + kOtherDescriptors;
+  struct rlimit limit {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_cur >= wanted) {
+    return;
+  }
+  limit.rlim_cur = wanted;
+  if (wanted > limit.rlim_max || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    throw StationError(ExitCode::Usage, "so many clients take up to " + std::to_string(wanted) +
+                                            " open files, but the system allows " +
+                                            std::to_string(limit.rlim_max) +
+                                            ": lower --max-clients or raise the limit (ulimit -n)");
+  }
+}
+
+}  // namespace
+
+Listener::Listener(const std::string& address, std::uint16_t port, const Limits& limits,
+                   Accept accept)
+    : limits_(limits),
+      accept_(std::move(accept)),
+      clients_(std::shared_ptr<ClientSettings>(new ClientSettings{limits.quiet, limits.idle})),
+      service_(g_socket_service_new()) {
+  reserveDescriptors(limits.connections);
+  g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string(address.c_str(), port);
+  if (wanted == nullptr) {
+    throw StationError(ExitCode::Usage, "not a numeric address: " + address);
+  }
+  g_autoptr(GError) error = nullptr;
+  GSocketAddress* effective = nullptr;
+  g_socket_listener_set_backlog(G_SOCKET_LISTENER(service_.get()), kBacklog);
+  if (!g_socket_listener_add_address(G_SOCKET_LISTENER(service_.get()), wanted,
+                                     G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr,
+                                     &effective, &error)) {
+    throw StationError(ExitCode::Output, "cannot serve on " + address + " port " +
+                                             std::to_string(port) + ": " + error->message);
+  }
+  address_.reset(G_INET_SOCKET_ADDRESS(effective));
+  g_signal_connect(service_.get(), "incoming", G_CALLBACK(onIncoming), this);
+}
+
+Listener::~Listener() {
+  stop();
+}
+
+void Listener::stop() {
+  clients_->stopping = true;
+  g_socket_service_stop(service_.get());
+  g_socket_listener_close(G_SOCKET_LISTENER(service_.get()));
+}
+
+gboolean Listener::onIncoming(GSocketService* /*service*/, GSocketConnection* connection,
+                              GObject* /*source*/, gpointer self) {
+  auto* const listener = static_cast<Listener*>(self);
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  if (listener->connections() >= listener->limits_.connections) {
+    if (!listener->limits_.quiet) {
+      Client::logRefusal(
+          socket, "there are " + std::to_string(listener->connections()) + " connections already");
+    }
+    g_io_stream_close(G_IO_STREAM(connection), nullptr, nullptr);
+    return TRUE;
+  }
+  Client::attach(socket, listener->clients_);
+  g_socket_set_timeout(socket, static_cast<guint>(listener->limits_.idle.count()));
+  g_socket_set_keepalive(socket, TRUE);
+  g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes, nullptr);
+  listener->accept_(connection);
+  return TRUE;
+}
+
+std::string Listener::authority() const {
+  GInetAddress* const host = g_inet_socket_address_get_address(address_.get());
+  g_autofree gchar* text = g_inet_address_to_string(host);
+  const bool bracketed = g_inet_address_get_family(host) == G_SOCKET_FAMILY_IPV6;
+  return (bracketed ? "[" + std::string(text) + "]" : std::string(text)) + ":" +
+         std::to_string(g_inet_socket_address_get_port(address_.get()));
+}
+
+bool Listener::isLoopback() const {
+  return g_inet_address_get_is_loopback(g_inet_socket_address_get_address(address_.get())) != FALSE;
+}
+
+unsigned int Listener::connections() const {
+  return static_cast<unsigned int>(clients_.use_count() - 1);
+}
+
+}  // namespace station

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+#include "base/Handles.h"
+#include "serve/Client.h"
+
+namespace station {
+
+// Accepts TCP connections for a server on the default main context, and closes those beyond its
+// limit. Logs its clients.
+//
+// Threads: the main context's; connections() any.
+class Listener {
+ public:
+  struct Limits {
+    unsigned int connections;   // at once
+    std::chrono::seconds idle;  // of a socket that waits to read or write
+    bool quiet;                 // no log of clients
+  };
+  // Takes a connection whose socket has the limits set.
+  using Accept = std::function<void(GSocketConnection* connection)>;
+
+  // Listens on a numeric address, on any free port if `port` is 0. Raises the process's limit of
+  // open files if it is too low for the connections. Throws StationError: Usage for something that
+  // is not an address or more connections than the system allows, Output for an address that is
+  // taken or not this machine's.
+  Listener(const std::string& address, std::uint16_t port, const Limits& limits, Accept accept);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  // "127.0.0.1:8080", "[::1]:8080"
+  std::string authority() const;
+  bool isLoopback() const;
+  unsigned int connections() const;
+  // Accepts no more. Clients that end from now on are logged as disconnected.
+  void stop();
+
+ private:
+  static gboolean onIncoming(GSocketService* service, GSocketConnection* connection,
+                             GObject* source, gpointer self);
+
+  const Limits limits_;
+  const Accept accept_;
+  const std::shared_ptr<ClientSettings> clients_;
+  const GstPtr<GSocketService> service_;
+  GstPtr<GInetSocketAddress> address_;
+};
+
+}  // namespace station

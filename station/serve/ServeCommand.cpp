@@ -1,0 +1,50 @@
+#include "serve/ServeCommand.h"
+
+#include <cstdio>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "base/Board.h"
+#include "base/Options.h"
+#include "camera/LiveCamera.h"
+
+namespace station {
+
+using media_backend::GstVideoBackend;
+
+CLI::App& ServeCommand::addOptions(CLI::App& program) {
+  const std::vector<CLI::App*> groups = program.get_subcommands(
+      [](CLI::App* subcommand) { return subcommand->get_name() == "serve"; });
+  CLI::App* const group =
+      groups.empty() ? program.add_subcommand(
+                           "serve", "Show a camera, or a file played as one, live on the network")
+                     : groups.front();
+  group->require_subcommand(1);
+  CLI::App& command = *group->add_subcommand(name_, help_);
+  addBoardOption(command, board_);
+  options_.addTo(command);
+  return command;
+}
+
+void ServeCommand::run() {
+  const GstVideoBackend& backend = openUsableBoard(board_);
+  MainLoop loop;
+  LiveCamera camera(Camera::open(options_.camera), [&loop] { loop.cameraChanged(); });
+  serve(backend, camera, loop);
+}
+
+void ServeCommand::announce(const Listener& listener, const std::string& path,
+                            const GstVideoBackend& backend, const CameraOptions& camera) const {
+  std::printf("serving %s://%s%s  %s %u x %u, %u frames per second, %s\n", name_,
+              listener.authority().c_str(), path.c_str(),
+              GstVideoBackend::codecName(options_.encoder.codec), camera.width, camera.height,
+              camera.fps, backend.name());
+  std::fflush(stdout);
+  if (!listener.isLoopback() && !options_.credentials) {
+    std::fprintf(stderr,
+                 "note: whoever reaches this address can watch; --auth asks for a password\n");
+  }
+}
+
+}  // namespace station

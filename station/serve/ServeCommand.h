@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+
+#include "base/Command.h"
+#include "serve/Listener.h"
+#include "serve/MainLoop.h"
+#include "serve/ServeOptions.h"
+
+namespace station {
+
+// What the commands "serve rtsp" and "serve http" share: live video of a camera, until Ctrl-C.
+class ServeCommand : public Command {
+ public:
+  CLI::App& addOptions(CLI::App& program) override;
+  void run() final;
+
+ protected:
+  ServeCommand(const char* name, const char* help, std::uint16_t port) : name_(name), help_(help) {
+    options_.port = port;
+  }
+
+  // Makes the server, calls announce() and runs the loop.
+  virtual void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+                     MainLoop& loop) = 0;
+  void announce(const Listener& listener, const std::string& path,
+                const media_backend::GstVideoBackend& backend, const CameraOptions& camera) const;
+
+  ServeOptions options_;
+
+ private:
+  const char* const name_;
+  const char* const help_;
+  std::string board_;
+};
+
+}  // namespace station

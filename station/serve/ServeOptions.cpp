@@ -1,0 +1,26 @@
+#include "serve/ServeOptions.h"
+
+#include <CLI/CLI.hpp>
+
+#include "base/Options.h"
+
+namespace station {
+
+void ServeOptions::addTo(CLI::App& command) {
+  addEncoderOptions(command, encoder);
+  camera.addTo(command);
+  command.add_option("--port", port, "TCP port; 0 for any free one")->capture_default_str();
+  command.add_option("--bind", address, "Numeric address to serve on")->capture_default_str();
+  command
+      .add_option_function<std::string>(
+          "--auth",
+          [this](const std::string& text) { credentials = Credentials::fromOption(text); },
+          "USER:FILE, to ask for a password, which is the file's first line")
+      ->type_name("USER:FILE");
+  command.add_option("--max-clients", maxClients, "Clients that may watch at once")
+      ->check(CLI::Range(1U, 10000U))
+      ->capture_default_str();
+  command.add_flag("--quiet", quiet, "Do not log clients and the camera");
+}
+
+}  // namespace station

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <media_backend/GstVideoBackend.h>
+
+#include "base/Command.h"
+#include "camera/CameraOptions.h"
+#include "serve/Credentials.h"
+
+namespace station {
+
+struct ServeOptions {
+  CameraOptions camera;
+  media_backend::GstVideoBackend::EncoderConfig encoder;
+  std::string address = "127.0.0.1";  // numeric
+  std::uint16_t port = 0;             // 0: any free one
+  std::optional<Credentials> credentials;
+  unsigned int maxClients = 32;
+  bool quiet = false;  // no log of clients and camera
+  // RTSP only
+  std::string path = "/camera";
+  unsigned int mtu = 1400;  // bytes of an RTP packet
+
+  void addTo(CLI::App& command);
+};
+
+}  // namespace station
