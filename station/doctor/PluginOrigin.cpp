@@ -1,5 +1,6 @@
 #include "doctor/PluginOrigin.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -86,10 +87,8 @@ std::map<std::string, std::string> packagesOf(const std::vector<PluginOrigin>& o
 }  // namespace
 
 std::vector<PluginOrigin> originsOf(const std::vector<std::string>& elements) {
-  std::vector<PluginOrigin> origins;
-  for (const std::string& element : elements) {
-    origins.push_back(originOf(element));
-  }
+  std::vector<PluginOrigin> origins(elements.size());
+  std::transform(elements.begin(), elements.end(), origins.begin(), originOf);
   const std::map<std::string, std::string> packages = packagesOf(origins);
   for (PluginOrigin& origin : origins) {
     const auto package = packages.find(realName(origin.file));

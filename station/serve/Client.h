@@ -11,6 +11,8 @@ namespace station {
 
 // What the clients of a server share. Its use count tells how many there are.
 struct ClientSettings {
+  ClientSettings(bool isQuiet, std::chrono::seconds limit) : quiet(isQuiet), idle(limit) {}
+
   const bool quiet;                 // no log
   const std::chrono::seconds idle;  // after which their sockets time out
   std::atomic<bool> stopping{false};

@@ -38,7 +38,7 @@ Listener::Listener(const std::string& address, std::uint16_t port, const Limits&
                    Accept accept)
     : limits_(limits),
       accept_(std::move(accept)),
-      clients_(std::shared_ptr<ClientSettings>(new ClientSettings{limits.quiet, limits.idle})),
+      clients_(std::make_shared<ClientSettings>(limits.quiet, limits.idle)),
       service_(g_socket_service_new()) {
   reserveDescriptors(limits.connections);
   g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string(address.c_str(), port);
