@@ -7,6 +7,7 @@
 
 #include "Program.h"
 #include "Server.h"
+#include "support/Clip.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -43,8 +44,9 @@ TEST(ServeLog, SaysWhoComesAndWhyTheyAreRefused) {
 
 TEST(ServeLog, QuietIsQuiet) {
   const TempFolder folder;
+  makeClip(folder / "clip.mp4", "320x180", 30, 60);
   Program program(
-      station({"serve", "http", makeClip(folder), "--board", "imx", "--port", "0", "--quiet"}));
+      station({"serve", "http", folder / "clip.mp4", "--board", "imx", "--port", "0", "--quiet"}));
   const std::string line = program.readLine();
   const std::size_t url = line.find("http://");
   request(line.substr(url, line.find(' ', url) - url) + "snapshot.jpg", {});
