@@ -1,7 +1,5 @@
 """Clients of media-station's servers: some behave, some vanish, some do not read."""
 
-import collections
-import contextlib
 import http.client
 import re
 import signal
@@ -12,7 +10,7 @@ import threading
 import time
 import urllib.parse
 
-from support import PATIENCE, Broken, require
+from support import CHILDREN, PATIENCE, require
 
 STREAMS = ["/stream.h264", "/stream.mjpeg"]
 PAGES = ["/", "/page.js", "/status.json", "/metrics", "/snapshot.jpg"]
@@ -38,24 +36,14 @@ def request(method, path, *headers, version="HTTP/1.1"):
     return "\r\n".join([f"{method} {path} {version}", *headers, "", ""]).encode()
 
 
-def get(url, path):
-    """Status and body."""
-    client = http.client.HTTPConnection(urllib.parse.urlsplit(url).netloc, timeout=PATIENCE)
-    with contextlib.closing(client):
-        client.request("GET", path)
-        answer = client.getresponse()
-        return answer.status, answer.read() if path not in STREAMS else b""
-
-
 class Rtsp:
     """Sends any request over one connection."""
-    Answer = collections.namedtuple("Answer", "status headers")
 
     def __init__(self, url, client=None):
         self.url = url
-        self.client = client if client is not None else connect(url)
+        self.client = client or connect(url)
         self.stream = self.client.makefile("rb")
-        self.session = None
+        self.session = []
         self.number = 0
 
     def __enter__(self):
@@ -65,54 +53,41 @@ class Rtsp:
         self.stream.close()
         self.client.close()
 
-    def answer(self):
-        """The next answer; packets before it are skipped. None if the server has closed."""
-        while (first := self.stream.read(1)) == b"$":
-            self.stream.read(struct.unpack(">BH", self.stream.read(3))[1])
-        if not first:
-            return None
-        line = (first + self.stream.readline()).decode(errors="replace")
-        found = re.fullmatch(r"RTSP/[12]\.\d ([1-5]\d\d) .*\r\n", line)
-        require(found, f"not a status line: {line!r}")
-        headers = {}
-        while (line := self.stream.readline().decode(errors="replace").strip()):
-            name, _, value = line.partition(":")
-            headers[name.lower()] = value.strip()
-        self.stream.read(int(headers.get("content-length", 0)))
-        return self.Answer(int(found[1]), headers)
-
     def ask(self, method, path="", *headers):
-        """The status, 0 if the server has closed instead. Remembers the session."""
+        """The status, 0 if the server has closed instead. Remembers the session, skips packets."""
         self.number += 1
-        session = [f"Session: {self.session}"] if self.session else []
         try:
-            self.client.sendall(request(method, self.url + path, f"CSeq: {self.number}", *session,
+            self.client.sendall(request(method, self.url + path, f"CSeq: {self.number}", *self.session,
                                         *headers, version="RTSP/1.0"))
-            answer = self.answer()
+            while (line := self.stream.read(1)) == b"$":
+                self.stream.read(struct.unpack(">BH", self.stream.read(3))[1])
+            line += self.stream.readline()
+            answer = http.client.parse_headers(self.stream)
         except (ConnectionError, struct.error):
-            answer = None
-        if answer is None:
             return 0
-        if "session" in answer.headers:
-            self.session = answer.headers["session"].partition(";")[0]
-        return answer.status
+        if not line:
+            return 0
+        found = re.fullmatch(rb"RTSP/[12]\.\d ([1-5]\d\d) .*\r\n", line)
+        require(found, f"not a status line: {line!r}")
+        self.stream.read(int(answer.get("Content-Length", 0)))
+        if "Session" in answer:
+            self.session = ["Session: " + answer["Session"].partition(";")[0]]
+        return int(found[1])
 
     def setup(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1"):
         return self.ask("SETUP", "/stream=0", f"Transport: {transport}")
 
-    def begin(self):
-        for status in self.ask("DESCRIBE"), self.setup(), self.ask("PLAY"):
-            require(status == 200, f"a client that behaves is answered {status}")
 
-
-def begin_to_watch(url, chance, receive_buffer=None):
+def begin_to_watch(url, path, receive_buffer=None):
     """A connection with a stream, or without one if the server has enough clients."""
     client = connect(url, receive_buffer)
-    with contextlib.suppress(OSError, Broken):
-        if url.startswith("http"):
-            client.sendall(request("GET", chance.choice(STREAMS), "Host: a"))
-        else:
-            Rtsp(url, client).begin()
+    if url.startswith("http"):
+        client.sendall(request("GET", path, "Host: a"))
+    else:
+        talk = Rtsp(url, client)
+        talk.ask("DESCRIBE")
+        talk.setup()
+        talk.ask("PLAY")
     return client
 
 
@@ -126,6 +101,7 @@ class Watcher(threading.Thread):
         self.process = subprocess.Popen(
             ["ffmpeg", "-v", "error", "-probesize", "500000", *source, "-c", "copy", "-flush_packets", "1",
              "-f", "framecrc", "-"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        CHILDREN.append(self.process)
         self.times = []
         self.start()
 
@@ -146,29 +122,3 @@ class Watcher(threading.Thread):
         errors = self.process.stderr.read().decode(errors="replace")
         self.process.wait()
         return errors
-
-
-def come_and_go(url, chance, seconds):
-    """A client of any kind, for so long."""
-    kind = chance.choice(["watches", "watches", "does not read", "half a request", "ffmpeg", "pages"])
-    if kind == "ffmpeg":
-        watcher = Watcher(url, chance.choice(["tcp", "udp"]))
-        time.sleep(seconds)
-        watcher.end(chance.choice([signal.SIGINT, signal.SIGKILL]))
-        return
-    if kind == "pages" and url.startswith("http"):
-        for path in PAGES:
-            require(get(url, path)[0] == 200, f"{path} is not served")
-        return
-    end = time.monotonic() + seconds
-    if kind == "half a request":
-        client = connect(url)
-        client.sendall(b"GET /stream.mjpeg HTT")
-    else:
-        client = begin_to_watch(url, chance)
-    while kind == "watches" and time.monotonic() < end:
-        require(client.recv(65536), "the stream ended")
-    time.sleep(max(0, end - time.monotonic()))
-    if chance.random() < 0.5:
-        reset(client)
-    client.close()

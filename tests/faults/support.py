@@ -7,6 +7,7 @@ import re
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 
 BEGIN = time.monotonic()
@@ -14,6 +15,7 @@ PATIENCE = 30  # seconds, on a busy machine
 # Without these, malloc() keeps freed memory in an arena for every few threads, and its level rises for tens
 # of minutes.
 ONE_HEAP = {"MALLOC_ARENA_MAX": "1", "MALLOC_MMAP_THRESHOLD_": "16384"}
+CHILDREN = []  # that end with the part
 
 
 class Broken(Exception):
@@ -37,16 +39,28 @@ def await_that(holds, text, patience=PATIENCE):
         time.sleep(0.05)
 
 
-def find_station(builds):
-    program = pathlib.Path(builds) / "release/station/media-station"
+def run(part):
+    """Calls a part with the program, a scratch folder, the seconds and the seed; ends with its exit code."""
+    builds, seconds, seed = sys.argv[1], int(sys.argv[2]), sys.argv[3]
+    program = pathlib.Path(builds).resolve() / "release/station/media-station"
     if not program.is_file():
         log(f"there is no {program}")
         sys.exit(77)
-    return program.resolve()
+    code = 1
+    with tempfile.TemporaryDirectory() as scratch:
+        try:
+            code = part(program, pathlib.Path(scratch), seconds, seed)
+        except (Broken, OSError) as broken:
+            log(f"BROKEN: {broken!r}")
+        finally:
+            for child in CHILDREN:
+                child.kill()
+                child.wait()
+    sys.exit(code)
 
 
 def make_clip(path, size, seconds, look="null"):
-    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+    subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i",
                     f"testsrc2=size={size[0]}x{size[1]}:rate=30:duration={seconds},{look}", "-c:v",
                     "libx264", "-preset", "ultrafast", path], check=True, stdin=subprocess.DEVNULL)
 
@@ -55,11 +69,11 @@ class Station:
     """A process of media-station, and what it takes."""
 
     def __init__(self, name, folder, command, **more):
-        self.name, self.url = name, None
+        self.name = name
         self.errors = folder / (name.replace(" ", "-") + ".log")
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True,
-                                        stderr=self.errors.open("wb"),
-                                        env={**ONE_HEAP, **os.environ}, **more)
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env={**ONE_HEAP, **os.environ},
+                                        stderr=self.errors.open("wb"), **more)
+        CHILDREN.append(self.process)
         if "serve" in command:
             found = re.search(r"\w+://[\d.:]+/\S*", line := self.process.stdout.readline())
             require(found, f"{name} does not start: {line}")
