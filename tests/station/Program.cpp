@@ -2,6 +2,16 @@
 
 #include <gtest/gtest.h>
 
+namespace {
+
+// Without its end; empty at the stream's end.
+std::string nextLine(GDataInputStream* stream) {
+  g_autofree gchar* line = g_data_input_stream_read_line(stream, nullptr, nullptr, nullptr);
+  return line != nullptr ? line : "";
+}
+
+}  // namespace
+
 Program::Program(const std::vector<std::string>& arguments) {
   std::vector<const char*> argv;
   for (const std::string& argument : arguments) {
@@ -32,21 +42,15 @@ Program::~Program() {
 }
 
 std::string Program::readLine() {
-  g_autofree gchar* line = g_data_input_stream_read_line(out_, nullptr, nullptr, nullptr);
-  return line != nullptr ? line : "";
+  return nextLine(out_);
 }
 
 void Program::awaitErrorLine(const std::string& line) {
-  while (true) {
-    g_autofree gchar* next = g_data_input_stream_read_line(err_, nullptr, nullptr, nullptr);
-    if (next == nullptr) {
-      ADD_FAILURE() << "the program ended without the line: " << line;
-      return;
-    }
-    if (line == next) {
-      return;
-    }
-  }
+  std::string next;
+  do {
+    next = nextLine(err_);
+  } while (next != line && !next.empty());
+  EXPECT_EQ(next, line) << "the program ended without it";
 }
 
 void Program::signal(int number) {

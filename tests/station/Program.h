@@ -20,8 +20,6 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  // What identifies it in /proc.
-  std::string pid() const { return g_subprocess_get_identifier(process_); }
   // Next line of its standard output, without the end of line; empty at its end.
   std::string readLine();
   // Reads standard error up to this line, or fails the test at its end.

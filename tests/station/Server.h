@@ -25,7 +25,6 @@ class Server {
 
   // "rtsp://127.0.0.1:1234/camera"; HTTP without the last slash.
   const std::string& url() const { return url_; }
-  int port() const { return port_; }
 
   // Waits for a line of this text on standard error, after those already read.
   void awaitLine(const std::string& line) { program_.awaitErrorLine(line); }
@@ -37,7 +36,6 @@ class Server {
   TempFolder folder_;
   Program program_;
   std::string url_;
-  int port_ = 0;
 };
 
 // Makes the clip that servers show.
