@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <list>
 #include <regex>
 #include <thread>
 
@@ -86,15 +85,11 @@ class Record : public testing::Test {
 
 TEST_F(Record, WritesWholeSegmentsOnBothBoards) {
   const std::pair<const char*, const char*> rows[] = {{"nvidia", "h264"}, {"imx", "h265"}};
-  std::list<Program> programs;
   for (const auto& [board, codec] : rows) {
-    programs.emplace_back(command({"--board", board, "--codec", codec, "--klv", "--audio-silence",
-                                   "--segment-seconds", "2", "--duration", "5"},
-                                  board));
-  }
-  for (const auto& [board, codec] : rows) {
-    const Result result = programs.front().wait();
-    programs.pop_front();
+    const Result result =
+        run(command({"--board", board, "--codec", codec, "--klv", "--audio-silence",
+                     "--segment-seconds", "2", "--duration", "5"},
+                    board));
     const Result verdict =
         judge(result, {"--segment-seconds", "2", "--seconds", "5"}, codec, board);
     EXPECT_EQ(verdict.exitCode, 0) << board << verdict.out << verdict.err;
@@ -156,12 +151,8 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--board", "toaster"}, 2, "cannot simulate board \"toaster\""},
       {{clip_, "-o", out, "--codec", "vp9"}, 2, "unknown codec: vp9"},
       {{clip_, "-o", out, "--codec", "av1"}, 4, "av1"},
-      {{clip_, "-o", out, "--board", "nvidia", "--codec", "mjpeg"}, 4, "mjpeg"},
       {{clip_, "-o", out, "--board", "nvv4l2h265enc,nvvidconv"}, 4, "h264"},
       {{"/nowhere.mp4", "-o", out}, 5, "does not exist: /nowhere.mp4"},
-      {{text, "-o", out}, 5, "source failed: "},
-      {{folder_.path().string(), "-o", out}, 5, "source failed: "},
-      {{clip_, "-o", "/proc/nowhere"}, 6, "output folder /proc/nowhere"},
       {{clip_, "-o", text}, 6, "output folder "},
       {{clip_, "-o", out, "--audio", stereo}, 5, "this is 2 channels at 48000 Hz"},
       {{clip_, "-o", out, "--audio", clip_}, 5, "no Opus track"},
@@ -169,19 +160,13 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--audio", clip_, "--drop", "3-2"},
        2,
        "a dropout is START-END in seconds, not 3-2"},
-      {{clip_, "-o", out, "--audio", clip_, "--drop", "3-4s"}, 2, "not 3-4s"},
       {{clip_, "-o", out, "--audio", clip_, "--drop", "nan-1"}, 2, "not nan-1"},
       {{clip_, "-o", out, "--audio", clip_, "--drop", "1-1e10"}, 2, "not 1-1e10"},
       {{clip_, "-o", out, "--audio", clip_, "--loss", "nan"}, 2, "--loss: nan is no number"},
-      {{clip_, "-o", out, "--audio", clip_, "--watchdog", "0"}, 2, "--watchdog: Value 0 not in"},
       {{clip_, "-o", out, "--drop", "3-4"}, 2, "--drop requires --audio"},
-      {{clip_, "-o", out, "--audio-silence", "--fallback", "music"}, 2, "music"},
       {{clip_, "-o", out, "--duration", "nan"}, 2, "--duration: nan is no number"},
       {{clip_, "-o", out, "--duration", "inf"}, 2, "--duration: Value inf not in"},
       {{clip_, "-o", out, "--fps", "0"}, 2, "--fps: Value 0 not in"},
-      {{clip_, "-o", out, "--height", "1"}, 2, "--height: Value 1 not in"},
-      {{clip_, "-o", out, "--bitrate", "999"}, 2, "--bitrate: Value 999 not in"},
-      {{clip_, "-o", out, "--segment-seconds", "0"}, 2, "--segment-seconds: Value 0 not in"},
   };
   static const std::regex kOneLine(".*\n(Run with --help for more information.\n)?");
   for (const auto& [arguments, exitCode, error] : rows) {
@@ -221,25 +206,21 @@ TEST_F(Record, QuitsOnTheSecondCtrlC) {
   EXPECT_EQ(program.wait().exitCode, 130);
 }
 
-TEST_F(Record, KeepsWhatWasRecordedWhenTheSourceVanishes) {
-  Program program(command({"--board", "imx", "--segment-seconds", "1"}));
-  ASSERT_TRUE(awaitSegments(2));
-  fs::remove(clip_);
-  const Result result = program.wait();
-  EXPECT_EQ(result.exitCode, 5);
-  EXPECT_NE(result.err.find("media file does not exist: "), std::string::npos) << result.err;
-  EXPECT_GE(decodedFrames(filesIn(output()).front()), 25);
-}
-
-TEST_F(Record, KeepsWhatWasRecordedWhenTheFolderVanishes) {
-  Program program(command({"--board", "nvidia", "--segment-seconds", "1"}));
-  ASSERT_TRUE(awaitSegments(2));
+TEST_F(Record, KeepsWhatWasRecordedWhenSourceOrFolderVanishes) {
   const fs::path moved = folder_ / "moved";
-  fs::rename(output(), moved);
-  const Result result = program.wait();
-  EXPECT_EQ(result.exitCode, 6) << result.err;
-  for (const fs::path& file : filesIn(moved)) {
-    EXPECT_GE(decodedFrames(file), 20) << file;
+  const std::tuple<const char*, fs::path, int, const char*> rows[] = {
+      {"nvidia", output(), 6, "Could not open file"},
+      {"imx", clip_, 5, "media file does not exist: "},
+  };
+  for (const auto& [board, vanishes, exitCode, error] : rows) {
+    Program program(command({"--board", board, "--segment-seconds", "1"}));
+    ASSERT_TRUE(awaitSegments(2));
+    fs::rename(vanishes, moved);
+    const Result result = program.wait();
+    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_NE(result.err.find(error), std::string::npos) << result.err;
+    EXPECT_GE(decodedFrames(filesIn(fs::is_directory(moved) ? moved : output()).front()), 20);
+    fs::remove_all(moved);
   }
 }
 
