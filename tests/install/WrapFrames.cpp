@@ -1,10 +1,9 @@
-// Wraps a frame of a foreign picture library on either platform, and takes pictures from a file.
+// Wraps a frame of a foreign picture library on either platform.
 #include <cstdio>
 #include <memory>
 
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
-#include <media_backend/MediaFileFrameSource.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -34,21 +33,9 @@ int main(int argc, char** argv) {
   const lumora::FramePlaneLayout chroma = {64 * 48, 64, 64, 24};
   lumora::FrameExportHandle frame = {
       true, memfd_create("frame", 0), 64 * 72, 64, 48, true, 2, {luma, chroma}};
-  if (ftruncate(frame.fd, 64 * 72) != 0 ||
-      !wraps(GstVideoBackend::Platform::ImxVpu, frame, 64 * 72) ||
-      !wraps(GstVideoBackend::Platform::Nvidia, frame, 64)) {
-    std::puts("frames of this picture library are not wrapped");
-    return 1;
-  }
-
-  media_backend::MediaFileFrameSource source;
-  media_backend::MediaFileFrameSourceConfig config;
-  config.path = argc > 1 ? argv[1] : "";
-  std::string error;
-  if (source.capture(config, std::chrono::seconds(10), error) == nullptr) {
-    std::printf("no picture from %s: %s\n", config.path.c_str(), error.c_str());
-    return 1;
-  }
-  std::puts("frames wrapped, picture taken");
-  return 0;
+  const bool right = ftruncate(frame.fd, 64 * 72) == 0 &&
+                     wraps(GstVideoBackend::Platform::ImxVpu, frame, 64 * 72) &&
+                     wraps(GstVideoBackend::Platform::Nvidia, frame, 64);
+  std::puts(right ? "frames wrapped" : "frames of this picture library are not wrapped");
+  return right ? 0 : 1;
 }
