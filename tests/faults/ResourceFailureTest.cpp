@@ -282,7 +282,6 @@ TEST_F(ResourceFailure, MediaFile) {
 
 TEST_F(ResourceFailure, Camera) {
   StandInCamera& camera = StandInCamera::instance();
-  camera.offer("video/x-raw,format=NV12,width=64,height=32,framerate=30/1");
   const media_backend::V4l2FrameSourceConfig config = {"/dev/video with a long name", 64, 32, 30};
   media_backend::V4l2FrameSource source;
   Picture picture;

@@ -92,7 +92,7 @@ class FrameSources : public testing::TestWithParam<Kind> {
  protected:
   void SetUp() override {
     media_backend::gst_source::ensure_initialized();
-    StandInCamera::instance().offer(kCaps);
+    StandInCamera::instance();
     g_otherDescription = description_.c_str();
   }
   void TearDown() override { g_otherDescription = nullptr; }

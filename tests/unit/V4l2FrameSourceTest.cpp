@@ -34,18 +34,12 @@ using std::chrono_literals::operator""ns;
 using std::chrono_literals::operator""s;
 
 constexpr int kNoFrame = -1;
-const std::string kCameraCaps = "video/x-raw,format=NV12,width=64,height=32,framerate=";
 
 class V4l2Source : public testing::Test {
  protected:
   void SetUp() override {
     media_backend::gst_source::ensure_initialized();
-    camera().offer(kCameraCaps + "30/1");
-    camera().onOpen(nullptr);
-  }
-  void TearDown() override {
-    g_otherDescription = nullptr;
-    g_stateChangeFails = false;
+    StandInCamera::instance();
   }
 
   static StandInCamera& camera() { return StandInCamera::instance(); }
@@ -121,12 +115,11 @@ TEST_F(V4l2Source, AsksForWhatIsConfigured) {
       {{"a", 64, 32, 1000}, "width=64,height=32,framerate=240/1", 64, 32},
       {{"a", 64, 32, 12.5}, "width=64,height=32,framerate=25/2", 64, 32},
   };
-  camera().offer(kCameraCaps + "240/1");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.caps);
     EXPECT_EQ(next(row.config), kNoFrame);
     EXPECT_EQ(g_description, before + row.caps + after);
-    EXPECT_EQ(camera().device(), row.config.device);
+    EXPECT_EQ(camera().device, row.config.device);
     camera().show(1);
     const auto picture = source_.capture(row.config, 0s, error_);
     ASSERT_NE(picture, nullptr) << error_;
@@ -148,19 +141,19 @@ TEST_F(V4l2Source, SaysWhyItDoesNotStart) {
       {GST_MESSAGE_UNKNOWN, true, "GStreamer pipeline failed during state change"},
   };
   for (const auto& row : rows) {
-    camera().onOpen([&row](GstElement* source) {
+    camera().open = [&row](GstElement* source) {
       if (row.posts == GST_MESSAGE_ERROR) {
         GST_ELEMENT_ERROR(source, RESOURCE, READ, ("no more"), ("busy"));
       } else if (row.posts == GST_MESSAGE_WARNING) {
         GST_ELEMENT_WARNING(source, RESOURCE, READ, ("no more"), ("busy"));
       }
       return row.opens;
-    });
+    };
     g_stateChangeFails = row.opens;
     EXPECT_EQ(next(config_), kNoFrame);
     EXPECT_THAT(error_, testing::StartsWith(row.error));
     g_stateChangeFails = false;
-    camera().onOpen(nullptr);
+    camera().open = nullptr;
     EXPECT_EQ(next(config_), kNoFrame);
     EXPECT_EQ(error_, "");
     source_.stop();
