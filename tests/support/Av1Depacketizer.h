@@ -1,151 +1,80 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// AV1 out of RTP packets that come in order and without loss, by the RTP payload format for AV1.
-// Throws where a packet is not as the format has it.
-
-inline void require(bool condition, const char* what) {
-  if (!condition) {
-    throw std::runtime_error(what);
-  }
-}
-
-inline unsigned av1Byte(std::string_view bytes, std::size_t index) {
-  require(index < bytes.size(), "the data ends too soon");
-  return static_cast<unsigned char>(bytes[index]);
-}
-
-inline std::size_t readLeb128(std::string_view bytes, std::size_t& position) {
-  std::size_t value = 0;
-  for (unsigned shift = 0; shift < 56; shift += 7) {
-    const unsigned byte = av1Byte(bytes, position++);
-    value |= std::size_t{byte & 0x7f} << shift;
-    if (byte < 0x80) {
-      return value;
-    }
-  }
-  throw std::runtime_error("a leb128 number is too long");
-}
-
+// Temporal units out of RTP packets that come in order and without loss, by the RTP payload format
+// for AV1. Throws where a packet is not as the format has it.
 class Av1Depacketizer {
  public:
-  struct TemporalUnit {
-    std::uint32_t timestamp;
-    bool startsSequence;
-    std::vector<std::string> obus;  // without size fields
-  };
+  using TemporalUnit = std::vector<std::string>;  // OBUs without size fields
 
   void take(std::string_view packet) {
-    require(av1Byte(packet, 0) == 0x80, "RTP version 2 with nothing optional");
-    require((av1Byte(packet, 1) & 0x7f) == 96, "payload type 96");
-    const unsigned sequence = number(packet, 2, 2);
-    require(!sequence_ || sequence == ((*sequence_ + 1) & 0xffff), "sequence numbers go on");
-    sequence_ = sequence;
-    takePayload(packet.substr(12), number(packet, 4, 4));
-    if ((av1Byte(packet, 1) & 0x80) != 0) {
-      require(!cut_, "the marker's unit is complete");
-      checkUnits();
-      open_ = false;
+    const auto header = static_cast<unsigned char>(packet.at(12));
+    const unsigned count = header >> 4 & 3;
+    require(((header & 0x80) != 0) == isCut_, "Z says what the Y before it did");
+    if (isComplete_) {
+      units_.emplace_back();
     }
+    TemporalUnit& obus = units_.back();
+    unsigned elements = 0;
+    for (std::size_t position = 13; position < packet.size(); ++elements) {
+      const bool isSized = count == 0 || elements + 1 < count;
+      const std::size_t size = isSized ? readLeb128(packet, position) : packet.size() - position;
+      require(size > 0 && size <= packet.size() - position, "elements fit");
+      if (elements > 0 || !isCut_) {
+        obus.emplace_back();
+      }
+      obus.back().append(packet.substr(position, size));
+      position += size;
+    }
+    require(elements > 0 && (count == 0 || elements == count), "as many elements as W says");
+    isCut_ = (header & 0x40) != 0;
+    isComplete_ = (packet.at(1) & 0x80) != 0;
+    require(!isCut_ || !isComplete_, "the marker's unit is complete");
   }
 
   // The last one is complete only if isComplete().
   const std::vector<TemporalUnit>& units() const { return units_; }
-  bool isComplete() const { return !open_; }
+  bool isComplete() const { return isComplete_; }
 
  private:
-  static unsigned number(std::string_view bytes, std::size_t begin, std::size_t size) {
-    unsigned value = 0;
-    for (std::size_t i = begin; i < begin + size; ++i) {
-      value = value << 8 | av1Byte(bytes, i);
+  static void require(bool condition, const char* what) {
+    if (!condition) {
+      throw std::runtime_error(what);
     }
-    return value;
   }
 
-  void takePayload(std::string_view payload, std::uint32_t timestamp) {
-    const unsigned header = av1Byte(payload, 0);
-    const bool continues = (header & 0x80) != 0;
-    const std::size_t count = header >> 4 & 3;
-    require((header & 7) == 0, "reserved bits are 0");
-    require(continues == cut_, "Z says what the Y before it did");
-    if (!open_) {
-      units_.push_back({timestamp, (header & 8) != 0, {}});
-      open_ = true;
-    } else {
-      require(timestamp == units_.back().timestamp, "one timestamp a temporal unit");
-      require((header & 8) == 0, "N only in a temporal unit's first packet");
-    }
-    std::vector<std::string>& obus = units_.back().obus;
-    std::size_t elements = 0;
-    for (std::size_t position = 1; position < payload.size(); ++elements) {
-      require(count == 0 || elements < count, "no more elements than W says");
-      const bool sized = count == 0 || elements + 1 < count;
-      const std::size_t size = sized ? readLeb128(payload, position) : payload.size() - position;
-      require(size > 0 && size <= payload.size() - position, "elements fit");
-      if (elements > 0 || !continues) {
-        obus.emplace_back();
+  static std::size_t readLeb128(std::string_view bytes, std::size_t& position) {
+    std::size_t value = 0;
+    for (unsigned shift = 0; shift < 56; shift += 7) {
+      const auto byte = static_cast<unsigned char>(bytes.at(position++));
+      value |= std::size_t{byte & 0x7fU} << shift;
+      if (byte < 0x80) {
+        return value;
       }
-      obus.back().append(payload.substr(position, size));
-      position += size;
     }
-    require(elements > 0 && (count == 0 || elements == count), "as many elements as W says");
-    cut_ = (header & 0x40) != 0;
-  }
-
-  void checkUnits() {
-    for (const std::string& obu : units_.back().obus) {
-      const unsigned type = av1Byte(obu, 0) >> 3;
-      require((av1Byte(obu, 0) & 2) == 0, "no size fields");
-      require(type != 2 && type != 8, "no temporal delimiters and tile lists");
-    }
+    throw std::runtime_error("a leb128 number is too long");
   }
 
   std::vector<TemporalUnit> units_;
-  std::optional<unsigned> sequence_;
-  bool open_ = false;  // more of the last temporal unit comes
-  bool cut_ = false;   // more of its last OBU comes
+  bool isComplete_ = true;
+  bool isCut_ = false;  // the next packet continues the last OBU
 };
 
-// The OBUs of a temporal unit in the low overhead format, as they go over RTP.
-inline std::vector<std::string> obusOverRtp(std::string_view stream) {
-  std::vector<std::string> obus;
-  for (std::size_t position = 0; position < stream.size();) {
-    const unsigned header = av1Byte(stream, position);
-    const std::size_t headerSize = (header & 4) != 0 ? 2 : 1;
-    std::string obu(stream.substr(position, headerSize));
-    obu[0] = static_cast<char>(header & ~2u);
-    position += headerSize;
-    require((header & 2) != 0, "a size field");
-    const std::size_t size = readLeb128(stream, position);
-    require(size <= stream.size() - position, "OBUs fit");
-    obu.append(stream.substr(position, size));
-    position += size;
-    if (header >> 3 != 2) {
-      obus.push_back(obu);
-    }
-  }
-  return obus;
-}
-
-// The way back: a temporal unit in the low overhead format.
-inline std::string lowOverhead(const std::vector<std::string>& obus) {
+// The way back: a temporal unit, of OBUs without layers, in the low overhead format.
+inline std::string lowOverhead(const Av1Depacketizer::TemporalUnit& obus) {
   std::string stream("\x12\0", 2);
   for (const std::string& obu : obus) {
-    const std::size_t headerSize = (av1Byte(obu, 0) & 4) != 0 ? 2 : 1;
-    stream.append(obu, 0, headerSize);
-    stream[stream.size() - headerSize] = static_cast<char>(av1Byte(obu, 0) | 2);
-    std::size_t rest = obu.size() - headerSize;
+    stream.push_back(static_cast<char>(obu.at(0) | 2));
+    std::size_t rest = obu.size() - 1;
     for (; rest >= 0x80; rest >>= 7) {
-      stream.push_back(static_cast<char>((rest & 0x7f) | 0x80));
+      stream.push_back(static_cast<char>(rest | 0x80));
     }
     stream.push_back(static_cast<char>(rest));
-    stream.append(obu, headerSize);
+    stream.append(obu, 1);
   }
   return stream;
 }
