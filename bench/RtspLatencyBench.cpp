@@ -21,10 +21,10 @@
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 
-#include "Camera.h"
-#include "LiveCamera.h"
+#include "camera/Camera.h"
+#include "camera/LiveCamera.h"
 #include "Ratios.h"
-#include "RtspServer.h"
+#include "rtsp/Server.h"
 #include "support/Profiles.h"
 
 namespace {
@@ -80,7 +80,7 @@ class StampingCamera : public station::Camera {
     writeTime(pixels_.data(), kWidth);
     return lumora::LumoraPicture::fromNv12Host(pixels_.data(), kWidth, kHeight, kWidth);
   }
-  bool pacesItself() const override { return true; }
+  bool isLive() const override { return true; }
 
  private:
   std::vector<std::uint8_t> pixels_ = std::vector<std::uint8_t>(kWidth * kHeight * 3 / 2, 128);
