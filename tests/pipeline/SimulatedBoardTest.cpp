@@ -10,8 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "gst/GstPtr.h"
-#include "support/Bytes.h"
+#include "gst/UniqueFd.h"
 #include "support/MovingPicture.h"
 #include "support/Pipeline.h"
 #include "support/Profiles.h"
@@ -53,50 +52,22 @@ class SimulatedBoardTest : public testing::Test {
     std::string error;
     ASSERT_TRUE(simulated_board::registerElements(nullptr, "nvidia,imx", error)) << error;
   }
-
-  void TearDown() override {
-    if (!untried_.empty()) {
-      GTEST_SKIP() << "not everything was tried, this machine lacks what is needed for" << untried_;
-    }
-  }
-
-  // Whether this machine has all that `chain` takes, with a decoder if it names one; notes it if
-  // not.
-  bool canRun(const std::string& chain, const char* decoder = "identity") {
-    g_autoptr(GstElementFactory) factory = gst_element_factory_find(decoder);
-    const bool possible =
-        factory != nullptr && (chain.find("av1") == std::string::npos || canEncodeAv1());
-    untried_ += possible ? "" : "\n  " + chain;
-    return possible;
-  }
-
- private:
-  std::string untried_;
 };
-
-TEST_F(SimulatedBoardTest, SaysWhichSelectionItCannotRegister) {
-  std::string error;
-  EXPECT_FALSE(simulated_board::registerElements(nullptr, "nvvidconv,nvmagic", error));
-  EXPECT_THAT(error, HasSubstr("\"nvmagic\""));
-  EXPECT_FALSE(simulated_board::registerElements(nullptr, "", error));
-}
 
 TEST_F(SimulatedBoardTest, KeyFramesComeAtTheirDistanceAndNotAtCuts) {
   constexpr int kFrames = 60;
   const std::pair<std::string, int> rows[] = {
-      {kToBoardMemory + "nvv4l2h264enc iframeinterval=50 preset-level=3", 50},
       {kToBoardMemory + "nvv4l2h264enc iframeinterval=25 idrinterval=10 preset-level=3", 10},
       {kToBoardMemory + "nvv4l2h264enc iframeinterval=0 idrinterval=0", kFrames},
-      {kToBoardMemory + "nvv4l2h265enc iframeinterval=10 idrinterval=40", 10},
       {kToBoardMemory + "nvv4l2h265enc iframeinterval=4294967295 idrinterval=45", 45},
-      {kToBoardMemory + "nvv4l2av1enc iframeinterval=20 idrinterval=0", 20},
       {" ! vpuenc_h264 gop-size=12", 12},
       {" ! vpuenc_hevc gop-size=0", kFrames},
+      {kToBoardMemory + "nvv4l2av1enc iframeinterval=20 idrinterval=0", 20},
   };
   for (const auto& [chain, distance] : rows) {
     SCOPED_TRACE(chain);
-    if (!canRun(chain)) {
-      continue;
+    if (chain.find("av1") != std::string::npos && !canEncodeAv1()) {
+      GTEST_SKIP() << "not AV1, which takes GStreamer 1.20";
     }
     // No frame of snow resembles the one before it: a cut at every frame.
     const std::vector<Unit> units = encode("snow", kFrames, chain);
@@ -147,53 +118,33 @@ TEST_F(SimulatedBoardTest, SaysWhichElementIsMissingInside) {
 }
 
 // A picture with odd strides and room before, between and behind its planes.
-class OddPicture {
- public:
+struct OddPicture {
+  static constexpr std::uint64_t kChroma = 77 + 365 * kHeight + 19;
+  static constexpr std::uint64_t kSize = kChroma + 333 * kHeight / 2 + 5;
+
   OddPicture() {
     std::vector<std::uint8_t> bytes(kSize, 0xee);
-    for (std::size_t y = 0; y < kHeight; ++y) {
-      std::copy_n(picture_->luma() + y * picture_->stride(), kWidth,
-                  &bytes[kLumaOffset + y * kLumaStride]);
-      std::copy_n(picture_->chroma() + y / 2 * picture_->stride(), kWidth,
-                  &bytes[kChromaOffset + y / 2 * kChromaStride]);
+    for (std::size_t y = 0; y < kHeight * 3 / 2; ++y) {
+      const Surface::Plane& plane = surface.planes[y / kHeight];
+      std::copy_n(picture->luma() + y * kWidth, kWidth,
+                  &bytes[plane.offset + y % kHeight * plane.stride]);
     }
-    EXPECT_EQ(write(fd_, bytes.data(), kSize), static_cast<ssize_t>(kSize));
+    EXPECT_EQ(write(fd.get(), bytes.data(), kSize), static_cast<ssize_t>(kSize));
   }
-  ~OddPicture() { close(fd_); }
-  OddPicture(const OddPicture&) = delete;
-  OddPicture& operator=(const OddPicture&) = delete;
-
-  const lumora::LumoraPicture& picture() const { return *picture_; }
-  Surface& surface() { return surface_; }
 
   // The picture outlives the buffer.
-  GstBuffer* buffer(bool boardMemory) {
-    const lumora::FrameExportHandle handle = {true,
-                                              fd_,
-                                              kSize,
-                                              kWidth,
-                                              kHeight,
-                                              true,
-                                              2,
-                                              {{kLumaOffset, kLumaStride, kWidth, kHeight},
-                                               {kChromaOffset, kChromaStride, kWidth, kHeight / 2}},
-                                              &surface_};
+  GstBuffer* wrap(bool boardMemory) {
+    lumora::FrameExportHandle handle = {true, fd.get(), kSize, kWidth, kHeight, true, 2, {}};
+    handle.planes[0] = {77, 365, kWidth, kHeight};
+    handle.planes[1] = {kChroma, 333, kWidth, kHeight / 2};
+    handle.surface = &surface;
     return GstVideoBackend(boardMemory ? nvidiaProfile() : imxProfile()).wrapFrame(handle, nullptr);
   }
 
- private:
-  static constexpr std::size_t kLumaOffset = 77;
-  static constexpr unsigned kLumaStride = 365;
-  static constexpr unsigned kChromaStride = 333;
-  static constexpr std::size_t kChromaOffset =
-      kLumaOffset + std::size_t{kLumaStride} * kHeight + 19;
-  static constexpr std::size_t kSize = kChromaOffset + std::size_t{kChromaStride} * kHeight / 2 + 5;
-  static constexpr Surface::Plane kLuma = {kLumaOffset, kLumaStride, kHeight};
-  static constexpr Surface::Plane kChroma = {kChromaOffset, kChromaStride, kHeight / 2};
-
-  const std::shared_ptr<lumora::LumoraPicture> picture_ = movingPicture(kWidth, kHeight, 0);
-  const int fd_ = memfd_create("odd-picture", MFD_CLOEXEC);
-  Surface surface_ = {Surface::kMagic, fd_, kSize, kWidth, kHeight, {kLuma, kChroma}};
+  const std::shared_ptr<lumora::LumoraPicture> picture = movingPicture(kWidth, kHeight, 0);
+  const media_backend::UniqueFd fd{memfd_create("odd-picture", MFD_CLOEXEC)};
+  Surface surface = {Surface::kMagic, fd.get(), kSize,
+                     kWidth,          kHeight,  {{77, 365, kHeight}, {kChroma, 333, kHeight / 2}}};
 };
 
 std::string source(bool boardMemory) {
@@ -203,57 +154,41 @@ std::string source(bool boardMemory) {
 
 TEST_F(SimulatedBoardTest, ReadsPicturesWhereverTheirRowsAre) {
   const std::string sink = " ! videoconvert ! video/x-raw" + kFormat + " ! appsink name=out";
-  // Board memory or not, chain, the decoder or another element that it needs, and the least PSNR
-  // in dB; 100 is the very picture.
-  const std::tuple<bool, std::string, const char*, double> rows[] = {
-      {false, "vpuenc_h264 ! h264parse ! avdec_h264", "avdec_h264", 30},
-      {false, "imxvideoconvert_g2d ! vpuenc_hevc ! h265parse ! avdec_h265", "avdec_h265", 30},
-      {true, "nvv4l2h264enc ! h264parse ! avdec_h264", "avdec_h264", 30},
-      {true, "nvv4l2h265enc ! h265parse ! avdec_h265", "avdec_h265", 30},
-      {true, "nvv4l2av1enc ! av1parse ! av1dec", "av1dec", 30},
-      {true, "nvjpegenc ! jpegdec", "jpegdec", 30},
-      {true, "nvvidconv ! video/x-raw", "videoconvert", 100},
-      {false, "nvvidconv ! video/x-raw(memory:NVMM) ! nvvideoconvert", "videoconvert", 100},
-      {true, "nvvidconv ! video/x-raw(memory:NVMM),width=640,height=90 ! nvvidconv", "videoconvert",
-       30},
+  // Board memory or not, chain, and the least PSNR in dB; 100 is the very picture.
+  const std::tuple<bool, std::string, double> rows[] = {
+      {false, "imxvideoconvert_g2d ! video/x-raw,format=I420", 100},
+      {true, "nvjpegenc ! jpegdec", 30},
+      {true, "nvvidconv ! video/x-raw", 100},
+      {false, "nvvidconv ! video/x-raw(memory:NVMM) ! nvvideoconvert", 100},
+      {true, "nvvidconv ! video/x-raw(memory:NVMM),width=640,height=90 ! nvvidconv", 30},
   };
-  for (const auto& [boardMemory, chain, decoder, least] : rows) {
+  for (const auto& [boardMemory, chain, least] : rows) {
     SCOPED_TRACE(chain);
-    if (!canRun(chain, decoder)) {
-      continue;
-    }
-    OddPicture picture;
+    OddPicture odd;
     Pipeline pipeline(source(boardMemory) + chain + sink);
-    for (GstClockTime i = 0; i < 3; ++i) {  // a decoder may hold pictures back
-      GstBuffer* const buffer = picture.buffer(boardMemory);
-      GST_BUFFER_PTS(buffer) = i * GST_SECOND / 30;
-      pipeline.push(buffer);
-    }
+    pipeline.push(odd.wrap(boardMemory));
     pipeline.finish();
-    g_autoptr(GstSample) sample = pipeline.pull();
-    ASSERT_NE(sample, nullptr);
-    GstMapInfo map;
-    ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(sample), &map, GST_MAP_READ));
-    ASSERT_EQ(map.size, kWidth * kHeight * 3 / 2);  // GStreamer pads no row of this size
-    EXPECT_GE(psnr(map.data, picture.picture()), least);
-    gst_buffer_unmap(gst_sample_get_buffer(sample), &map);
+    const std::vector<std::string> pictures = pipeline.pullAll();
+    ASSERT_EQ(pictures.size(), 1U);
+    ASSERT_EQ(pictures[0].size(), kWidth * kHeight * 3 / 2);  // GStreamer pads no row of this size
+    EXPECT_GE(psnr(reinterpret_cast<const std::uint8_t*>(pictures[0].data()), *odd.picture), least);
   }
 }
 
 TEST_F(SimulatedBoardTest, EveryFrameComesOutAtOnceWithItsTimes) {
   for (const std::string element :
-       {"nvv4l2h264enc", "nvv4l2h265enc", "nvv4l2av1enc", "nvjpegenc", "nvvidconv", "vpuenc_h264",
-        "vpuenc_hevc", "imxvideoconvert_g2d"}) {
+       {"nvv4l2h264enc", "nvv4l2h265enc", "nvjpegenc", "nvvidconv", "vpuenc_h264", "vpuenc_hevc",
+        "imxvideoconvert_g2d", "nvv4l2av1enc"}) {
     const bool boardMemory = element[0] == 'n';
     SCOPED_TRACE(element);
-    if (!canRun(element)) {
-      continue;
+    if (element == "nvv4l2av1enc" && !canEncodeAv1()) {
+      GTEST_SKIP() << "not AV1, which takes GStreamer 1.20";
     }
-    OddPicture picture;
+    OddPicture odd;
     Pipeline pipeline(source(boardMemory) + element + " ! appsink name=out sync=false");
     for (GstClockTime i = 0; i < 6; ++i) {
       const GstClockTime pts = 7 * GST_SECOND + i * 33333333 + i % 3 * 1000;
-      GstBuffer* const buffer = picture.buffer(boardMemory);
+      GstBuffer* const buffer = odd.wrap(boardMemory);
       GST_BUFFER_PTS(buffer) = pts;
       GST_BUFFER_DURATION(buffer) = 33333333 + i;
       pipeline.push(buffer);
@@ -281,10 +216,10 @@ TEST_F(SimulatedBoardTest, SaysWhatIsWrongWithASurface) {
   };
   for (const auto& [spoil, message] : rows) {
     SCOPED_TRACE(message);
-    OddPicture picture;
-    spoil(picture.surface());
+    OddPicture odd;
+    spoil(odd.surface);
     Pipeline pipeline(source(true) + "nvv4l2h264enc ! appsink name=out");
-    pipeline.push(picture.buffer(true));
+    pipeline.push(odd.wrap(true));
     g_autoptr(GError) error = pipeline.error();
     ASSERT_TRUE(g_error_matches(error, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT));
     EXPECT_THAT(error->message, HasSubstr(message));
