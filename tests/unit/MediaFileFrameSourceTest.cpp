@@ -91,8 +91,6 @@ class MediaFile : public testing::Test {
 
 TEST_F(MediaFile, PlaysWhateverCanBeDecoded) {
   const std::tuple<const char*, const char*, std::vector<std::string>> rows[] = {
-      {"h264.mkv", "192x64", {"-an", "-bf", "2"}},
-      {"ffv1.mkv", "192x64", {"-an", "-c:v", "ffv1"}},
       {"odd.mkv", "191x63", {"-an", "-c:v", "ffv1"}},
       {"large.mp4", "640x360", {"-an", "-bf", "2"}},
       {"sound after.mp4", "192x64", {"-map", "0", "-map", "1", "-c:a", "aac"}},
@@ -170,23 +168,6 @@ TEST_F(MediaFile, SaysWhyAFileCannotBePlayed) {
                               StrEq("media file GStreamer pipeline failed during state change")));
     expectFrames(good, 0, 2);
   }
-}
-
-TEST_F(MediaFile, PlaysWhatATruncatedFileStillHas) {
-  MediaFileFrameSourceConfig config = clip("clip.mkv", {"-an", "-c:v", "ffv1"});
-  config.loop = false;
-  fs::resize_file(config.path, fs::file_size(config.path) / 2);
-  int frames = 0;
-  for (int seen = next(config); seen != kNoFrame; seen = next(config)) {
-    EXPECT_EQ(seen, frames++);
-    ASSERT_LT(frames, kFrames);
-  }
-  EXPECT_GT(frames, 0);
-
-  // The index of an MP4 file stands at its end. Whether decodebin says why nothing plays is chance.
-  config = clip();
-  fs::resize_file(config.path, fs::file_size(config.path) / 2);
-  EXPECT_EQ(next(config, 100ms), kNoFrame);
 }
 
 TEST_F(MediaFile, ThrowsIfThePathCannotBeLookedUp) {
