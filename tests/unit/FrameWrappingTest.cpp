@@ -21,49 +21,29 @@
 
 namespace {
 
-std::string_view g_failing;  // the function below that fails
-int g_failed = 0;
-std::string g_released;  // in this order, while an allocation fails
-
-bool fails(std::string_view function) {
-  g_failed += g_failing == function ? 1 : 0;
-  return g_failing == function;
-}
-
-template <typename Result, typename... Arguments>
-Result* callUnlessFailing(const char* function, Arguments... arguments) {
-  return fails(function) ? nullptr : nextDefinition<Result*(Arguments...)>(function)(arguments...);
-}
+std::string_view g_failing;  // "new" or "dma-buf": what fails, if anything
+std::string g_released;      // in this order, after a dma-buf that fails
 
 }  // namespace
 
-extern "C" {
-
-int dup(int fd) noexcept {
-  return fails("dup") ? -1 : nextDefinition<int(int)>("dup")(fd);
-}
-
-int close(int fd) {
-  g_released += g_failing == "gst_dmabuf_allocator_alloc" ? "descriptor " : "";
+extern "C" int close(int fd) {
+  g_released += g_failing == "dma-buf" ? "descriptor " : "";
   return nextDefinition<int(int)>("close")(fd);
 }
 
-GstAllocator* gst_dmabuf_allocator_new(void) {
-  return callUnlessFailing<GstAllocator>("gst_dmabuf_allocator_new");
-}
-
-GstMemory* gst_dmabuf_allocator_alloc(GstAllocator* allocator, gint fd, gsize size) {
-  const auto note = [](gpointer, GObject*) { g_released += "allocator "; };
-  if (g_failing == "gst_dmabuf_allocator_alloc") {
-    g_object_weak_ref(G_OBJECT(allocator), note, nullptr);
+extern "C" GstMemory* gst_dmabuf_allocator_alloc(GstAllocator* allocator, gint fd, gsize size) {
+  static auto* const real =
+      nextDefinition<decltype(gst_dmabuf_allocator_alloc)>("gst_dmabuf_allocator_alloc");
+  if (g_failing != "dma-buf") {
+    return real(allocator, fd, size);
   }
-  return callUnlessFailing<GstMemory>("gst_dmabuf_allocator_alloc", allocator, fd, size);
+  const auto note = [](gpointer, GObject*) { g_released += "allocator "; };
+  g_object_weak_ref(G_OBJECT(allocator), note, nullptr);
+  return nullptr;
 }
-
-}  // extern "C"
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return fails("new") ? nullptr : ::operator new(size);
+  return g_failing == "new" ? nullptr : ::operator new(size);
 }
 
 namespace {
@@ -108,7 +88,6 @@ const LayoutRow kLayouts[] = {
     {"largest strides", 32, 2, 1LL << 33, {0, ~0U >> 1, 32, 2}, {1LL << 32, ~0U >> 1, 32, 1}, true},
     {"long luma stride", 32, 2, 1LL << 33, {0, 1U << 31, 32, 2}, {1LL << 32, 32, 32, 1}, false},
     {"long chroma stride", 32, 2, 4096, {0, 32, 32, 2}, {64, 1U << 31, 32, 1}, false},
-    {"no size", 32, 16, 0, {0, 32, 32, 16}, {512, 32, 32, 8}, false},
     {"no width", 0, 16, 768, {0, 32, 32, 16}, {512, 32, 32, 8}, false},
     {"no height", 32, 0, 768, {0, 32, 32, 0}, {512, 32, 32, 0}, false},
     {"odd width", 31, 16, 768, {0, 32, 32, 16}, {512, 32, 32, 8}, false},
@@ -119,14 +98,9 @@ const LayoutRow kLayouts[] = {
     {"luma row too many", 32, 16, 800, {0, 32, 32, 17}, {544, 32, 32, 8}, false},
     {"chroma row missing", 32, 16, 768, {0, 32, 32, 16}, {512, 32, 32, 7}, false},
     {"chroma row too many", 32, 16, 800, {0, 32, 32, 16}, {512, 32, 32, 9}, false},
-    {"stride below the row", 32, 16, 768, {0, 31, 32, 16}, {512, 32, 32, 8}, false},
     {"chroma past the end", 32, 16, 767, {0, 32, 32, 16}, {512, 32, 32, 8}, false},
-    {"padded chroma past the end", 32, 16, 1471, {0, 64, 32, 16}, {992, 64, 32, 8}, false},
     {"luma past the end", 32, 16, 768, {257, 32, 32, 16}, {0, 32, 32, 8}, false},
-    {"chroma before luma", 32, 16, 768, {256, 32, 32, 16}, {0, 32, 32, 8}, false},
     {"chroma one byte into luma", 32, 16, 768, {0, 32, 32, 16}, {511, 32, 32, 8}, false},
-    {"one byte into padded luma", 32, 16, 1472, {0, 64, 32, 16}, {991, 64, 32, 8}, false},
-    {"offset that wraps around", 32, 16, 768, {0, 32, 32, 16}, {~0ULL, 32, 32, 8}, false},
 };
 
 void expectNv12(GstBuffer* buffer, const FrameExportHandle& handle) {
@@ -216,29 +190,18 @@ TEST_F(FrameWrapping, StreamingMemoryIsTheHostsOwnBlock) {
   ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
   EXPECT_EQ(map.data, handle_.surface);
   EXPECT_EQ(map.size, sizeof(simulated_board::Surface));
-  EXPECT_EQ(map.maxsize, sizeof(simulated_board::Surface));
   gst_buffer_unmap(buffer, &map);
 }
 
 // Where the one reference hangs decides what may go before the frame does: a memory that outlives
 // its buffer keeps the frame on NVIDIA only.
 TEST_F(FrameWrapping, KeepsTheHostsFrameJustLongEnough) {
-  const GQuark key = g_quark_from_string("kelvarion.media_backend.keep_alive");
   for (const GstVideoBackend* const backend : {&imx_, &nvidia_}) {
     SCOPED_TRACE(backend->name());
     const bool memoryKeepsFrame = backend == &nvidia_;
     GstBuffer* buffer = backend->wrapFrame(handle_, keepAlive_);
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(keepAlive_.use_count(), 2);
-    EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(buffer), 1);
-    EXPECT_EQ(GST_BUFFER_PTS(buffer), GST_CLOCK_TIME_NONE);
-    EXPECT_EQ(GST_BUFFER_DTS(buffer), GST_CLOCK_TIME_NONE);
-    EXPECT_EQ(GST_BUFFER_DURATION(buffer), GST_CLOCK_TIME_NONE);
-    // Appending the memory marks every buffer so.
-    EXPECT_EQ(GST_BUFFER_FLAGS(buffer) & ~static_cast<guint>(GST_BUFFER_FLAG_TAG_MEMORY), 0U);
-    EXPECT_EQ(gst_mini_object_get_qdata(GST_MINI_OBJECT(buffer), key) != nullptr,
-              !memoryKeepsFrame);
-
     GstMemory* const memory = gst_buffer_get_memory(buffer, 0);
     // The last reference may go on any thread.
     std::thread([buffer] { gst_buffer_unref(buffer); }).join();
@@ -248,21 +211,15 @@ TEST_F(FrameWrapping, KeepsTheHostsFrameJustLongEnough) {
   }
 }
 
+// The faults tests deny every descriptor; a dma-buf is denied here only.
 TEST_F(FrameWrapping, LeavesNothingBehindWhenItFails) {
   const std::pair<const GstVideoBackend*, const char*> rows[] = {
-      {&imx_, "gst_dmabuf_allocator_new"},
-      {&imx_, "dup"},
-      {&imx_, "gst_dmabuf_allocator_alloc"},
-      {&imx_, "new"},
-      {&nvidia_, "new"}};
-  for (const auto& [backend, function] : rows) {
-    SCOPED_TRACE(std::string(backend->name()) + " " + function);
-    g_failed = 0;
-    g_failing = function;
+      {&imx_, "dma-buf"}, {&imx_, "new"}, {&nvidia_, "new"}};
+  for (const auto& [backend, failing] : rows) {
+    g_failing = failing;
     GstBuffer* const buffer = backend->wrapFrame(handle_, keepAlive_);
     g_failing = {};
-    EXPECT_EQ(g_failed, 1);
-    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(buffer, nullptr) << backend->name() << " " << failing;
     EXPECT_EQ(keepAlive_.use_count(), 1);
     EXPECT_EQ(openDescriptors(), descriptors_);
   }
