@@ -1,11 +1,9 @@
 // What a call costs, in counts: instructions beside the work that cannot be avoided, which
-// callgrind counts exactly; allocations; and pages of pixels that are touched.
+// callgrind counts exactly, and allocations.
 
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -16,13 +14,8 @@
 #include <gtest/gtest.h>
 #include <lumora/FrameExport.h>
 #include <lumora/LumoraPicture.h>
-#include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstNv12Sample.h>
 #include <media_backend/GstVideoBackend.h>
-#include <opus.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "support/Interpose.h"
 #include "support/Profiles.h"
@@ -43,8 +36,6 @@ void* operator new(std::size_t size) {
 
 namespace {
 
-using media_backend::AudioContinuityGuard;
-using media_backend::EncodedAudioFrame;
 using media_backend::GstVideoBackend;
 
 constexpr unsigned kWidth = 1920;
@@ -54,30 +45,6 @@ std::shared_ptr<lumora::ExportedFrame> exportedFrame() {
   const std::string pixels(std::size_t{kWidth} * kHeight * 3 / 2, 'x');
   return lumora::ExportedFrame::fromPicture(
       *lumora::LumoraPicture::fromNv12Host(pixels.data(), kWidth, kHeight, kWidth));
-}
-
-// A file without content gets a page the moment that somebody looks at it.
-TEST(Cost, WrappedPixelsAreNotTouched) {
-  const auto frame = exportedFrame();
-  const int fd = memfd_create("untouched", MFD_CLOEXEC);
-  lumora::FrameExportHandle handle = frame->handle();
-  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(handle.size)), 0);
-  handle.fd = fd;
-  const auto touched = [fd] {
-    struct stat status {};
-    fstat(fd, &status);
-    return status.st_blocks;
-  };
-  for (const auto& profile : {nvidiaProfile(), imxProfile()}) {
-    g_autoptr(GstBuffer) buffer = GstVideoBackend(profile).wrapFrame(handle, frame);
-    EXPECT_EQ(touched(), 0) << profile.name;
-    if (profile.platform == GstVideoBackend::Platform::ImxVpu) {
-      guint8 first = 1;
-      gst_buffer_extract(buffer, 0, &first, 1);
-      EXPECT_GT(touched(), 0) << "nothing was watched";
-    }
-  }
-  close(fd);
 }
 
 TEST(Cost, BuildersAllocateTheirTextAlone) {
@@ -152,44 +119,6 @@ Row picture(const char* name, unsigned height, bool repacks, double most) {
           most};
 }
 
-Row received() {
-  constexpr int kBatch = 50;
-  EncodedAudioFrame frame;
-  frame.payload.assign(160, 1);
-  const auto now = std::chrono::steady_clock::now();
-  return {"notes of frames and a drain",
-          [frame, now, guard = std::make_shared<AudioContinuityGuard>()] {
-            for (int i = 0; i < kBatch; ++i) {
-              guard->noteReceived(frame, now);
-            }
-            guard->drainReceived();
-          },
-          [frame] {
-            std::deque<EncodedAudioFrame> queue;
-            for (int i = 0; i < kBatch; ++i) {
-              queue.push_back(frame);
-            }
-          },
-          1.3};
-}
-
-Row silence() {
-  const auto guard = std::make_shared<AudioContinuityGuard>();
-  guard->setFallbackMode(AudioContinuityGuard::FallbackMode::Silence);
-  guard->prime(48000, 1, 20'000'000);
-  const std::shared_ptr<OpusEncoder> encoder(
-      opus_encoder_create(48000, 1, OPUS_APPLICATION_AUDIO, nullptr), opus_encoder_destroy);
-  opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(64000));
-  opus_encoder_ctl(encoder.get(), OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
-  return {"a silent frame",
-          [guard] { guard->maybeMakeFallback(AudioContinuityGuard::TimePoint::max()); },
-          [encoder, pcm = std::vector<opus_int16>(960),
-           packet = std::vector<std::uint8_t>(4000)]() mutable {
-            ASSERT_GT(opus_encode(encoder.get(), pcm.data(), 960, packet.data(), 4000), 0);
-          },
-          1.03};
-}
-
 // Under valgrind: counts the work's instructions into the next file.
 void count(const std::function<void()>& work) {
   work();  // what only a first call does
@@ -219,9 +148,7 @@ TEST(Cost, InstructionsAreFewMoreThanTheWorkTakes) {
   const Row rows[] = {wrapping("wrapFrame() on i.MX", imxProfile(), wrapDmaBufByHand),
                       wrapping("wrapFrame() on NVIDIA", nvidiaProfile(), wrapSurfaceByHand),
                       picture("a picture as it is", kHeight, false, 1.03),
-                      picture("a picture repacked", kHeight + 1, true, 1.1),
-                      received(),
-                      silence()};
+                      picture("a picture repacked", kHeight + 1, true, 1.1)};
   if (RUNNING_ON_VALGRIND != 0) {
     for (const Row& row : rows) {
       count(row.subject);
