@@ -1,13 +1,9 @@
 // The helpers of the GStreamer sources. GStreamer's default layouts come from real caps; layouts
 // that caps cannot express are put in place of what GStreamer reads from them.
 
-#include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <functional>
 #include <limits>
-#include <thread>
 #include <tuple>
 
 #include <fcntl.h>
@@ -38,23 +34,6 @@ extern "C" gboolean gst_video_info_from_caps(GstVideoInfo* info, const GstCaps* 
 namespace {
 
 using namespace media_backend::gst_source;
-
-TEST(EnsureInitializedDeathTest, LetsAnyThreadBeFirst) {
-  EXPECT_EXIT(
-      {
-        std::atomic<int> ready = gst_is_initialized() ? 0 : 1;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-          threads.emplace_back([&ready] {
-            ensure_initialized();
-            ready += gst_is_initialized() ? 1 : 0;
-          });
-        }
-        std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
-        std::exit(ready);
-      },
-      testing::ExitedWithCode(1 + 4), "");
-}
 
 TEST(EvenDimension, RoundsDownButNotBelowTwo) {
   const unsigned int rows[][2] = {{0, 2}, {1, 2}, {2, 2},       {3, 2},
@@ -134,12 +113,10 @@ struct LayoutRow {
 
 const LayoutRow kLayouts[] = {
     {"720p", 1280, 720, {0, 1280, 921600, 1280}, 1382400, false, true},
-    {"width that GStreamer pads", 1282, 720, {0, 1284, 924480, 1284}, 1386720, false, true},
     {"odd width", 33, 16, {0, 36, 576, 36}, 864, false, true},
     {"odd height leaves a gap", 1280, 721, {0, 1280, 924160, 1280}, 1384960, true, true},
     {"one row", 64, 1, {0, 64, 128, 64}, 192, false, true},
     {"padded alike", 1280, 720, {0, 1536, 1105920, 1536}, 1658880, false, false},
-    {"padded rows between planes", 1280, 720, {0, 1280, 942080, 1280}, 1402880, true, false},
     {"one byte between planes", 1280, 720, {0, 1280, 921601, 1280}, 1382401, true, false},
     {"chroma padded more", 1280, 720, {0, 1280, 921600, 1536}, 1474560, true, false},
     {"luma padded more", 1280, 720, {0, 1536, 1105920, 1280}, 1566720, true, false},
@@ -209,7 +186,6 @@ TEST_F(Nv12Sample, NamesWhatIsWrong) {
       {nullptr, nullptr, "GStreamer sample is missing buffer or caps"},
       {"audio/x-raw", nullptr, "failed to parse GStreamer video caps"},
       {"video/x-raw,format=I420,width=64,height=16", nullptr, "GStreamer sample is not NV12"},
-      {"video/x-raw,format=NV21,width=64,height=16", nullptr, "GStreamer sample is not NV12"},
       {nv12, [](GstVideoInfo& info) { info.width = 0; }, badLayout},
       {nv12, [](GstVideoInfo& info) { info.stride[0] = 0; }, badLayout},
       {nv12, [](GstVideoInfo& info) { info.stride[1] = -1; }, badLayout},
