@@ -3,20 +3,14 @@
 //
 // Usage: requests [--rtsp] [OPTION OF LIBFUZZER...]
 
-#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <regex>
 #include <string>
-#include <thread>
 
-#include <arpa/inet.h>
+#include <gio/gio.h>
 #include <gst/gst.h>
-#include <media_backend/GstVideoBackend.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "Require.h"
 #include "base/Board.h"
@@ -28,8 +22,6 @@
 #include "support/TempFolder.h"
 
 namespace {
-
-using std::chrono::steady_clock;
 
 // A server of the simulated board, with a still picture as its camera.
 class Server {
@@ -48,14 +40,11 @@ class Server {
       http_ = std::make_unique<station::HttpServer>(backend, *camera_, options_,
                                                     [](const station::StationError&) {});
     }
-    const std::string authority = listener().authority();
-    port_ = static_cast<std::uint16_t>(std::stoi(authority.substr(authority.rfind(':') + 1)));
   }
 
   const station::Listener& listener() const {
     return rtsp_ != nullptr ? rtsp_->listener() : http_->listener();
   }
-  std::uint16_t port() const { return port_; }
 
  private:
   const TempFolder folder_;
@@ -63,7 +52,6 @@ class Server {
   std::unique_ptr<station::LiveCamera> camera_;
   std::unique_ptr<station::HttpServer> http_;
   std::unique_ptr<station::RtspServer> rtsp_;
-  std::uint16_t port_ = 0;
 };
 
 Server* server = nullptr;  // until the process ends
@@ -72,33 +60,28 @@ Server* server = nullptr;  // until the process ends
 // server, or a length that is enough.
 std::string exchange(const std::uint8_t* bytes, std::size_t size) {
   constexpr std::size_t kEnough = 64 * 1024;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(server->port());
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  require(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
-          "the server takes connections");
+  g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_autoptr(GSocketConnection) connection = g_socket_client_connect_to_host(
+      client, server->listener().authority().c_str(), 0, nullptr, nullptr);
+  require(connection != nullptr, "the server takes connections");
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  g_socket_set_blocking(socket, FALSE);
+  g_socket_send(socket, reinterpret_cast<const char*>(bytes), size, nullptr, nullptr);
   std::string answer;
   for (int quiet = 0; quiet < 20 && answer.size() < kEnough;) {
-    const ssize_t sent = size > 0 ? send(client, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL) : 0;
-    if (sent > 0) {
-      bytes += sent;
-      size -= static_cast<std::size_t>(sent);
-    }
     const bool worked = g_main_context_iteration(nullptr, FALSE) != FALSE;
     char buffer[4096];
-    const ssize_t count = recv(client, buffer, sizeof(buffer), MSG_DONTWAIT);
-    if (count == 0 || (count < 0 && errno != EAGAIN)) {
+    g_autoptr(GError) error = nullptr;
+    const gssize count = g_socket_receive(socket, buffer, sizeof(buffer), nullptr, &error);
+    if (count > 0) {
+      answer.append(buffer, static_cast<std::size_t>(count));
+    } else if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
       break;
-    }
-    answer.append(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
-    if (count < 0 && !worked) {
-      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    } else if (!worked) {
+      g_usleep(100);
       ++quiet;
     }
   }
-  close(client);
   return answer;
 }
 
@@ -121,11 +104,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   require(answer.empty() || answer.front() == '$' ||
               std::regex_match(answer.substr(0, answer.find('\n') + 1), kStatusLine),
           "an answer begins with a status line");
-  const auto patience = steady_clock::now() + std::chrono::seconds(60);
+  const gint64 patience = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
   while (server->listener().connections() > 0) {
-    require(steady_clock::now() < patience, "a client that has gone is let go");
+    require(g_get_monotonic_time() < patience, "a client that has gone is let go");
     if (!g_main_context_iteration(nullptr, FALSE)) {
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+      g_usleep(200);
     }
   }
   return 0;
