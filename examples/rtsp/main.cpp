@@ -67,7 +67,8 @@ int main(int argc, char** argv) {
                                   backend.rtspPayloaderChain(config.codec, 1400) + ")";
 
   g_autoptr(GstRTSPServer) server = gst_rtsp_server_new();
-  g_object_set(server, "address", "127.0.0.1", "service", argc > 1 ? argv[1] : "8554", nullptr);
+  const char* const port = argc > 1 ? argv[1] : "8554";
+  g_object_set(server, "address", "127.0.0.1", "service", port, nullptr);
   GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
   gst_rtsp_media_factory_set_launch(factory, description.c_str());
   gst_rtsp_media_factory_set_shared(factory, TRUE);
@@ -75,9 +76,11 @@ int main(int argc, char** argv) {
   g_autoptr(GstRTSPMountPoints) paths = gst_rtsp_server_get_mount_points(server);
   gst_rtsp_mount_points_add_factory(paths, "/camera", factory);  // takes the factory
   if (gst_rtsp_server_attach(server, nullptr) == 0) {
-    std::fprintf(stderr, "the port is in use\n");
+    std::fprintf(stderr, "port %s is in use\n", port);
     return 1;
   }
+  std::printf("rtsp://127.0.0.1:%s/camera\n", port);
+  std::fflush(stdout);
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   g_main_loop_run(loop);
 }
