@@ -1,6 +1,7 @@
 #include "rtsp/ServeRtsp.h"
 
 #include <CLI/CLI.hpp>
+
 #include "rtsp/Server.h"
 
 namespace station {
@@ -17,6 +18,7 @@ CLI::App& ServeRtsp::addOptions(CLI::App& program) {
       ->capture_default_str();
   return command;
 }
+
 void ServeRtsp::serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
                       MainLoop& loop) {
   RtspServer server(backend, camera, options_);
