@@ -21,9 +21,9 @@
 #include <media_backend/GstVideoBackend.h>
 #include <simulated_board/SimulatedBoard.h>
 
+#include "Ratios.h"
 #include "camera/Camera.h"
 #include "camera/LiveCamera.h"
-#include "Ratios.h"
 #include "rtsp/Server.h"
 #include "support/Profiles.h"
 
