@@ -33,7 +33,7 @@ std::vector<std::pair<std::string, std::string>> describeAll(const GstVideoBacke
   };
 }
 
-void printJson(const GstVideoBackend& backend, const DescriptionSettings& settings) {
+void printProfileJson(const GstVideoBackend& backend, const DescriptionSettings& settings) {
   nlohmann::ordered_json report;
   report["profile"] = backend.name();
   report["available"] = backend.available();
@@ -68,7 +68,7 @@ void printElements() {
   }
 }
 
-void printText(const GstVideoBackend& backend, const DescriptionSettings& settings) {
+void printProfileText(const GstVideoBackend& backend, const DescriptionSettings& settings) {
   std::printf("profile  %s\n", backend.name());
   std::printf("codecs  ");
   for (const Codec codec : kCodecs) {
@@ -123,7 +123,7 @@ CLI::App& Inspect::addOptions(CLI::App& program) {
 
 void Inspect::run() {
   const GstVideoBackend& backend = openBoard(board_);
-  (json_ ? printJson : printText)(backend, settings_);
+  (json_ ? printProfileJson : printProfileText)(backend, settings_);
   std::fflush(stdout);
   requirePlatform(backend);
   if (!graph_.empty()) {
