@@ -41,12 +41,6 @@ using media_backend::GstVideoBackend;
 constexpr unsigned kWidth = 1920;
 constexpr unsigned kHeight = 1080;
 
-std::shared_ptr<lumora::ExportedFrame> exportedFrame() {
-  const std::string pixels(std::size_t{kWidth} * kHeight * 3 / 2, 'x');
-  return lumora::ExportedFrame::fromPicture(
-      *lumora::LumoraPicture::fromNv12Host(pixels.data(), kWidth, kHeight, kWidth));
-}
-
 TEST(Cost, BuildersAllocateTheirTextAlone) {
   GstVideoBackend::EncoderConfig config;
   config.codec = GstVideoBackend::Codec::H265;
@@ -75,6 +69,12 @@ TEST(Cost, BuildersAllocateTheirTextAlone) {
 #include <valgrind/callgrind.h>
 
 namespace {
+
+std::shared_ptr<lumora::ExportedFrame> exportedFrame() {
+  const std::string pixels(std::size_t{kWidth} * kHeight * 3 / 2, 'x');
+  return lumora::ExportedFrame::fromPicture(
+      *lumora::LumoraPicture::fromNv12Host(pixels.data(), kWidth, kHeight, kWidth));
+}
 
 constexpr unsigned kTimes = 10;
 
