@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <media_backend/AudioContinuityGuard.h>
 #include <opus.h>
+#include <pthread.h>
 
 #include "support/Interpose.h"
 
@@ -31,6 +32,7 @@ std::vector<opus_int16> g_pcm;
 opus_int32 g_bitrate = 0;
 std::atomic<int> g_allocations = 0;
 std::atomic<std::size_t> g_allocated = 0;  // bytes
+thread_local int t_locks = 0;
 
 }  // namespace
 
@@ -45,6 +47,14 @@ extern "C" opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* pcm, i
   g_pcm.insert(g_pcm.end(), pcm, pcm + std::ptrdiff_t{samples} * g_channels);
   return real(encoder, pcm, samples, data, size);
 }
+
+#if !defined(__SANITIZE_THREAD__)  // which sees a missing lock itself, and needs to see them all
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  static auto* const real = nextDefinition<int(pthread_mutex_t*)>("pthread_mutex_lock");
+  ++t_locks;
+  return real(mutex);
+}
+#endif
 
 // The next operator new is the standard one, which its own operator delete goes with.
 // NOLINTNEXTLINE(misc-new-delete-overloads)
@@ -342,6 +352,29 @@ TEST(AudioContinuityGuardTest, AllocatesNothingButThePayloadsOnceTheEncoderExist
   EXPECT_EQ(guard.makeFallbackUntil(~std::uint64_t{0}, 100, kSilent).size(), 100);
   EXPECT_LT(g_allocations, 150);  // a payload each, and the result's own storage
 }
+
+#if !defined(__SANITIZE_THREAD__)
+TEST(AudioContinuityGuardTest, EveryOperationTakesItsOneLock) {
+  using Guard = AudioContinuityGuard;
+  const std::pair<const char*, void (*)(Guard&)> rows[] = {
+      {"prime", [](Guard& guard) { guard.prime(0, 0, 0); }},
+      {"setFallbackMode", [](Guard& guard) { guard.setFallbackMode(Mode::Silence); }},
+      {"setFallbackBitrate", [](Guard& guard) { guard.setFallbackBitrate(64000); }},
+      {"setWatchdogTimeout", [](Guard& guard) { guard.setWatchdogTimeout(40ms); }},
+      {"noteReceived", [](Guard& guard) { guard.noteReceived({}, kStart); }},
+      {"drainReceived", [](Guard& guard) { guard.drainReceived(); }},
+      {"maybeMakeFallback", [](Guard& guard) { guard.maybeMakeFallback(kStart); }},
+      {"makeFallbackUntil", [](Guard& guard) { guard.makeFallbackUntil(1, 1, kStart); }},
+      {"reset", [](Guard& guard) { guard.reset(); }},
+  };
+  Guard guard;
+  for (const auto& [name, call] : rows) {
+    t_locks = 0;
+    call(guard);
+    EXPECT_EQ(t_locks, 1) << name;
+  }
+}
+#endif
 
 TEST(AudioContinuityGuardTest, ServesSeveralThreads) {
   AudioContinuityGuard guard;
