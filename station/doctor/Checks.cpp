@@ -17,6 +17,7 @@ using Codec = GstVideoBackend::Codec;
 std::vector<ElementDiagnosis> diagnoseElements(const Diagnosis& board, const CheckRunner& runner) {
   const std::vector<BoardElement> elements = lookUpElements();
   std::vector<std::string> names;
+  names.reserve(elements.size());
   for (const BoardElement& element : elements) {
     names.emplace_back(element.name);
   }

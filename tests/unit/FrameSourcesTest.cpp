@@ -250,8 +250,10 @@ TEST_P(FrameSources, TwoHundredStartsLeaveNothingBehind) {
   startOften(200);
   EXPECT_TRUE(descriptorsSettle(descriptors)) << openDescriptors() << ", not " << descriptors;
   EXPECT_TRUE(threadsSettle(threads)) << runningThreads() << " threads, not " << threads;
-  EXPECT_TRUE(settles([allocated] { return allocatedBytes() < allocated + 200 * 100; }))
-      << allocatedBytes() << " bytes, not " << allocated;
+  EXPECT_TRUE(settles([allocated] {
+    return allocatedBytes() < allocated + std::size_t{200} * 100;
+  })) << allocatedBytes()
+      << " bytes, not " << allocated;
 }
 
 }  // namespace
