@@ -178,7 +178,7 @@ MediaFileFrameSource::~MediaFileFrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> MediaFileFrameSource::capture(
     const MediaFileFrameSourceConfig& config, std::chrono::nanoseconds timeout,
     std::string& error) {
-  return impl_->pipeline.withTeardown([&] { return impl_->capture(config, timeout, error); });
+  return impl_->pipeline.tearDownOnBadAlloc([&] { return impl_->capture(config, timeout, error); });
 }
 
 void MediaFileFrameSource::stop() {

@@ -48,6 +48,14 @@ void dropInput(GstPad* pad, gint64 deadline) {
   }
 }
 
+void stopDecoder(const GValue* item, gpointer deadline) {
+  auto* const element = GST_ELEMENT(g_value_get_object(item));
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "sink");
+  if (pad != nullptr && isDecoder(element)) {
+    dropInput(pad, *static_cast<gint64*>(deadline));
+  }
+}
+
 }  // namespace
 
 bool SourcePipeline::run(Config config, std::string& error) {
@@ -168,17 +176,11 @@ bool SourcePipeline::isAtEnd() const {
 // at EOS dereferences a null frame if it gets no output buffer, as happens once going to NULL
 // flushes downstream (gst_ffmpegviddec_video_frame(), label no_output).
 void SourcePipeline::emptyDecoders() {
-  const gint64 deadline =
-      g_get_monotonic_time() + gint64{GST_TIME_AS_USECONDS(kStateChangeTimeout)};
+  gint64 deadline = g_get_monotonic_time() + gint64{GST_TIME_AS_USECONDS(kStateChangeTimeout)};
   g_autoptr(GstIterator) elements = gst_bin_iterate_recurse(GST_BIN(pipeline_.get()));
-  g_auto(GValue) item = G_VALUE_INIT;
-  while (gst_iterator_next(elements, &item) == GST_ITERATOR_OK) {
-    auto* const element = GST_ELEMENT(g_value_get_object(&item));
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "sink");
-    if (pad != nullptr && isDecoder(element)) {
-      dropInput(pad, deadline);
-    }
-    g_value_reset(&item);
+  // A decodebin that still adds elements restarts the iteration.
+  while (gst_iterator_foreach(elements, stopDecoder, &deadline) == GST_ITERATOR_RESYNC) {
+    gst_iterator_resync(elements);
   }
 }
 

@@ -69,7 +69,7 @@ class SourcePipeline {
   // Calls `capture` and tears the pipeline down if memory runs out: the exception may discard an
   // error of the pipeline, which no later call would report.
   template <typename Capture>
-  auto withTeardown(const Capture& capture) {
+  auto tearDownOnBadAlloc(const Capture& capture) {
     try {
       return capture();
     } catch (const std::bad_alloc&) {

@@ -80,7 +80,7 @@ V4l2FrameSource::~V4l2FrameSource() = default;
 std::shared_ptr<lumora::LumoraPicture> V4l2FrameSource::capture(const V4l2FrameSourceConfig& config,
                                                                 std::chrono::nanoseconds timeout,
                                                                 std::string& error) {
-  return impl_->pipeline.withTeardown([&] { return impl_->capture(config, timeout, error); });
+  return impl_->pipeline.tearDownOnBadAlloc([&] { return impl_->capture(config, timeout, error); });
 }
 
 void V4l2FrameSource::stop() {
