@@ -119,8 +119,12 @@ class Advice {
     for (const ElementDiagnosis& row : board_.elements) {
       if (!row.opens()) {
         const std::string name = row.element.name;
-        add("does this chip have what " + name + " works with? See dmesg, and GST_DEBUG=4 " +
-            "gst-launch-1.0 fakesrc num-buffers=1 ! " + name + " ! fakesink");
+        add(std::string("does this chip have what ")
+                .append(name)
+                .append(" works with? See dmesg, and GST_DEBUG=4 gst-launch-1.0 fakesrc "
+                        "num-buffers=1 ! ")
+                .append(name)
+                .append(" ! fakesink"));
       }
     }
     for (const CodecDiagnosis& codec : board_.codecs) {
