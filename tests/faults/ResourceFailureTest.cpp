@@ -105,7 +105,7 @@ class ResourceFailure : public testing::Test {
     }
     report(subject, ": every allocation fails", times);
     times = 0;
-    while (!withoutDescriptors(static_cast<rlim_t>(3 + times), subject) && !HasFailure()) {
+    while (!withoutDescriptors(rlim_t{3} + static_cast<rlim_t>(times), subject) && !HasFailure()) {
       ++times;
     }
     report(subject, ": every descriptor denied", times);
