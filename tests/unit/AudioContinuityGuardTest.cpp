@@ -32,7 +32,6 @@ std::vector<opus_int16> g_pcm;
 opus_int32 g_bitrate = 0;
 std::atomic<int> g_allocations = 0;
 std::atomic<std::size_t> g_allocated = 0;  // bytes
-thread_local int t_locks = 0;
 
 }  // namespace
 
@@ -49,6 +48,7 @@ extern "C" opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* pcm, i
 }
 
 #if !defined(__SANITIZE_THREAD__)  // which sees a missing lock itself, and needs to see them all
+static thread_local int t_locks = 0;
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = nextDefinition<int(pthread_mutex_t*)>("pthread_mutex_lock");
   ++t_locks;
