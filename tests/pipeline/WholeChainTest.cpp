@@ -81,7 +81,7 @@ class WholeChain : public testing::TestWithParam<Case> {
       GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(i) * GST_SECOND / 30;
       GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
       pipeline.push(buffer);
-      while (encoded_ <= i) {  // the recorder drops what comes too soon
+      while (encoded_ <= i) {  // a frame pushed earlier is dropped
         g_autoptr(GstMessage) error = pipeline.message(GST_MESSAGE_ERROR, GST_MSECOND);
         ASSERT_EQ(error, nullptr);
       }

@@ -1,6 +1,6 @@
 // For the leak sanitizer. GLib is built without frame pointers, so only slow unwinding of every
 // allocation's stack, which makes a program four times as slow, could match leaks of other
-// libraries by their stacks. These are told apart without a stack.
+// libraries by their stacks. The functions below mark three such leaks without a stack.
 
 #if defined(__SANITIZE_ADDRESS__)
 
