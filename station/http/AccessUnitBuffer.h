@@ -9,8 +9,8 @@
 
 namespace station {
 
-// Ring buffer of encoded access units. Readers never block the writer or each other; one that falls
-// behind continues at the newest key frame.
+// Ring buffer of encoded access units. A reader waits for no other reader, and for the writer only
+// while it copies one access unit; a reader that falls behind continues at the newest key frame.
 //
 // Memory: at most kMaxAccessUnits and kMaxBytes, and the access units that readers still hold.
 // Threads: any.

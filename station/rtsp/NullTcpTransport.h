@@ -10,9 +10,8 @@ namespace station {
 // - While no TCP transport is ready for more, the stream takes no packet from its appsinks, and the
 //   whole pipeline waits.
 // - send_func() serves one of RTP and RTCP, then sleeps until a TCP transport reports message-sent
-// or
-//   another packet comes. Without a TCP transport nothing reports, and a transport that is removed
-//   does not wake it.
+//   or another packet comes. Without a TCP transport nothing reports, and a transport that is
+//   removed does not wake it.
 //
 // A TCP transport that discards and acknowledges every packet keeps the stream running. It is
 // attached only while a UDP client plays: TCP clients alone are better off with fewer frames than
