@@ -97,7 +97,7 @@ const char* converter() {
   return nvvidconv != nullptr ? "nvvidconv " : "videoconvert ! videoscale ";
 }
 
-std::string describe(const SourcePipeline::Config& config) {
+std::string describeFile(const SourcePipeline::Config& config) {
   Description text(320);
   text << "filesrc name=simu_file_src "
           "! decodebin name=simu_file_decode "
@@ -110,12 +110,12 @@ std::string describe(const SourcePipeline::Config& config) {
   return text.take();
 }
 
-constexpr SourcePipeline::Traits kTraits = {
+constexpr SourcePipeline::Traits kFileTraits = {
     "simu_file_src",
     "location",
     "simu_file_sink",
     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
-    describe,
+    describeFile,
     refuseHugePictures,
     "failed to create media file GStreamer pipeline",
     "GStreamer filesrc not found",
@@ -127,7 +127,7 @@ constexpr SourcePipeline::Traits kTraits = {
 }  // namespace
 
 struct [[gnu::visibility("hidden")]] MediaFileFrameSource::Impl {
-  SourcePipeline pipeline{kTraits};
+  SourcePipeline pipeline{kFileTraits};
   std::vector<std::uint8_t> scratch;
 
   std::shared_ptr<lumora::LumoraPicture> capture(const MediaFileFrameSourceConfig& config,

@@ -12,7 +12,7 @@ namespace media_backend {
 namespace {
 
 // Frames are dropped wherever they could queue up, so that a slow caller gets no stale one.
-std::string describe(const SourcePipeline::Config& config) {
+std::string describeDevice(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = gst_source::fps_fraction(config.fps);
   Description text(360);
   text << "v4l2src name=simu_v4l_src do-timestamp=true io-mode=2 "
@@ -28,12 +28,12 @@ std::string describe(const SourcePipeline::Config& config) {
   return text.take();
 }
 
-constexpr SourcePipeline::Traits kTraits = {
+constexpr SourcePipeline::Traits kDeviceTraits = {
     "simu_v4l_src",
     "device",
     "simu_v4l_sink",
     static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING),
-    describe,
+    describeDevice,
     nullptr,
     "failed to create GStreamer pipeline",
     "GStreamer v4l2src not found",
@@ -45,7 +45,7 @@ constexpr SourcePipeline::Traits kTraits = {
 }  // namespace
 
 struct [[gnu::visibility("hidden")]] V4l2FrameSource::Impl {
-  SourcePipeline pipeline{kTraits};
+  SourcePipeline pipeline{kDeviceTraits};
   std::vector<std::uint8_t> scratch;
 
   std::shared_ptr<lumora::LumoraPicture> capture(

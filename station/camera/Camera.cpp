@@ -57,9 +57,9 @@ class MediaFile : public Camera {
   media_backend::MediaFileFrameSourceConfig config_;
 };
 
-class Device : public Camera {
+class DeviceCamera : public Camera {
  public:
-  explicit Device(const CameraOptions& options) : Camera(options) {
+  explicit DeviceCamera(const CameraOptions& options) : Camera(options) {
     config_.device = options.source;
     config_.width = options.width;
     config_.height = options.height;
@@ -134,7 +134,7 @@ std::unique_ptr<Camera> Camera::open(const CameraOptions& options) {
   }
   // /dev/videoN is a device even while unplugged.
   if (std::filesystem::is_character_file(status) || options.source.rfind("/dev/video", 0) == 0) {
-    return std::make_unique<Device>(options);
+    return std::make_unique<DeviceCamera>(options);
   }
   if (std::filesystem::is_regular_file(status) && isStillImage(options.source)) {
     return std::make_unique<StillImage>(options);

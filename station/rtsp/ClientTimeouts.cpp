@@ -9,7 +9,7 @@
 namespace station {
 namespace {
 
-constexpr const char* kKey = "station-client-timeouts";
+constexpr const char* kTimeoutsKey = "station-client-timeouts";
 constexpr std::chrono::seconds kNoSession{15};
 constexpr std::chrono::seconds kStalled{3};  // longer than a session takes to end
 
@@ -63,13 +63,14 @@ bool checkMedia(GstRTSPSession* session) {
 
 void ClientTimeouts::track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool) {
   auto* const self = new ClientTimeouts(socket, pool);
-  g_object_set_data_full(G_OBJECT(client), kKey, self,
+  g_object_set_data_full(G_OBJECT(client), kTimeoutsKey, self,
                          [](gpointer data) { delete static_cast<ClientTimeouts*>(data); });
   g_signal_connect(client, "new-session", G_CALLBACK(onSession), self);
 }
 
 void ClientTimeouts::check(GstRTSPClient* client) {
-  auto* const self = static_cast<ClientTimeouts*>(g_object_get_data(G_OBJECT(client), kKey));
+  auto* const self =
+      static_cast<ClientTimeouts*>(g_object_get_data(G_OBJECT(client), kTimeoutsKey));
   self->check(hasSession(client));
 }
 

@@ -5,7 +5,7 @@
 namespace station {
 namespace {
 
-constexpr const char* kKey = "camera-feed";
+constexpr const char* kFeedKey = "camera-feed";
 
 }  // namespace
 
@@ -35,7 +35,7 @@ void RtspFeeds::add(GstRTSPMedia* media) {
     }
     feeds_[media] = std::make_unique<CameraFeed>(backend_, camera_, bin.get());
   }
-  g_object_set_data_full(G_OBJECT(media), kKey, new Key(shared_from_this(), media),
+  g_object_set_data_full(G_OBJECT(media), kFeedKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });
   g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
 }
@@ -47,7 +47,7 @@ void RtspFeeds::close() {
 }
 
 void RtspFeeds::onUnprepared(GstRTSPMedia* media, gpointer /*unused*/) {
-  g_object_set_data(G_OBJECT(media), kKey, nullptr);
+  g_object_set_data(G_OBJECT(media), kFeedKey, nullptr);
 }
 
 }  // namespace station

@@ -3,7 +3,7 @@
 namespace station {
 namespace {
 
-constexpr const char* kKey = "station-null-transport";
+constexpr const char* kTransportKey = "station-null-transport";
 
 // Acknowledges at once, which wakes the stream's sending thread.
 gboolean acknowledge(GstBuffer* /*packet*/, guint8 /*channel*/, gpointer transport) {
@@ -53,14 +53,14 @@ void addNullTransport(GstRTSPMedia* media) {
   gst_rtsp_stream_transport_set_list_callbacks(null, acknowledgeList, acknowledgeList, null,
                                                nullptr);
   g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), null);
-  g_object_set_data_full(G_OBJECT(media), kKey, null, g_object_unref);
+  g_object_set_data_full(G_OBJECT(media), kTransportKey, null, g_object_unref);
 }
 
 void updateNullTransport(GstRTSPSessionMedia* media) {
   GstRTSPMedia* const pipeline = gst_rtsp_session_media_get_media(media);
   GstRTSPStream* const stream = gst_rtsp_media_get_stream(pipeline, 0);
   auto* const null =
-      static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(pipeline), kKey));
+      static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(pipeline), kTransportKey));
   Transports transports{null};
   // Returns a list of those that note() picks: none.
   g_list_free(gst_rtsp_stream_transport_filter(stream, note, &transports));

@@ -11,7 +11,7 @@ namespace {
 using media_backend::GstVideoBackend;
 
 // Longer than a session lives without keep-alive.
-constexpr std::chrono::seconds kIdle{90};
+constexpr std::chrono::seconds kIdleConnection{90};
 constexpr std::chrono::milliseconds kCheckInterval{250};
 constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
 // Below the kernel's ephemeral ports.
@@ -64,7 +64,7 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
           ")"),
       feeds_(std::make_shared<RtspFeeds>(backend, camera)),
       server_(gst_rtsp_server_new()),
-      listener_(options.address, options.port, {options.maxClients, kIdle, options.quiet},
+      listener_(options.address, options.port, {options.maxClients, kIdleConnection, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }) {
   gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));

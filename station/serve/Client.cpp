@@ -6,7 +6,7 @@
 namespace station {
 namespace {
 
-constexpr const char* kKey = "station-client";
+constexpr const char* kClientKey = "station-client";
 
 // "192.0.2.7:51234", "[2001:db8::7]:51234"
 std::string addressOf(GSocket* socket) {
@@ -25,7 +25,7 @@ void print(const std::string& address, const std::string& event) {
 }  // namespace
 
 void Client::attach(GSocket* socket, std::shared_ptr<const ClientSettings> settings) {
-  g_object_set_data_full(G_OBJECT(socket), kKey, new Client(socket, std::move(settings)),
+  g_object_set_data_full(G_OBJECT(socket), kClientKey, new Client(socket, std::move(settings)),
                          [](gpointer client) { delete static_cast<Client*>(client); });
 }
 
@@ -70,7 +70,7 @@ Client::~Client() {
 }
 
 Client* Client::of(GSocket* socket) {
-  return socket != nullptr ? static_cast<Client*>(g_object_get_data(G_OBJECT(socket), kKey))
+  return socket != nullptr ? static_cast<Client*>(g_object_get_data(G_OBJECT(socket), kClientKey))
                            : nullptr;
 }
 

@@ -15,7 +15,7 @@
 namespace {
 
 // Number of frames that ffprobe decodes in ten seconds.
-int decodedFrames(const std::string& url, const std::string& transport, const std::string& codec) {
+int framesReceived(const std::string& url, const std::string& transport, const std::string& codec) {
   const Result result =
       run({"ffprobe", "-v", "error", "-rtsp_transport", transport, "-read_intervals", "%+10",
            "-count_frames", "-show_entries", "stream=codec_name,width,height,nb_read_frames", "-of",
@@ -51,10 +51,10 @@ class ServeRtsp : public testing::TestWithParam<std::tuple<std::string, std::str
 TEST_P(ServeRtsp, SeveralClientsAtOnce) {
   const auto& [board, codec, ffmpegName] = GetParam();
   Server server("rtsp", {"--board", board, "--codec", codec, "--mtu", "700"});
-  auto tcp = std::async(std::launch::async, decodedFrames, server.url(), "tcp", ffmpegName);
+  auto tcp = std::async(std::launch::async, framesReceived, server.url(), "tcp", ffmpegName);
   server.awaitLine("camera runs");
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  auto udp = std::async(std::launch::async, decodedFrames, server.url(), "udp", ffmpegName);
+  auto udp = std::async(std::launch::async, framesReceived, server.url(), "udp", ffmpegName);
   const gsize largest = largestPacket(server.url());
   EXPECT_LE(largest, 700U);
   EXPECT_GT(largest, 690U);
