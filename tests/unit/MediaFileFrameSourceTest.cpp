@@ -262,21 +262,34 @@ TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
   }
 }
 
-// All frames are still inside a decoder of this many threads when their end comes, so that stopping
-// then meets the decoder handing them out.
+// All frames are still inside a decoder of this many threads when their end comes. Each one but the
+// first is held back and dropped, so that the stop finds the decoder about to negotiate the next.
 TEST_F(MediaFile, StopsWhileTheDecoderDrains) {
   const MediaFileFrameSourceConfig config = clip("long delay.mp4", {"-an", "-bf", "16"});
+  static std::atomic<bool> isFirst;
   g_onParsed = [] {
-    const auto useThreads = +[](GstBin*, GstBin*, GstElement* element, gpointer) {
+    const auto holdBack = +[](GstPad* pad, GstPadProbeInfo*, gpointer) {
+      if (isFirst.exchange(false)) {
+        return GST_PAD_PROBE_OK;
+      }
+      std::this_thread::sleep_for(10ms);
+      gst_pad_mark_reconfigure(pad);
+      return GST_PAD_PROBE_DROP;
+    };
+    const auto onElement = +[](GstBin*, GstBin*, GstElement* element, gpointer probe) {
       if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), "max-threads") != nullptr) {
         g_object_set(element, "max-threads", 16, nullptr);
+        g_autoptr(GstPad) output = gst_element_get_static_pad(element, "src");
+        gst_pad_add_probe(output, GST_PAD_PROBE_TYPE_BUFFER,
+                          reinterpret_cast<GstPadProbeCallback>(probe), nullptr, nullptr);
       }
     };
-    g_signal_connect(g_pipeline, "deep-element-added", G_CALLBACK(useThreads), nullptr);
+    isFirst = true;
+    g_signal_connect(g_pipeline, "deep-element-added", G_CALLBACK(onElement),
+                     reinterpret_cast<gpointer>(holdBack));
   };
-  for (int i = 0; i < 500; ++i) {
-    next(config, 0ms);
-    EXPECT_EQ(error_, "");
+  for (int i = 0; i < 10; ++i) {
+    expectFrames(config, 0, 1);
     source_.stop();
   }
   g_onParsed = nullptr;
