@@ -1,12 +1,15 @@
 #include "base/Options.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include "base/StationError.h"
+#include "base/Board.h"
 
 namespace station {
 
@@ -20,25 +23,30 @@ void addBoardOption(CLI::App& command, std::string& board) {
       ->type_name("{nvidia,imx}");
 }
 
-void addCodecOption(CLI::App& command, GstVideoBackend::Codec& codec, const char* help) {
+Codecs allCodecs() {
+  return {std::begin(kCodecs), std::end(kCodecs)};
+}
+
+void addCodecOption(CLI::App& command, GstVideoBackend::Codec& codec, const Codecs& choices,
+                    const char* help) {
+  std::vector<std::string> names(choices.size());
+  std::transform(choices.begin(), choices.end(), names.begin(), GstVideoBackend::codecName);
+  const auto canonical = [](const std::string& name) -> std::string {
+    return GstVideoBackend::codecName(GstVideoBackend::codecFromString(name));
+  };
   CLI::Option* const option = command.add_option_function<std::string>(
       "--codec",
-      [&codec](const std::string& text) {
-        codec = GstVideoBackend::codecFromString(text);
-        if (codec == GstVideoBackend::Codec::Unknown) {
-          throw StationError(ExitCode::Usage, "unknown codec: " + text);
-        }
-      },
-      help);
-  option->type_name("{h264,h265,av1,mjpeg}");
+      [&codec](const std::string& name) { codec = GstVideoBackend::codecFromString(name); }, help);
+  option->check(CLI::IsMember(names, canonical));
   if (codec != GstVideoBackend::Codec::Unknown) {
     option->default_str(GstVideoBackend::codecName(codec));
   }
 }
 
-void addEncoderOptions(CLI::App& command, GstVideoBackend::EncoderConfig& encoder) {
+void addEncoderOptions(CLI::App& command, GstVideoBackend::EncoderConfig& encoder,
+                       const Codecs& choices) {
   encoder.codec = GstVideoBackend::Codec::H264;
-  addCodecOption(command, encoder.codec, "h264, h265 (hevc), av1 or mjpeg, as the command can");
+  addCodecOption(command, encoder.codec, choices, "What to encode, if the board can");
   command.add_option("--bitrate", encoder.bitrateBps, "Video bit rate in bits per second")
       ->check(CLI::Range(std::uint32_t{1000}, std::uint32_t{1000000000}))
       ->capture_default_str();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <media_backend/GstVideoBackend.h>
 
@@ -14,12 +15,17 @@ namespace station {
 // --board, as openBoard() takes it.
 void addBoardOption(CLI::App& command, std::string& board);
 
-// --codec, which throws StationError (Usage) for an unknown one.
+using Codecs = std::vector<media_backend::GstVideoBackend::Codec>;
+
+Codecs allCodecs();
+
+// --codec, one of `choices` by any name that the library knows for it.
 void addCodecOption(CLI::App& command, media_backend::GstVideoBackend::Codec& codec,
-                    const char* help);
+                    const Codecs& choices, const char* help);
 
 // --codec, H.264 by default, and --bitrate.
-void addEncoderOptions(CLI::App& command, media_backend::GstVideoBackend::EncoderConfig& encoder);
+void addEncoderOptions(CLI::App& command, media_backend::GstVideoBackend::EncoderConfig& encoder,
+                       const Codecs& choices);
 
 // Refuses "nan", which CLI::Range accepts: it is neither below nor above.
 std::string refuseNan(const std::string& text);

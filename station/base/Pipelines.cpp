@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "base/Board.h"
+
 namespace station {
 namespace {
 
@@ -29,6 +31,18 @@ const char* nameOf(Use use) {
   }
 }
 
+// Names with commas between them.
+std::string usableCodecs(const GstVideoBackend& backend, Use use, DescriptionSettings settings) {
+  std::string names;
+  for (const GstVideoBackend::Codec codec : kCodecs) {
+    settings.encoder.codec = codec;
+    if (!describe(backend, use, settings).empty()) {
+      names += (names.empty() ? "" : ", ") + std::string(GstVideoBackend::codecName(codec));
+    }
+  }
+  return names.empty() ? "none" : names;
+}
+
 }  // namespace
 
 std::string describe(const GstVideoBackend& backend, Use use, const DescriptionSettings& settings) {
@@ -54,7 +68,8 @@ std::string requireDescription(const GstVideoBackend& backend, Use use,
     throw StationError(ExitCode::CodecNotUsable,
                        std::string("codec not usable for ") + nameOf(use) + " on " +
                            backend.name() + ": " +
-                           GstVideoBackend::codecName(settings.encoder.codec));
+                           GstVideoBackend::codecName(settings.encoder.codec) +
+                           "; usable: " + usableCodecs(backend, use, settings));
   }
   return description;
 }

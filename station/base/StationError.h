@@ -16,6 +16,7 @@ enum class ExitCode : int {
   Output = 6,
   DiskFull = 7,
   Pipeline = 8,
+  Address = 10,
   Interrupted = 130,
 };
 

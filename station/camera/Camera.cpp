@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include <gst/base/gsttypefindhelper.h>
 #include <media_backend/MediaFileFrameSource.h>
@@ -19,12 +20,32 @@ using Picture = std::shared_ptr<lumora::LumoraPicture>;
 
 constexpr std::chrono::seconds kTimeout{5};
 
+// Without the place in GStreamer's source, which the library's messages contain: one line for
+// users.
 [[noreturn]] void failSource(const std::string& reason) {
-  throw StationError(ExitCode::Source, "source failed: " + reason);
+  static const std::regex kPlace(R"( \([^ ]+\(\d+\): \w+ \(\): [^\n]*(?:\)$|\n))");
+  std::smatch place;
+  std::string line = reason;
+  if (std::regex_search(reason, place, kPlace)) {
+    const std::string rest = place.suffix();
+    line = place.prefix().str() + (rest.empty() ? "" : " (" + rest);
+  }
+  throw StationError(ExitCode::Source, "source failed: " + line);
 }
 
 [[noreturn]] void failSilentSource(const std::string& source) {
   throw StationError(ExitCode::Source, "source gives no pictures: " + source);
+}
+
+// By the file's first bytes; empty if they are of no known type.
+std::string mediaType(const std::string& path) {
+  std::string bytes(4096, '\0');
+  std::ifstream stream(path, std::ios::binary);
+  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  g_autoptr(GstCaps) caps =
+      gst_type_find_helper_for_data(nullptr, reinterpret_cast<const guint8*>(bytes.data()),
+                                    static_cast<gsize>(stream.gcount()), nullptr);
+  return caps != nullptr ? gst_structure_get_name(gst_caps_get_structure(caps, 0)) : "";
 }
 
 class MediaFile : public Camera {
@@ -42,17 +63,29 @@ class MediaFile : public Camera {
     std::string error;
     Picture picture = source_.capture(config_, kTimeout, error);
     if (picture == nullptr && !error.empty()) {
-      failSource(error);
+      fail(error);
     }
     // capture() returns at once at the end of the file, and otherwise only after kTimeout.
     const bool timedOut = steady_clock::now() - begin >= kTimeout;
     if (picture == nullptr && (config_.loop || timedOut)) {
-      failSilentSource(config_.path);
+      fail("");
     }
     return picture;
   }
 
  private:
+  [[noreturn]] void fail(const std::string& error) const {
+    // A file without video leaves its other tracks unlinked, or plays nothing.
+    if (error.find("not-linked") != std::string::npos ||
+        mediaType(config_.path).rfind("audio/", 0) == 0) {
+      failSource("no video in it: " + config_.path);
+    }
+    if (error.empty()) {
+      failSilentSource(config_.path);
+    }
+    failSource(error);
+  }
+
   media_backend::MediaFileFrameSource source_;
   media_backend::MediaFileFrameSourceConfig config_;
 };
@@ -105,21 +138,6 @@ class StillImage : public Camera {
   Picture picture_;
 };
 
-// By the file's first bytes. An animation is for the media source.
-bool isStillImage(const std::string& path) {
-  std::string bytes(4096, '\0');
-  std::ifstream stream(path, std::ios::binary);
-  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  g_autoptr(GstCaps) caps =
-      gst_type_find_helper_for_data(nullptr, reinterpret_cast<const guint8*>(bytes.data()),
-                                    static_cast<gsize>(stream.gcount()), nullptr);
-  if (caps == nullptr) {
-    return false;
-  }
-  const std::string type = gst_structure_get_name(gst_caps_get_structure(caps, 0));
-  return type.rfind("image/", 0) == 0 && type != "image/gif";
-}
-
 }  // namespace
 
 Camera::Camera(const CameraOptions& options) : options_(options) {}
@@ -136,7 +154,9 @@ std::unique_ptr<Camera> Camera::open(const CameraOptions& options) {
   if (std::filesystem::is_character_file(status) || options.source.rfind("/dev/video", 0) == 0) {
     return std::make_unique<DeviceCamera>(options);
   }
-  if (std::filesystem::is_regular_file(status) && isStillImage(options.source)) {
+  const std::string type =
+      std::filesystem::is_regular_file(status) ? mediaType(options.source) : "";
+  if (type.rfind("image/", 0) == 0 && type != "image/gif") {  // an animation is a media file
     return std::make_unique<StillImage>(options);
   }
   return std::make_unique<MediaFile>(options);

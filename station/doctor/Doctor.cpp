@@ -261,7 +261,7 @@ CLI::App& Doctor::addOptions(CLI::App& program) {
       "usable, and the exit code 0, if H.264 or H.265 (or what --codec names) encodes and every "
       "description that the library writes for it fits the board's elements");
   addBoardOption(command, board_);
-  addCodecOption(command, codec_, "Codec that has to work: h264, h265, av1, mjpeg");
+  addCodecOption(command, codec_, allCodecs(), "Codec that has to work");
   command
       .add_option_function<unsigned int>(
           "--timeout", [this](unsigned int seconds) { limit_ = std::chrono::seconds(seconds); },

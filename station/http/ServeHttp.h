@@ -8,7 +8,8 @@ namespace station {
 class ServeHttp : public ServeCommand {
  public:
   ServeHttp()
-      : ServeCommand("http", "Serve a page, streams and snapshots over HTTP", /*port=*/8080) {}
+      : ServeCommand("http", "Serve a page, streams and snapshots over HTTP", /*port=*/8080,
+                     allCodecs()) {}
 
  private:
   void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,

@@ -109,8 +109,9 @@ CLI::App& Inspect::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "inspect", "Show the board's video platform, its codecs, and what the library makes of it");
   addBoardOption(command, board_);
-  addEncoderOptions(command, settings_.encoder);
+  addEncoderOptions(command, settings_.encoder, allCodecs());
   command.add_option("--segment-seconds", settings_.segmentSeconds, "Longest segment")
+      ->check(CLI::Range(1U, 86400U))
       ->capture_default_str();
   command.add_flag("--klv", settings_.klv, "Describe the recorder with its KLV track");
   command.add_flag("--json", json_, "Print JSON");

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <vector>
 
@@ -58,7 +59,9 @@ void AudioOptions::addTo(CLI::App& command) {
       ->check(CLI::Range(0.0, 100.0))
       ->check(refuseNan)
       ->needs(source);
-  command.add_option("--seed", reception.seed, "For --loss")->capture_default_str();
+  command.add_option("--seed", reception.seed, "For --loss")
+      ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
+      ->capture_default_str();
   addTrackOptions(command, track);
 }
 

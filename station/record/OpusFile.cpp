@@ -1,10 +1,13 @@
 #include "record/OpusFile.h"
 
 #include <atomic>
+#include <cerrno>
+#include <system_error>
 
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <opus.h>
+#include <unistd.h>
 
 #include "base/Pipelines.h"
 #include "base/StationError.h"
@@ -62,6 +65,9 @@ OpusPacket packetOf(const std::string& path, GstBuffer* buffer) {
 }  // namespace
 
 std::vector<OpusPacket> readOpusFile(const std::string& path) {
+  if (access(path.c_str(), R_OK) != 0) {
+    fail(path, std::generic_category().message(errno));
+  }
   std::atomic<bool> tracksKnown{false};
   const PipelinePtr pipeline = play(path, tracksKnown);
   const GstPtr<GstElement> element = findElement(pipeline.get(), "packets");

@@ -11,8 +11,9 @@ namespace station {
 CLI::App& RecordCommand::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "record", "Record a camera, or a file played as one, into MPEG-TS segments");
+  using Codec = media_backend::GstVideoBackend::Codec;
   addBoardOption(command, board_);
-  addEncoderOptions(command, options_.recorder.encoder);
+  addEncoderOptions(command, options_.recorder.encoder, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
   command.add_option("-o,--output", options_.folder, "Folder for the segments")
       ->type_name("FOLDER")

@@ -1,6 +1,8 @@
 #include "serve/Credentials.h"
 
+#include <cerrno>
 #include <fstream>
+#include <system_error>
 
 #include <glib.h>
 #include <sodium.h>
@@ -17,7 +19,10 @@ Credentials Credentials::fromOption(const std::string& userAndFile) {
   const std::string file = userAndFile.substr(colon + 1);
   std::ifstream stream(file);
   std::string password;
-  std::getline(stream, password);
+  if (!std::getline(stream, password) && !stream.eof()) {
+    throw StationError(ExitCode::Usage,
+                       "password file " + file + ": " + std::generic_category().message(errno));
+  }
   if (!password.empty() && password.back() == '\r') {
     password.pop_back();
   }

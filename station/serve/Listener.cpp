@@ -51,8 +51,11 @@ Listener::Listener(const std::string& address, std::uint16_t port, const Limits&
   if (!g_socket_listener_add_address(G_SOCKET_LISTENER(service_.get()), wanted,
                                      G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr,
                                      &effective, &error)) {
-    throw StationError(ExitCode::Output, "cannot serve on " + address + " port " +
-                                             std::to_string(port) + ": " + error->message);
+    const bool inUse = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_ADDRESS_IN_USE);
+    throw StationError(ExitCode::Address,
+                       "cannot serve on " + address + " port " + std::to_string(port) + ": " +
+                           (inUse ? "another program uses this port; --port 0 takes any free one"
+                                  : error->message));
   }
   address_.reset(G_INET_SOCKET_ADDRESS(effective));
   g_signal_connect(service_.get(), "incoming", G_CALLBACK(onIncoming), this);

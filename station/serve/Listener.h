@@ -29,7 +29,7 @@ class Listener {
 
   // Listens on a numeric address, on any free port if `port` is 0. Raises the process's limit of
   // open files if it is too low for the connections. Throws StationError: Usage for something that
-  // is not an address or more connections than the system allows, Output for an address that is
+  // is not an address or more connections than the system allows, Address for an address that is
   // taken or not this machine's.
   Listener(const std::string& address, std::uint16_t port, const Limits& limits, Accept accept);
   ~Listener();

@@ -23,7 +23,7 @@ CLI::App& ServeCommand::addOptions(CLI::App& program) {
   group->require_subcommand(1);
   CLI::App& command = *group->add_subcommand(name_, help_);
   addBoardOption(command, board_);
-  options_.addTo(command);
+  options_.addTo(command, codecs_);
   return command;
 }
 

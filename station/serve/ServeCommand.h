@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "base/Command.h"
 #include "serve/Listener.h"
@@ -16,7 +17,8 @@ class ServeCommand : public Command {
   void run() final;
 
  protected:
-  ServeCommand(const char* name, const char* help, std::uint16_t port) : name_(name), help_(help) {
+  ServeCommand(const char* name, const char* help, std::uint16_t port, Codecs codecs)
+      : name_(name), help_(help), codecs_(std::move(codecs)) {
     options_.port = port;
   }
 
@@ -31,6 +33,7 @@ class ServeCommand : public Command {
  private:
   const char* const name_;
   const char* const help_;
+  const Codecs codecs_;
   std::string board_;
 };
 

@@ -2,14 +2,14 @@
 
 #include <CLI/CLI.hpp>
 
-#include "base/Options.h"
-
 namespace station {
 
-void ServeOptions::addTo(CLI::App& command) {
-  addEncoderOptions(command, encoder);
+void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
+  addEncoderOptions(command, encoder, codecs);
   camera.addTo(command);
-  command.add_option("--port", port, "TCP port; 0 for any free one")->capture_default_str();
+  command.add_option("--port", port, "TCP port; 0 for any free one")
+      ->check(CLI::Range(0U, 65535U))
+      ->capture_default_str();
   command.add_option("--bind", address, "Numeric address to serve on")->capture_default_str();
   command
       .add_option_function<std::string>(

@@ -7,6 +7,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "base/Command.h"
+#include "base/Options.h"
 #include "camera/CameraOptions.h"
 #include "serve/Credentials.h"
 
@@ -24,7 +25,7 @@ struct ServeOptions {
   std::string path = "/camera";
   unsigned int mtu = 1400;  // bytes of an RTP packet
 
-  void addTo(CLI::App& command);
+  void addTo(CLI::App& command, const Codecs& codecs);
 };
 
 }  // namespace station

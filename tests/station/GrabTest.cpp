@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <tuple>
 
 #include "Program.h"
@@ -66,9 +67,14 @@ TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
   const std::string image = folder_ / "image.png";
   ffmpeg("color=red:size=4x4", {"-frames:v", "1", image});
   ffmpeg("color=red:size=16x16,format=rgb24,crop=1:16", {"-frames:v", "1", folder_ / "thin.png"});
+  ffmpeg("sine=duration=1", {folder_ / "tone.wav", folder_ / "tone.ogg"});
+  std::ofstream(folder_ / "empty");
   const std::tuple<std::string, std::string, int, std::string> rows[] = {
       {"/dev/video999", folder_ / "a.png", 5,
-       "source failed: Cannot identify device '/dev/video999'. ("},
+       "source failed: Cannot identify device '/dev/video999'. (system error: No such"},
+      {folder_ / "tone.wav", folder_ / "a.png", 5, "source failed: no video in it: "},
+      {folder_ / "tone.ogg", folder_ / "a.png", 5, "source failed: no video in it: "},
+      {folder_ / "empty", folder_ / "a.png", 5, "source failed: Stream contains no data. (Can't "},
       {folder_ / "thin.png", folder_ / "a.png", 5,
        "source failed: still image is too small: " + folder_ / "thin.png"},
       {image, folder_ / "a.gif", 2, "grab writes .png, .jpg and .nv12, not "},
@@ -78,6 +84,7 @@ TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
     const Result result = run(station({"grab", source, "-o", file}));
     EXPECT_EQ(result.exitCode, exitCode) << text;
     EXPECT_EQ(result.err.rfind("media-station: " + text, 0), 0U) << result.err;
+    EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
   }
 }
 

@@ -149,14 +149,14 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
   const std::tuple<Arguments, int, const char*> rows[] = {
       {{clip_, "-o", out, "--board", ""}, 3, "no hardware video platform"},
       {{clip_, "-o", out, "--board", "toaster"}, 2, "cannot simulate board \"toaster\""},
-      {{clip_, "-o", out, "--codec", "vp9"}, 2, "unknown codec: vp9"},
-      {{clip_, "-o", out, "--codec", "av1"}, 4, "av1"},
-      {{clip_, "-o", out, "--board", "nvv4l2h265enc,nvvidconv"}, 4, "h264"},
+      {{clip_, "-o", out, "--codec", "vp9"}, 2, "--codec: vp9 not in {h264,h265}"},
+      {{clip_, "-o", out, "--codec", "av1"}, 2, "--codec: av1 not in {h264,h265}"},
+      {{clip_, "-o", out, "--board", "nvv4l2h265enc,nvvidconv"}, 4, "h264; usable: h265"},
       {{"/nowhere.mp4", "-o", out}, 5, "does not exist: /nowhere.mp4"},
       {{clip_, "-o", text}, 6, "output folder "},
       {{clip_, "-o", out, "--audio", stereo}, 5, "this is 2 channels at 48000 Hz"},
       {{clip_, "-o", out, "--audio", clip_}, 5, "no Opus track"},
-      {{clip_, "-o", out, "--audio", "/nowhere.ogg"}, 5, "/nowhere.ogg"},
+      {{clip_, "-o", out, "--audio", "/nowhere.ogg"}, 5, "/nowhere.ogg: No such file"},
       {{clip_, "-o", out, "--audio", clip_, "--drop", "3-2"},
        2,
        "a dropout is START-END in seconds, not 3-2"},
@@ -168,7 +168,7 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--duration", "inf"}, 2, "--duration: Value inf not in"},
       {{clip_, "-o", out, "--fps", "0"}, 2, "--fps: Value 0 not in"},
   };
-  static const std::regex kOneLine(".*\n(Run with --help for more information.\n)?");
+  static const std::regex kOneLine(".*\n(Run .*--help for more information.\n)?");
   for (const auto& [arguments, exitCode, error] : rows) {
     Arguments command = station({"record"}, arguments);
     if (std::find(command.begin(), command.end(), "--board") == command.end()) {

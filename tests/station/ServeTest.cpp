@@ -20,12 +20,13 @@ TEST(Serve, FailuresAreOneLine) {
   std::ofstream(folder / "empty") << "\n";
   using Arguments = std::vector<std::string>;
   const std::tuple<Arguments, int, const char*> rows[] = {
-      {{clip, "--port", taken}, 6, "cannot serve on 127.0.0.1 port "},
+      {{clip, "--port", taken}, 10, "cannot serve on 127.0.0.1 port "},
       {{clip, "--codec", "av1"}, 4, "codec not usable for "},
+      {{clip, "--bind", "192.0.2.1"}, 10, "cannot serve on 192.0.2.1 port "},
       {{"/nowhere/clip.mkv"}, 5, "source failed: "},
       {{clip, "--bind", "localhost"}, 2, "not a numeric address: localhost"},
       {{clip, "--auth", "me"}, 2, "--auth takes USER:FILE, not \"me\""},
-      {{clip, "--auth", "me:/nowhere"}, 2, "no password on the first line of /nowhere"},
+      {{clip, "--auth", "me:/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:" + folder / "empty"}, 2, "no password on the first line of "},
   };
   const Result path = run(station({"serve", "rtsp", clip, "--board", "imx", "--path", "door"}));
