@@ -143,11 +143,14 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // Whole description of a recorder into MPEG-TS segments of at most `segmentSeconds` seconds.
   // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
-  // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps.
-  // Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux". appsrc
-  // lacks "max-buffers" there: with KLV or audio, parsing reports GST_PARSE_ERROR_NO_SUCH_PROPERTY
-  // and still returns the pipeline, unless errors are fatal.
-  // Empty unless the codec is H264 or H265 and the profile supports it.
+  // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps and
+  // never block. The muxer waits for the stream that is furthest behind, and the queues of the
+  // others drop their oldest buffers meanwhile: video holds 1 frame, KLV 8 packets, audio 64. A
+  // stream that comes too early loses its own buffers, one that comes too late costs those of the
+  // others. Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux".
+  // appsrc lacks "max-buffers" there: with KLV or audio, parsing reports
+  // GST_PARSE_ERROR_NO_SUCH_PROPERTY and still returns the pipeline, unless errors are fatal. Empty
+  // unless the codec is H264 or H265 and the profile supports it.
   std::string recorderPipeline(const EncoderConfig& config, unsigned int segmentSeconds,
                                bool withKlv, bool withAudio) const;
 

@@ -23,6 +23,11 @@ struct MediaFileFrameSourceConfig {
 // Plays a media file as a simulated camera: every decoded frame in order, scaled to NV12, as fast
 // as the caller takes them. Frames of more than 8192 x 8192 pixels are a failure.
 //
+// The pictures have the colorimetry (matrix and range) of the file's video, also after scaling, and
+// do not say which: the host passes it to GstVideoBackend::setInputCaps(), whose default is
+// "bt709". Where the file says nothing, and for RGB, GStreamer's rule is limited range, BT.601 up
+// to 576 rows in the file and BT.709 above.
+//
 // The pipeline starts inside the first capture() and is reused while the configuration stays the
 // same (frame rates closer than 1e-6 count as the same); another configuration restarts from the
 // first frame.

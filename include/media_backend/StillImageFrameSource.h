@@ -19,8 +19,9 @@ struct StillImageFrameSourceConfig {
 // Threads: any number at once; the object has no state.
 class MEDIA_BACKEND_API StillImageFrameSource {
  public:
-  // Reads and decodes the file on every call, and converts it to NV12: full-range BT.601, no
-  // scaling, dimensions rounded down to even. Alpha is dropped, 16 bits become 8.
+  // Reads and decodes the file on every call, and converts it to NV12: full-range BT.601
+  // (GStreamer's colorimetry "1:4:0:0"), no scaling, dimensions rounded down to even. Alpha is
+  // dropped, 16 bits become 8.
   //
   // Returns a picture that the caller owns; empty with a message in `error` if there is no such
   // file, it cannot be decoded or has less than 2 rows or columns. `error` is cleared otherwise.

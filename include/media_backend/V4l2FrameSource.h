@@ -22,6 +22,9 @@ struct V4l2FrameSourceConfig {
 // Captures from a V4L2 camera: always its newest frame, scaled to NV12. Frames that the caller does
 // not take in time are dropped.
 //
+// The pictures have the colorimetry (matrix and range) that the driver reports, and do not say
+// which; for RGB, as in MediaFileFrameSource.
+//
 // The pipeline starts inside the first capture() and is reused while the configuration stays the
 // same (frame rates closer than 1e-6 count as the same).
 // Threads: one thread at a time per object. Several objects may run at once, each on its device.
