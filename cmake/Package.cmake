@@ -4,6 +4,8 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/media_backend)
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+list(JOIN gst_modules ", " pc_modules)
+string(REPLACE ">=" " >= " pc_modules "${pc_modules}")
 list(JOIN gst_modules " " gst_modules)
 
 file(RELATIVE_PATH pc_to_prefix /${pc_dir} /)
@@ -13,9 +15,15 @@ if(LUMORA_ROOT)
   get_filename_component(lumora_libdir ${Lumora_LIBRARY} DIRECTORY)
   set(pc_lumora_cflags " -I${Lumora_INCLUDE_DIR}")
   set(pc_lumora_libs " -L${lumora_libdir} -lLumoraTools")
+  set(pc_lumora_run_path " -Wl,-rpath,${lumora_libdir}")
 else()
   set(config_lumora_root "\${PACKAGE_PREFIX_DIR}")
   set(pc_lumora_libs " -lLumoraTools")
+endif()
+
+# Programs find a library that stands outside the system's folders, as CMake's do.
+if(NOT CMAKE_SKIP_INSTALL_RPATH)
+  set(pc_run_path " -Wl,-rpath,\${libdir}${pc_lumora_run_path}")
 endif()
 
 configure_package_config_file(cmake/media_backendConfig.cmake.in

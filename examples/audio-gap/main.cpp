@@ -1,8 +1,8 @@
 // A microphone on a network that breaks off for a while, and the track that the guard makes of it.
 //
-// Prints a line for every packet of the track: where it begins on the track, in milliseconds, when
-// it was handed over to the muxer, and whether it was received or is fallback. The clock is the
-// program's own, so every run prints the same.
+// Prints a line for every packet of the track: where it begins on the track, when it was handed
+// over to the muxer, both in milliseconds, and whether it was received or is fallback. The clock is
+// the program's own, so every run prints the same.
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -61,7 +61,7 @@ class Track {
   void handOver(const std::deque<EncodedAudioFrame>& frames, int now, const char* kind) {
     for (const EncodedAudioFrame& frame : frames) {
       const int pts = static_cast<int>(frame.ptsNs / 1'000'000);
-      std::printf("%d %d %s\n", pts, now, kind);
+      std::printf("%9d  %14d  %s\n", pts, now, kind);
       end_ = pts + kPacket;
     }
   }
@@ -73,6 +73,7 @@ class Track {
 }  // namespace
 
 int main() {
+  std::printf("begins ms  handed over ms  kind\n");
   Track track;
   for (int now = kStart; now < kEnd; now += 10) {
     const int sent = now - kNetworkDelay;
