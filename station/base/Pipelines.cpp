@@ -1,5 +1,6 @@
 #include "base/Pipelines.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/Board.h"
@@ -110,8 +111,10 @@ BusError BusError::parse(GstMessage* message) {
   gst_message_parse_error(message, &error, &debug);
   // The first line of the debug text is file, line and function.
   const char* const newline = debug != nullptr ? std::strchr(debug, '\n') : nullptr;
+  std::string detail = newline != nullptr ? newline + 1 : "";
+  std::replace(detail.begin(), detail.end(), '\n', ' ');
   return {error->domain, error->code, GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), error->message,
-          newline != nullptr ? newline + 1 : ""};
+          detail};
 }
 
 std::optional<BusError> BusError::take(GstBus* bus, GstClockTime timeout) {
@@ -120,7 +123,8 @@ std::optional<BusError> BusError::take(GstBus* bus, GstClockTime timeout) {
 }
 
 StationError BusError::as(ExitCode exitCode) const {
-  return {exitCode, "pipeline error from " + element + ": " + message};
+  return {exitCode, "pipeline error from " + element + ": " + message +
+                        (detail.empty() ? "" : " (" + detail + ")")};
 }
 
 }  // namespace station

@@ -16,6 +16,7 @@ enum class ExitCode : int {
   Output = 6,
   DiskFull = 7,
   Pipeline = 8,
+  Incomplete = 9,
   Address = 10,
   Interrupted = 130,
 };

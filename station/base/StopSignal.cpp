@@ -24,11 +24,25 @@ void setHandler(void (*handler)(int)) {
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  for (const int number : stopSignals()) {
+    sigaction(number, &action, nullptr);
+  }
+}
+
+bool isIgnored(int number) {
+  struct sigaction action {};
+  sigaction(number, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
 }
 
 }  // namespace
+
+const std::vector<int>& stopSignals() {
+  static const std::vector<int> kSignals = isIgnored(SIGHUP)
+                                               ? std::vector<int>{SIGINT, SIGTERM}
+                                               : std::vector<int>{SIGINT, SIGTERM, SIGHUP};
+  return kSignals;
+}
 
 StopSignal::StopSignal() {
   stopRequested = false;
@@ -46,6 +60,11 @@ bool StopSignal::requested() const {
 void exitOnSignal() {
   stopRequested = true;
   setHandler(onSignal);
+}
+
+void ignoreWriteSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 }  // namespace station

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Callback.h"
+#include "camera/CallSource.h"
+
 namespace station {
 namespace {
 
@@ -30,7 +33,7 @@ LiveCamera::Subscription::~Subscription() {
 
 LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange)
     : camera_(std::move(camera)), onChange_(std::move(onChange)), picture_(nextPicture()) {
-  thread_ = std::thread(&LiveCamera::run, this);
+  thread_ = std::thread([this] { callGuarded([this] { run(); }); });
 }
 
 LiveCamera::~LiveCamera() {
@@ -53,7 +56,7 @@ std::optional<StationError> LiveCamera::failure() const {
 }
 
 std::shared_ptr<lumora::LumoraPicture> LiveCamera::nextPicture() {
-  auto picture = camera_->next();
+  auto picture = callSource(options().source, [this] { return camera_->next(); });
   if (picture == nullptr) {
     throw StationError(ExitCode::Source, "source has ended: " + options().source);
   }

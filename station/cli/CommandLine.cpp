@@ -10,7 +10,9 @@
 #include <gst/gst.h>
 #include <CLI/CLI.hpp>
 
+#include "base/Callback.h"
 #include "base/StationError.h"
+#include "base/StopSignal.h"
 
 namespace station {
 namespace {
@@ -28,6 +30,7 @@ constexpr struct {
     {ExitCode::Output, "output not writable"},
     {ExitCode::DiskFull, "disk full"},
     {ExitCode::Pipeline, "pipeline error"},
+    {ExitCode::Incomplete, "recorded, but frames or packets are missing"},
     {ExitCode::Address, "address or port not available"},
     {ExitCode::Interrupted, "ended by a second Ctrl-C"},
 };
@@ -146,8 +149,10 @@ ExitCode report(ExitCode code, const char* prefix, const std::exception& error) 
 
 int runCommandLine(int argc, char** argv, const std::vector<Command*>& commands) {
   ExitCode code = ExitCode::Ok;
+  ignoreWriteSignals();
   try {
     code = run(argc, argv, commands);
+    throwKeptException();
   } catch (const StationError& error) {
     code = report(error.code(), "", error);
   } catch (const std::exception& error) {

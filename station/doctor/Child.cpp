@@ -4,6 +4,7 @@
 
 #include <gio/gio.h>
 
+#include "base/Callback.h"
 #include "base/Handles.h"
 
 namespace station {
@@ -26,7 +27,7 @@ class Wait {
     g_main_context_push_thread_default(context_.get());
     after(static_cast<guint>(limit.count()), kill);
     after(static_cast<guint>(limit.count()) + kGraceMs, leave);
-    g_subprocess_communicate_async(child, nullptr, cancellable_.get(), finish, this);
+    g_subprocess_communicate_async(child, nullptr, cancellable_.get(), guarded<finish>, this);
   }
 
   ChildResult run() {

@@ -5,6 +5,8 @@
 
 #include <gst/gst.h>
 
+#include "base/Callback.h"
+
 namespace station {
 namespace {
 
@@ -68,7 +70,7 @@ DescriptionCheck checkDescription(const std::string& description) {
     g_autoptr(GstElement) pipeline = GST_ELEMENT(gst_object_ref_sink(parsed));
     if (GST_IS_BIN(pipeline)) {
       g_autoptr(GstIterator) all = gst_bin_iterate_recurse(GST_BIN(pipeline));
-      gst_iterator_foreach(all, noteFactory, &check.elements);
+      gst_iterator_foreach(all, guarded<noteFactory>, &check.elements);
     }
   }
   if (error != nullptr) {

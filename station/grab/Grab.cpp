@@ -1,14 +1,14 @@
 #include "grab/Grab.h"
 
 #include <cstdio>
-#include <fstream>
 #include <string>
-#include <system_error>
 
 #include <gst/video/video.h>
 #include <CLI/CLI.hpp>
 
 #include "base/StationError.h"
+#include "base/WriteError.h"
+#include "camera/CallSource.h"
 #include "camera/Camera.h"
 
 namespace station {
@@ -17,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr GstClockTime kConvertTimeout = 10 * GST_SECOND;
+constexpr int kFileMode = 0666;
 
 // Kind of a file by its extension; null caps for raw NV12.
 struct Kind {
@@ -51,11 +52,17 @@ std::string packedNv12(const lumora::LumoraPicture& picture) {
   return bytes;
 }
 
+// A buffer over bytes that outlive it: GLib ends the process if there is no memory for a copy.
+GstBuffer* wrapped(std::string& bytes) {
+  return gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, bytes.data(), bytes.size(), 0,
+                                     bytes.size(), nullptr, nullptr);
+}
+
 // A null `colorimetry` means GStreamer's default for the size.
 std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetry,
                     const char* type) {
-  const std::string nv12 = packedNv12(picture);
-  g_autoptr(GstBuffer) buffer = gst_buffer_new_memdup(nv12.data(), nv12.size());
+  std::string nv12 = packedNv12(picture);
+  g_autoptr(GstBuffer) buffer = wrapped(nv12);
   g_autoptr(GstCaps) from = gst_caps_new_simple(
       "video/x-raw", "format", G_TYPE_STRING, "NV12", "width", G_TYPE_INT,
       static_cast<int>(picture.width()), "height", G_TYPE_INT, static_cast<int>(picture.height()),
@@ -77,13 +84,12 @@ std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetr
   return result;
 }
 
+// Leaves a file that exists as it was if it fails.
 void write(const fs::path& file, const std::string& bytes) {
-  std::ofstream stream(file, std::ios::binary);
-  stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  stream.close();
-  if (!stream) {
-    throw StationError(ExitCode::Output, "cannot write " + file.string() + ": " +
-                                             std::generic_category().message(errno));
+  g_autoptr(GError) error = nullptr;
+  if (!g_file_set_contents_full(file.c_str(), bytes.data(), static_cast<gssize>(bytes.size()),
+                                G_FILE_SET_CONTENTS_CONSISTENT, kFileMode, &error)) {
+    throw writeError("cannot write " + file.string(), error->message);
   }
 }
 
@@ -116,6 +122,10 @@ CLI::App& Grab::addOptions(CLI::App& program) {
 }
 
 void Grab::run() {
+  callSource(camera_.source, [this] { grab(); });
+}
+
+void Grab::grab() {
   const Kind& kind = kindOf(file_);
   const std::unique_ptr<Camera> camera = Camera::open(camera_);
   for (unsigned int number = 0; number < count_; ++number) {

@@ -15,6 +15,8 @@ class Grab : public Command {
   void run() override;
 
  private:
+  void grab();
+
   CameraOptions camera_;
   std::filesystem::path file_ = "picture.png";
   unsigned int count_ = 1;  // more than one number the files

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/Callback.h"
 #include "serve/Client.h"
 
 namespace {
@@ -104,7 +105,7 @@ void reset(GConverter* self) {
 }
 
 void setUpConverter(gpointer interface, gpointer /*unused*/) {
-  static_cast<GConverterIface*>(interface)->convert = convert;
+  static_cast<GConverterIface*>(interface)->convert = station::guarded<convert>;
   static_cast<GConverterIface*>(interface)->reset = reset;
 }
 

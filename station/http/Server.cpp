@@ -5,6 +5,7 @@
 
 #include <gio/gio.h>
 
+#include "base/Callback.h"
 #include "base/WeakReference.h"
 #include "http/RequestFilter.h"
 #include "http/StreamMetrics.h"
@@ -123,13 +124,13 @@ void HttpServer::addStream(Codec codec) {
 }
 
 void HttpServer::setUpServer() {
-  g_signal_connect(server_.get(), "request-started", G_CALLBACK(onRequestStarted), this);
-  soup_server_add_early_handler(server_.get(), nullptr, onHeaders, this, nullptr);
-  soup_server_add_handler(server_.get(), nullptr, onRequest, this, nullptr);
+  g_signal_connect(server_.get(), "request-started", G_CALLBACK(guarded<onRequestStarted>), this);
+  soup_server_add_early_handler(server_.get(), nullptr, guarded<onHeaders>, this, nullptr);
+  soup_server_add_handler(server_.get(), nullptr, guarded<onRequest>, this, nullptr);
   if (options_.credentials) {
     const GstPtr<SoupAuthDomain> domain(
         soup_auth_domain_basic_new("realm", "media-station", nullptr));
-    soup_auth_domain_basic_set_auth_callback(domain.get(), onPassword, this, nullptr);
+    soup_auth_domain_basic_set_auth_callback(domain.get(), guarded<onPassword>, this, nullptr);
     soup_auth_domain_add_path(domain.get(), "/");
     soup_server_add_auth_domain(server_.get(), domain.get());
   }
@@ -162,7 +163,7 @@ void HttpServer::accept(GSocketConnection* connection) {
 void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* message,
                                   gpointer /*self*/) {
   GSource* const deadline = g_timeout_source_new_seconds(kRequestSeconds);
-  g_source_set_callback(deadline, onDeadline, message, nullptr);
+  g_source_set_callback(deadline, guarded<onDeadline>, message, nullptr);
   g_source_attach(deadline, nullptr);
   g_object_set_data_full(G_OBJECT(message), "request-deadline", deadline, dropSource);
 }
@@ -264,7 +265,7 @@ void HttpServer::serveStream(SoupServerMessage* message, HttpStream& stream,
   }
   responses_.emplace_back(message, stream, kind,
                           [message] { Client::noteActivity(socketOf(message).get()); });
-  g_signal_connect(message, "finished", G_CALLBACK(onFinished), this);
+  g_signal_connect(message, "finished", G_CALLBACK(guarded<onFinished>), this);
 }
 
 void HttpServer::onFinished(SoupServerMessage* message, gpointer self) {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/Callback.h"
 #include "base/Pipelines.h"
 
 namespace station {
@@ -92,12 +93,12 @@ void HttpStream::removeReader() {
 void HttpStream::start() {
   PipelinePtr pipeline = buildPipeline(description_, "the encoder");
   repeatParameterSets(pipeline.get());
-  g_signal_connect(findElement(pipeline.get(), "sink").get(), "new-sample", G_CALLBACK(onSample),
-                   this);
+  g_signal_connect(findElement(pipeline.get(), "sink").get(), "new-sample",
+                   G_CALLBACK(guarded<onSample>), this);
   feed_ = std::make_unique<CameraFeed>(backend_, camera_, pipeline.get());
   pipeline_ = std::move(pipeline);
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
-  gst_bus_add_watch(bus.get(), onMessage, this);
+  gst_bus_add_watch(bus.get(), guarded<onMessage>, this);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);  // the bus reports a failure
   measuredAt_ = Clock::now();
   measured_ = counts();

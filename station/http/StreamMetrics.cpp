@@ -34,7 +34,8 @@ std::string statusJson(const ServerStatus& server) {
                                  {"skipped", counts.skipped},
                                  {"oversized", counts.oversized}});
   }
-  return status.dump(2) + "\n";
+  // Other encodings than UTF-8 occur in the source's name.
+  return status.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 std::string prometheusText(const ServerStatus& server) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "base/Callback.h"
+
 namespace station {
 namespace {
 
@@ -47,7 +49,7 @@ void StreamResponse::beginStream() {
   const bool chunked = soup_server_message_get_http_version(message_.get()) != SOUP_HTTP_1_0;
   soup_message_headers_set_encoding(headers, chunked ? SOUP_ENCODING_CHUNKED : SOUP_ENCODING_EOF);
   soup_message_body_set_accumulate(soup_server_message_get_response_body(message_.get()), FALSE);
-  g_signal_connect(message_.get(), "wrote-chunk", G_CALLBACK(onWritten), this);
+  g_signal_connect(message_.get(), "wrote-chunk", G_CALLBACK(guarded<onWritten>), this);
 }
 
 void StreamResponse::write() {

@@ -5,6 +5,7 @@
 #include <random>
 #include <utility>
 
+#include "base/Callback.h"
 #include "base/StationError.h"
 
 namespace station {
@@ -32,7 +33,7 @@ AudioReceiver::AudioReceiver(std::vector<OpusPacket> packets, const Settings& se
     : packets_(std::move(packets)),
       settings_(settings),
       track_(track),
-      thread_([this, start] { run(start); }) {}
+      thread_([this, start] { callGuarded([&] { run(start); }); }) {}
 
 void AudioReceiver::stopAt(nanoseconds end) {
   {

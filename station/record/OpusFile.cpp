@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 
 #include <gst/app/gstappsink.h>
@@ -15,7 +16,10 @@
 namespace station {
 namespace {
 
+using std::chrono::steady_clock;
+
 constexpr GstClockTime kPoll = 50 * GST_MSECOND;
+constexpr std::chrono::seconds kTimeout{10};  // without a packet
 constexpr int kChannels = 1;
 constexpr int kRate = 48000;  // Hz
 
@@ -75,18 +79,24 @@ std::vector<OpusPacket> readOpusFile(const std::string& path) {
   GstAppSink* const sink = GST_APP_SINK(element.get());
   std::vector<OpusPacket> packets;
   std::string error;
+  auto deadline = steady_clock::now() + kTimeout;
   while (error.empty() && !gst_app_sink_is_eos(sink)) {
     const bool allTracksKnown = tracksKnown;
     g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(sink, kPoll);
     if (sample == nullptr) {
       if (const std::optional<BusError> failure = BusError::take(bus.get())) {
-        error = failure->message;
+        error = failure->message + (failure->detail.empty() ? "" : " (" + failure->detail + ")");
       }
       if (error.empty() && allTracksKnown && packets.empty()) {
         break;
       }
+      // The reader of a damaged file may report neither an end nor an error.
+      if (error.empty() && steady_clock::now() > deadline) {
+        error = "GStreamer stopped reading it without an error";
+      }
       continue;
     }
+    deadline = steady_clock::now() + kTimeout;
     if (packets.empty()) {
       requireFormat(path, gst_sample_get_caps(sample));
     }

@@ -19,7 +19,7 @@ void Progress::update(const Recorder& recorder, std::chrono::nanoseconds recorde
   std::fprintf(stderr, "%s%02lld:%02lld.%lld  %llu frames  %llu dropped  segment %llu %s  %s%s",
                onTerminal_ ? "\r\033[K" : "", static_cast<long long>(tenths / 600),
                static_cast<long long>(tenths / 10 % 60), static_cast<long long>(tenths % 10),
-               static_cast<unsigned long long>(statistics.pushed),
+               static_cast<unsigned long long>(statistics.frames),
                static_cast<unsigned long long>(statistics.dropped),
                static_cast<unsigned long long>(statistics.segments), recorder.segmentName().c_str(),
                bitRate(statistics.bytes, recorded).c_str(), onTerminal_ ? "" : "\n");

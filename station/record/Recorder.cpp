@@ -1,19 +1,21 @@
 #include "record/Recorder.h"
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 
 #include <gst/video/video.h>
 
+#include "base/Callback.h"
 #include "base/Pipelines.h"
 #include "base/StationError.h"
+#include "base/WriteError.h"
 #include "record/SegmentFiles.h"
 
 namespace station {
 namespace {
 
 constexpr GstClockTime kFinishTimeout = 20 * GST_SECOND;
-constexpr std::chrono::seconds kDrainTimeout{5};
 constexpr GstClockTime kErrorTimeout = 2 * GST_SECOND;
 constexpr GstClockTime kEndTimeout = GST_SECOND;
 constexpr auto kErrorOrEos = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS);
@@ -22,13 +24,6 @@ GstBuffer* copyOf(const std::vector<std::uint8_t>& bytes) {
   GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, bytes.size(), nullptr);
   gst_buffer_fill(buffer, 0, bytes.data(), bytes.size());
   return buffer;
-}
-
-// Does nothing without a source.
-void endStream(const GstPtr<GstElement>& source) {
-  if (source != nullptr) {
-    gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
-  }
 }
 
 // A filesink buffers 64 KiB: seconds at a low bit rate, which are lost when the process is killed.
@@ -50,22 +45,22 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   pipeline_ = buildPipeline(requireDescription(backend, Use::Record, description), "the recorder");
   bus_.reset(gst_element_get_bus(pipeline_.get()));
   video_ = findElement(pipeline_.get(), "mysrc");
+  segmentSink_ = findElement(pipeline_.get(), "sink");
+  const GstPtr<GstPad> video(gst_element_get_static_pad(segmentSink_.get(), "video"));
+  frames_.emplace(GstPtr<GstPad>(gst_pad_get_peer(video.get())).get());
   if (settings.klv) {
-    klv_ = findElement(pipeline_.get(), "klvsrc");
-    const GstPtr<GstPad> source(gst_element_get_static_pad(klv_.get(), "src"));
-    const GstPtr<GstPad> queue(gst_pad_get_peer(source.get()));
-    klvQueue_.reset(gst_pad_get_parent_element(queue.get()));
+    klv_.emplace(pipeline_.get(), "klvsrc");
   }
   if (settings.audio) {
-    audio_ = findElement(pipeline_.get(), "audiosrc");
+    audio_.emplace(pipeline_.get(), "audiosrc");
   }
   backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
                        static_cast<int>(settings.height), static_cast<int>(settings.fps),
                        /*squarePixels=*/true, settings.colorimetry);
   watchEncoder();
-  segmentSink_ = findElement(pipeline_.get(), "sink");
   setUnbuffered(segmentSink_.get());
-  g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(onSegment), this);
+  g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(guarded<onSegment>),
+                   this);
 
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
@@ -79,9 +74,12 @@ Recorder::~Recorder() {
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;
   }
-  endStream(video_);
-  endStream(audio_);
-  endStream(klv_);
+  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
+  for (std::optional<PacketTrack>* const track : {&klv_, &audio_}) {
+    if (*track) {
+      (*track)->endNow();
+    }
+  }
   if (!waitForEos()) {  // an encoder that has failed does not forward EOS
     const GstPtr<GstPad> input(gst_element_get_static_pad(segmentSink_.get(), "video"));
     gst_pad_send_event(input.get(), gst_event_new_eos());
@@ -98,8 +96,9 @@ void Recorder::watchEncoder() {
   const GstPtr<GstElement> encoder = findElement(pipeline_.get(), "enc");
   const GstPtr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
   const GstPtr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
-  gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderInput, this, nullptr);
-  gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, onEncoderOutput, this, nullptr);
+  gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, guarded<onEncoderInput>, this, nullptr);
+  gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, guarded<onEncoderOutput>, this,
+                    nullptr);
 }
 
 GstPadProbeReturn Recorder::onEncoderInput(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer self) {
@@ -112,11 +111,10 @@ GstPadProbeReturn Recorder::onEncoderInput(GstPad* /*pad*/, GstPadProbeInfo* inf
   return GST_PAD_PROBE_OK;
 }
 
-GstPadProbeReturn Recorder::onEncoderOutput(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer self) {
-  auto* const recorder = static_cast<Recorder*>(self);
-  recorder->bytes_ += gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info));
-  ++recorder->encoded_;
-  return GST_PAD_PROBE_OK;
+GstPadProbeReturn Recorder::onEncoderOutput(GstPad* /*pad*/, GstPadProbeInfo* /*info*/,
+                                            gpointer self) {
+  static_cast<Recorder*>(self)->hasEncoded_ = true;
+  return GST_PAD_PROBE_REMOVE;
 }
 
 gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* first,
@@ -149,43 +147,13 @@ void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t 
   ++pushed_;
   end_ = index + 1;
   setTimestamps(buffer, index);
-  pushTo(video_.get(), buffer);
-  if (klv_ != nullptr) {
-    waitingKlv_.push_back({index, klv});
-    pushKlvBefore(nextIndex_);
+  if (gst_app_src_push_buffer(GST_APP_SRC(video_.get()), buffer) != GST_FLOW_OK) {
+    waitForError();
   }
-}
-
-// The muxer blocks metadata that is ahead of the video, and the queue upstream of it leaks: while
-// the encoder lags, packets wait here.
-void Recorder::pushKlvBefore(std::uint64_t index) {
-  while (!waitingKlv_.empty() && waitingKlv_.front().index < index && hasRoomForKlv()) {
-    const KlvPacket& packet = waitingKlv_.front();
-    GstBuffer* const buffer = copyOf(packet.bytes);
-    setTimestamps(buffer, packet.index);
-    pushTo(klv_.get(), buffer);
-    waitingKlv_.pop_front();
-  }
-}
-
-bool Recorder::hasRoomForKlv() const {
-  guint64 inSource = 0;
-  guint inQueue = 0;
-  guint most = 0;
-  g_object_get(klv_.get(), "current-level-buffers", &inSource, nullptr);
-  g_object_get(klvQueue_.get(), "current-level-buffers", &inQueue, "max-size-buffers", &most,
-               nullptr);
-  return inSource + inQueue + 2 < most;  // one may be between the two
-}
-
-// Pushes the remaining metadata, after the end of the video.
-void Recorder::drainKlv() {
-  const auto deadline = std::chrono::steady_clock::now() + kDrainTimeout;
-  pushKlvBefore(end_);
-  while (!waitingKlv_.empty() && std::chrono::steady_clock::now() < deadline) {
-    throwOnError();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    pushKlvBefore(end_);
+  if (klv_) {
+    GstBuffer* const packet = copyOf(klv);
+    setTimestamps(packet, index);
+    klv_->push(packet);
   }
 }
 
@@ -193,7 +161,7 @@ void Recorder::pushAudio(const media_backend::EncodedAudioFrame& packet) {
   GstBuffer* const buffer = copyOf(packet.payload);
   GST_BUFFER_PTS(buffer) = packet.ptsNs;
   GST_BUFFER_DURATION(buffer) = packet.durationNs;
-  pushTo(audio_.get(), buffer);
+  audio_->push(buffer);
 }
 
 void Recorder::setTimestamps(GstBuffer* buffer, std::uint64_t index) const {
@@ -203,22 +171,16 @@ void Recorder::setTimestamps(GstBuffer* buffer, std::uint64_t index) const {
   GST_BUFFER_DURATION(buffer) = end - begin;
 }
 
-// Takes the buffer.
-void Recorder::pushTo(GstElement* source, GstBuffer* buffer) {
-  if (gst_app_src_push_buffer(GST_APP_SRC(source), buffer) != GST_FLOW_OK) {
-    waitForError();
-  }
-}
-
 void Recorder::waitForFirstFrame(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (encoded_ == 0 && std::chrono::steady_clock::now() < deadline) {
+  while (!hasEncoded_ && std::chrono::steady_clock::now() < deadline) {
     throwOnError();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
 
 void Recorder::throwOnError() {
+  throwKeptException();
   if (const std::optional<BusError> error = BusError::take(bus_.get())) {
     throwError(*error);
   }
@@ -226,6 +188,7 @@ void Recorder::throwOnError() {
 
 // The error message may reach the bus after push_buffer() has failed.
 void Recorder::waitForError() {
+  throwKeptException();
   if (const std::optional<BusError> error = BusError::take(bus_.get(), kErrorTimeout)) {
     throwError(*error);
   }
@@ -233,23 +196,26 @@ void Recorder::waitForError() {
 }
 
 void Recorder::throwError(const BusError& error) const {
-  if (error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT)) {
-    throw StationError(ExitCode::DiskFull, "the disk of " + settings_.folder.string() + " is full");
-  }
   const bool isOutput = error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
                         error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
+  if (error.is(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT) ||
+      (isOutput && isDiskFull(error.detail))) {
+    throw StationError(ExitCode::DiskFull,
+                       "the disk of " + settings_.folder.string() + " is full: " + error.message);
+  }
   throw error.as(isOutput ? ExitCode::Output : ExitCode::Pipeline);
 }
 
 void Recorder::finish() {
-  endStream(video_);
-  endStream(audio_);
-  if (klv_ != nullptr) {
-    drainKlv();
-    endStream(klv_);
+  gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));
+  for (std::optional<PacketTrack>* const track : {&klv_, &audio_}) {
+    if (*track) {
+      (*track)->end();
+    }
   }
   g_autoptr(GstMessage) message =
       gst_bus_timed_pop_filtered(bus_.get(), kFinishTimeout, kErrorOrEos);
+  throwKeptException();
   if (message == nullptr) {
     throw StationError(ExitCode::Pipeline, "the recorder did not finish its last segment in time");
   }
@@ -257,7 +223,7 @@ void Recorder::finish() {
     throwError(BusError::parse(message));
   }
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
-  nextIndex_ = end_;  // frames that have not reached the encoder by now were dropped
+  isFinished_ = true;
 }
 
 std::string Recorder::segmentName() const {
@@ -266,11 +232,18 @@ std::string Recorder::segmentName() const {
 }
 
 Recorder::Statistics Recorder::statistics() const {
+  const std::uint64_t frames = frames_->buffers();
   const std::uint64_t entered = entered_;
   const std::uint64_t next = nextIndex_;
-  const std::lock_guard lock(mutex_);
   const std::uint64_t given = entered + (end_ - pushed_);  // or dropped by the camera
-  return {pushed_, next > given ? next - given : 0, bytes_, segments_};
+  const std::uint64_t late = next > given ? next - given : 0;
+  const std::lock_guard lock(mutex_);
+  return {frames,
+          isFinished_ ? pushed_ - std::min(pushed_, frames) : late,
+          frames_->bytes(),
+          segments_,
+          klv_ ? klv_->counts() : PacketTrack::Counts{},
+          audio_ ? audio_->counts() : PacketTrack::Counts{}};
 }
 
 }  // namespace station

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +17,8 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "base/Pipelines.h"
+#include "record/MuxerInput.h"
+#include "record/PacketTrack.h"
 
 namespace station {
 
@@ -39,11 +41,20 @@ class Recorder {
     std::filesystem::path folder;
   };
 
+  // What is in the files: what has reached the muxer.
   struct Statistics {
-    std::uint64_t pushed;    // frames
-    std::uint64_t dropped;   // frames that the encoder was too slow for
-    std::uint64_t bytes;     // of encoded video
+    std::uint64_t frames;
+    // Frames that were pushed and will not be in the files: until finish(), those that the encoder
+    // was too slow for.
+    std::uint64_t dropped;
+    std::uint64_t bytes;     // of video
     std::uint64_t segments;  // files begun
+    PacketTrack::Counts klv;
+    PacketTrack::Counts audio;
+
+    bool isComplete() const {
+      return dropped == 0 && klv.written == klv.pushed && audio.written == audio.pushed;
+    }
   };
 
   // Creates the folder, builds the pipeline and sets it playing.
@@ -80,10 +91,6 @@ class Recorder {
  private:
   void watchEncoder();
   void setTimestamps(GstBuffer* buffer, std::uint64_t index) const;
-  void pushTo(GstElement* source, GstBuffer* buffer);
-  void pushKlvBefore(std::uint64_t index);
-  bool hasRoomForKlv() const;
-  void drainKlv();
   bool waitForEos();
   [[noreturn]] void waitForError();
   [[noreturn]] void throwError(const BusError& error) const;
@@ -96,27 +103,21 @@ class Recorder {
   const Settings settings_;
   std::chrono::system_clock::time_point start_{};
 
-  struct KlvPacket {
-    std::uint64_t index;  // of its frame
-    std::vector<std::uint8_t> bytes;
-  };
-  std::deque<KlvPacket> waitingKlv_;  // until their frames reach the encoder
-
   std::uint64_t pushed_ = 0;
   std::uint64_t end_ = 0;                    // one past the number of the last frame pushed
   std::atomic<std::uint64_t> entered_{0};    // frames that reached the encoder
   std::atomic<std::uint64_t> nextIndex_{0};  // one past the number of the last of them
-  std::atomic<std::uint64_t> encoded_{0};
-  std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<bool> hasEncoded_{false};
+  bool isFinished_ = false;
   mutable std::mutex mutex_;
   std::string segmentName_;  // of the newest
   std::uint64_t segments_ = 0;
 
+  std::optional<MuxerInput> frames_;
+  std::optional<PacketTrack> klv_;
+  std::optional<PacketTrack> audio_;
   PipelinePtr pipeline_;  // after what its threads use
   GstPtr<GstElement> video_;
-  GstPtr<GstElement> klv_;
-  GstPtr<GstElement> klvQueue_;  // downstream of klv_
-  GstPtr<GstElement> audio_;
   GstPtr<GstElement> segmentSink_;
   GstPtr<GstBus> bus_;
 };

@@ -4,11 +4,13 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/StationError.h"
+#include "camera/CallSource.h"
 #include "record/KlvEncoder.h"
 #include "record/SensorModel.h"
 
@@ -36,8 +38,20 @@ const AudioOptions& checked(const GstVideoBackend& backend, const RecordOptions&
   return options.audio;
 }
 
+// Nothing for a complete track.
+std::string lossText(const char* track, const PacketTrack::Counts& packets) {
+  return packets.written == packets.pushed
+             ? ""
+             : "; lost " + std::to_string(packets.pushed - packets.written) + " of " +
+                   std::to_string(packets.pushed) + " " + track + " packets";
+}
+
+std::shared_ptr<lumora::LumoraPicture> nextFrame(Camera& camera) {
+  return callSource(camera.options().source, [&camera] { return camera.next(); });
+}
+
 std::shared_ptr<lumora::LumoraPicture> firstFrame(Camera& camera) {
-  auto picture = camera.next();
+  auto picture = nextFrame(camera);
   if (picture == nullptr) {
     throw StationError(ExitCode::Source, "source has no pictures: " + camera.options().source);
   }
@@ -49,7 +63,8 @@ std::shared_ptr<lumora::LumoraPicture> firstFrame(Camera& camera) {
 Recording::Recording(const GstVideoBackend& backend, const RecordOptions& options)
     : options_(options),
       audio_(checked(backend, options)),
-      camera_(Camera::open(options.camera)),
+      camera_(
+          callSource(options.camera.source, [&options] { return Camera::open(options.camera); })),
       picture_(firstFrame(*camera_)),
       recorder_(backend,
                 {options.recorder.encoder, options.recorder.segmentSeconds, options.recorder.klv,
@@ -70,8 +85,9 @@ void Recording::run() {
     throw;
   }
   finish();
-  audio_.printSummary();
-  printSummary();
+  if (!recorder_.statistics().isComplete()) {
+    throw StationError(ExitCode::Incomplete, "the recording is incomplete");
+  }
 }
 
 void Recording::recordFrames() {
@@ -87,7 +103,7 @@ void Recording::recordFrames() {
     audio_.push(recorder_, timeOf(index_));
     recorder_.throwOnError();
     progress_.update(recorder_, timeOf(index_ + 1));
-    picture_ = index_ + 1 < limit ? camera_->next() : nullptr;
+    picture_ = index_ + 1 < limit ? nextFrame(*camera_) : nullptr;
   }
 }
 
@@ -111,6 +127,8 @@ void Recording::finish() {
   audio_.finish(recorder_, timeOf(index_));
   recorder_.finish();
   progress_.end();
+  audio_.printSummary();
+  printSummary();
 }
 
 nanoseconds Recording::timeOf(std::uint64_t index) const {
@@ -128,13 +146,15 @@ std::uint64_t Recording::nextIndex() const {
 void Recording::printSummary() const {
   const Recorder::Statistics statistics = recorder_.statistics();
   const nanoseconds recorded = timeOf(index_);
-  std::printf("recorded %llu frames, %llu dropped, %llu segments, %.1f s, %s in %s\n",
-              static_cast<unsigned long long>(statistics.pushed),
+  std::printf("recorded %llu frames, %llu dropped, %llu segments, %.1f s, %s in %s%s%s\n",
+              static_cast<unsigned long long>(statistics.frames),
               static_cast<unsigned long long>(statistics.dropped),
               static_cast<unsigned long long>(statistics.segments),
               std::chrono::duration<double>(recorded).count(),
               Progress::bitRate(statistics.bytes, recorded).c_str(),
-              options_.folder.string().c_str());
+              options_.folder.string().c_str(), lossText("audio", statistics.audio).c_str(),
+              lossText("KLV", statistics.klv).c_str());
+  std::fflush(stdout);
 }
 
 }  // namespace station

@@ -1,22 +1,19 @@
 #include "record/SegmentFiles.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <system_error>
 
 #include <glib/gstdio.h>
 
 #include "base/Handles.h"
-#include "base/StationError.h"
+#include "base/WriteError.h"
 
 namespace station {
 
 void prepareOutputFolder(const std::filesystem::path& folder) {
   const auto fail = [&folder](int error) {
-    throw StationError(
-        error == ENOSPC ? ExitCode::DiskFull : ExitCode::Output,
-        "cannot write to output folder " + folder.string() + ": " + std::strerror(error));
+    throw writeError("cannot write to output folder " + folder.string(), g_strerror(error));
   };
   std::error_code error;
   std::filesystem::create_directories(folder, error);
@@ -42,7 +39,8 @@ std::filesystem::path segmentPath(const std::filesystem::path& folder,
   const std::string stem = seconds + fraction + "Z";
 
   std::filesystem::path path = folder / (stem + ".ts");
-  for (int i = 2; std::filesystem::exists(path); ++i) {
+  std::error_code error;  // a folder that cannot be searched: opening the file says why
+  for (int i = 2; std::filesystem::exists(path, error); ++i) {
     path = folder / (stem + "-" + std::to_string(i) + ".ts");
   }
   return path;

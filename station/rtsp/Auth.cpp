@@ -1,5 +1,6 @@
 #include "rtsp/Auth.h"
 
+#include "base/Callback.h"
 #include "base/Handles.h"
 #include "serve/Client.h"
 
@@ -58,7 +59,7 @@ gboolean authenticate(GstRTSPAuth* auth, GstRTSPContext* context) {
 }
 
 void initialiseClass(gpointer type, gpointer /*unused*/) {
-  GST_RTSP_AUTH_CLASS(type)->authenticate = authenticate;
+  GST_RTSP_AUTH_CLASS(type)->authenticate = guarded<authenticate>;
 }
 
 GType authType() {

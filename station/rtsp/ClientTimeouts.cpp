@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Callback.h"
 #include "rtsp/NullTcpTransport.h"
 #include "serve/Client.h"
 
@@ -65,7 +66,7 @@ void ClientTimeouts::track(GstRTSPClient* client, GSocket* socket, GstRTSPSessio
   auto* const self = new ClientTimeouts(socket, pool);
   g_object_set_data_full(G_OBJECT(client), kTimeoutsKey, self,
                          [](gpointer data) { delete static_cast<ClientTimeouts*>(data); });
-  g_signal_connect(client, "new-session", G_CALLBACK(onSession), self);
+  g_signal_connect(client, "new-session", G_CALLBACK(guarded<onSession>), self);
 }
 
 void ClientTimeouts::check(GstRTSPClient* client) {

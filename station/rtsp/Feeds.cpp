@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "base/Callback.h"
+
 namespace station {
 namespace {
 
@@ -37,7 +39,7 @@ void RtspFeeds::add(GstRTSPMedia* media) {
   }
   g_object_set_data_full(G_OBJECT(media), kFeedKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });
-  g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
+  g_signal_connect(media, "unprepared", G_CALLBACK(guarded<onUnprepared>), nullptr);
 }
 
 void RtspFeeds::close() {

@@ -1,5 +1,6 @@
 #include "rtsp/Server.h"
 
+#include "base/Callback.h"
 #include "base/Pipelines.h"
 #include "rtsp/Auth.h"
 #include "rtsp/ClientTimeouts.h"
@@ -69,7 +70,7 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
   gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
   gst_rtsp_session_pool_set_max_sessions(sessions.get(), options.maxClients);
-  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(onClient), nullptr);
+  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>), nullptr);
   addCamera();
 }
 
@@ -86,8 +87,8 @@ void RtspServer::addCamera() {
   gst_rtsp_media_factory_set_shared(factory, TRUE);
   gst_rtsp_media_factory_set_protocols(
       factory, static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
-  g_signal_connect_data(factory, "media-configure", G_CALLBACK(onMedia), new FeedsPtr(feeds_),
-                        dropFeeds, static_cast<GConnectFlags>(0));
+  g_signal_connect_data(factory, "media-configure", G_CALLBACK(guarded<onMedia>),
+                        new FeedsPtr(feeds_), dropFeeds, static_cast<GConnectFlags>(0));
   restrictPorts(factory);
   if (options_.credentials) {
     requirePassword(server_.get(), factory, *options_.credentials);
@@ -130,8 +131,8 @@ void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
   GstRTSPConnection* const connection = gst_rtsp_client_get_connection(client);
   ClientTimeouts::track(client, gst_rtsp_connection_get_read_socket(connection), sessions.get());
-  g_signal_connect(client, "pre-setup-request", G_CALLBACK(onSetup), nullptr);
-  g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
+  g_signal_connect(client, "pre-setup-request", G_CALLBACK(guarded<onSetup>), nullptr);
+  g_signal_connect(client, "play-request", G_CALLBACK(guarded<onPlay>), nullptr);
 }
 
 void RtspServer::checkClients() {

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "base/Callback.h"
+
 namespace station {
 namespace {
 
@@ -64,9 +66,11 @@ Client::~Client() {
   if (isDisconnected_) {
     return;
   }
-  log(settings_->stopping ? "disconnected: the server stops"
-      : isIdle() ? "disconnected: idle for " + std::to_string(settings_->idle.count()) + " s"
-                 : "left");
+  callGuarded([this] {
+    log(settings_->stopping ? "disconnected: the server stops"
+        : isIdle() ? "disconnected: idle for " + std::to_string(settings_->idle.count()) + " s"
+                   : "left");
+  });
 }
 
 Client* Client::of(GSocket* socket) {

@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include "base/Callback.h"
 #include "base/StationError.h"
 
 namespace station {
@@ -58,7 +59,7 @@ Listener::Listener(const std::string& address, std::uint16_t port, const Limits&
                                   : error->message));
   }
   address_.reset(G_INET_SOCKET_ADDRESS(effective));
-  g_signal_connect(service_.get(), "incoming", G_CALLBACK(onIncoming), this);
+  g_signal_connect(service_.get(), "incoming", G_CALLBACK(guarded<onIncoming>), this);
 }
 
 Listener::~Listener() {

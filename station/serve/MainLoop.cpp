@@ -1,10 +1,11 @@
 #include "serve/MainLoop.h"
 
-#include <csignal>
 #include <cstdio>
+#include <vector>
 
 #include <glib-unix.h>
 
+#include "base/Callback.h"
 #include "base/StopSignal.h"
 
 namespace station {
@@ -12,14 +13,20 @@ namespace station {
 void MainLoop::run(const LiveCamera& camera, bool quiet) {
   camera_ = &camera;
   quiet_ = quiet;
-  const guint interrupt = g_unix_signal_add(SIGINT, onSignal, this);
-  const guint terminate = g_unix_signal_add(SIGTERM, onSignal, this);
+  std::vector<guint> signals;
+  for (const int number : stopSignals()) {
+    signals.push_back(g_unix_signal_add(number, onSignal, this));
+  }
+  notifyOfException([this] { cameraChanged(); });
   cameraChanged();  // it may have failed before
   g_main_loop_run(loop_);
-  g_source_remove(interrupt);
-  g_source_remove(terminate);
+  notifyOfException(nullptr);
+  for (const guint source : signals) {
+    g_source_remove(source);
+  }
   exitOnSignal();
   camera_ = nullptr;
+  throwKeptException();
   if (failure_) {
     throw StationError(*failure_);
   }
@@ -38,6 +45,9 @@ gboolean MainLoop::onSignal(gpointer self) {
 void MainLoop::checkCamera() {
   if (camera_ == nullptr) {
     return;
+  }
+  if (hasKeptException()) {
+    g_main_loop_quit(loop_);
   }
   const bool running = camera_->isRunning();
   if (running != wasRunning_ && !quiet_) {

@@ -20,8 +20,9 @@ class MainLoop {
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  // Returns after Ctrl-C or SIGTERM; a second signal ends the process with exit code 130. Throws
-  // the failure of the camera or of fail(). Logs when the camera starts and stops, unless `quiet`.
+  // Returns after Ctrl-C, SIGTERM or SIGHUP; a second signal ends the process with exit code 130.
+  // Throws the failure of the camera, of fail() or of a callback. Logs when the camera starts and
+  // stops, unless `quiet`.
   void run(const LiveCamera& camera, bool quiet);
 
   void cameraChanged() { wakeUp_.signal(); }

@@ -7,6 +7,7 @@
 
 #include "base/Board.h"
 #include "base/Options.h"
+#include "camera/CallSource.h"
 #include "camera/LiveCamera.h"
 
 namespace station {
@@ -30,7 +31,9 @@ CLI::App& ServeCommand::addOptions(CLI::App& program) {
 void ServeCommand::run() {
   const GstVideoBackend& backend = openUsableBoard(board_);
   MainLoop loop;
-  LiveCamera camera(Camera::open(options_.camera), [&loop] { loop.cameraChanged(); });
+  LiveCamera camera(
+      callSource(options_.camera.source, [this] { return Camera::open(options_.camera); }),
+      [&loop] { loop.cameraChanged(); });
   serve(backend, camera, loop);
 }
 

@@ -6,6 +6,8 @@
 
 #include <glib.h>
 
+#include "base/Callback.h"
+
 namespace station {
 
 // Calls a function on the default main context every `interval`, until it returns false or this
@@ -30,7 +32,9 @@ class Timer {
  private:
   static gboolean dispatch(gpointer self) {
     auto* const timer = static_cast<Timer*>(self);
-    if (timer->call_()) {
+    bool again = false;
+    callGuarded([&] { again = timer->call_(); });
+    if (again) {
       return G_SOURCE_CONTINUE;
     }
     timer->id_ = 0;

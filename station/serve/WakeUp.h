@@ -5,6 +5,8 @@
 
 #include <glib.h>
 
+#include "base/Callback.h"
+
 namespace station {
 
 // Calls a function on the default main context after signal(); signals before that call are one.
@@ -30,7 +32,7 @@ class WakeUp {
  private:
   static gboolean dispatch(GSource* source, GSourceFunc /*callback*/, gpointer self) {
     g_source_set_ready_time(source, -1);
-    static_cast<WakeUp*>(self)->call_();
+    callGuarded(static_cast<WakeUp*>(self)->call_);
     return G_SOURCE_CONTINUE;
   }
 

@@ -18,7 +18,9 @@
 
 #include "Torture.h"
 #include "base/StationError.h"
+#include "record/OpusFile.h"
 #include "record/Recorder.h"
+#include "support/Command.h"
 #include "support/InterposedParse.h"
 #include "support/MovingPicture.h"
 #include "support/ProcessState.h"
@@ -111,6 +113,55 @@ TEST(FailingRecorder, SaysSoAndLetsEveryFrameGo) {
   EXPECT_TRUE(threadsSettle(threads + 8)) << runningThreads() << " threads, not " << threads;
   tortureRow("an element of the recorder fails at a random moment", times,
              std::to_string(tortureSeed()), "the recording's rest; every frame is let go");
+}
+
+GstPadProbeReturn block(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*data*/) {
+  return GST_PAD_PROBE_OK;
+}
+
+gulong blockInput(const char* name) {
+  g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(g_pipeline), name);
+  g_autoptr(GstPad) input = gst_element_get_static_pad(element, "sink");
+  return gst_pad_add_probe(input, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, block, nullptr, nullptr);
+}
+
+// The reader reports neither an end nor an error.
+TEST(FailingRecorder, RefusesAudioThatItsReaderHoldsBack) {
+  const TempFolder folder;
+  runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=sample_rate=48000:duration=1",
+              "-c:a", "libopus", "-ac", "1", folder / "sound.ogg"});
+  EXPECT_FALSE(station::readOpusFile(folder / "sound.ogg").empty());
+  g_onParsed = [] { blockInput("packets"); };
+  EXPECT_THROW(station::readOpusFile(folder / "sound.ogg"), station::StationError);
+  g_onParsed = nullptr;
+}
+
+// The encoder takes nothing while 6 MiB of KLV arrive: the recorder keeps 4 of them, and says so.
+TEST(FailingRecorder, BoundsWhatWaitsForTheEncoder) {
+  std::string error;
+  simulated_board::registerElements(nullptr, "imx", error);
+  constexpr unsigned long kPackets = 400;
+  const auto picture = movingPicture(64, 48, 1);
+  const TempFolder folder;
+  GstVideoBackend::EncoderConfig config;
+  config.codec = GstVideoBackend::Codec::H264;
+  station::Recorder recorder(GstVideoBackend::instance(),
+                             {config, 60, true, false, 64, 48, kFps, nullptr, folder.path()});
+  const gulong blocked = blockInput("enc");
+  for (unsigned long n = 0; n < kPackets; ++n) {
+    recorder.push(lumora::ExportedFrame::fromPicture(*picture), n,
+                  std::vector<std::uint8_t>(16384, 1));
+  }
+  g_autoptr(GstElement) encoder = gst_bin_get_by_name(GST_BIN(g_pipeline), "enc");
+  g_autoptr(GstPad) input = gst_element_get_static_pad(encoder, "sink");
+  gst_pad_remove_probe(input, blocked);
+  recorder.finish();
+  const station::Recorder::Statistics statistics = recorder.statistics();
+  EXPECT_FALSE(statistics.isComplete());
+  EXPECT_EQ(statistics.klv.pushed, kPackets);
+  EXPECT_GT(statistics.klv.written, kPackets / 2);
+  EXPECT_LT(statistics.klv.written, kPackets * 3 / 4);
+  EXPECT_EQ(statistics.frames + statistics.dropped, kPackets);
 }
 
 }  // namespace

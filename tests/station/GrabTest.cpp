@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sys/mount.h>
+
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <tuple>
@@ -47,7 +51,7 @@ TEST_F(Grab, AStillImageKeepsItsSizeAndColours) {
 
   const Result recorded =
       run(station({"record", image, "-o", folder_ / "out", "--board", "imx", "--duration", "0.5"}));
-  ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
+  ASSERT_TRUE(hasRecorded(recorded)) << recorded.err;
   EXPECT_GT(psnr(image, fs::directory_iterator(folder_ / "out")->path()), 38);
 }
 
@@ -61,6 +65,19 @@ TEST_F(Grab, PicturesOfAFileAreNumbered) {
   const Result tooMany = run(station(command, {"--count", "4"}));
   EXPECT_EQ(tooMany.exitCode, 5);
   EXPECT_EQ(tooMany.err, "media-station: source has ended after 3 pictures: " + clip + "\n");
+}
+
+TEST_F(Grab, LeavesNothingOnAFullDisk) {
+  const std::string image = folder_ / "image.png";
+  ffmpeg("color=red:size=128x96", {"-frames:v", "1", image});
+  const fs::path disk = folder_.path() / "disk";
+  fs::create_directory(disk);
+  if (mount("none", disk.c_str(), "tmpfs", 0, "size=12k") != 0) {
+    GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
+  }
+  EXPECT_EQ(run(station({"grab", image, "-o", disk / "a.nv12"})).exitCode, 7);
+  EXPECT_TRUE(fs::is_empty(disk));
+  umount(disk.c_str());
 }
 
 TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 namespace {
 
 // Without its end; empty at the stream's end.
@@ -68,6 +70,12 @@ Result Program::wait() {
 
 Result run(const std::vector<std::string>& arguments) {
   return Program(arguments).wait();
+}
+
+bool hasRecorded(const Result& result) {
+  const bool isComplete =
+      std::regex_search(result.out, std::regex("recorded .*, 0 dropped, [^;]*$"));
+  return result.exitCode == (isComplete ? 0 : 9);
 }
 
 std::vector<std::string> station(const std::vector<std::string>& arguments,

@@ -35,6 +35,9 @@ class Program {
 };
 
 Result run(const std::vector<std::string>& arguments);
+// Whether it is of a recording that has ended. It may lack frames, if it says so: encoders may be
+// slow on a busy machine.
+bool hasRecorded(const Result& result);
 // The command that runs the program under test, through the emulator if it takes one; `more`
 // follows the arguments.
 std::vector<std::string> station(const std::vector<std::string>& arguments,

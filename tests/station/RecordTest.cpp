@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -48,7 +49,7 @@ class Record : public testing::Test {
   // Verdict of scripts/judge on a recording with metadata and sound. `result`: the recorder's.
   Result judge(const Result& result, const std::vector<std::string>& options,
                const std::string& codec = "h264", const std::string& output = "out") const {
-    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(hasRecorded(result)) << result.exitCode << result.out << result.err;
     const std::string summary = folder_ / (output + ".txt");
     std::ofstream(summary) << result.out;
     const std::string program = TEST_SOURCES "/../../scripts/judge";
@@ -94,7 +95,8 @@ TEST_F(Record, WritesWholeSegmentsOnBothBoards) {
         judge(result, {"--segment-seconds", "2", "--seconds", "5"}, codec, board);
     EXPECT_EQ(verdict.exitCode, 0) << board << verdict.out << verdict.err;
     // Frames dropped on a busy machine delay the key frames.
-    static const std::regex kSummary("(.*\n)*recorded 150 frames, (0 dropped, 3|[1-9].*) segm.*\n");
+    static const std::regex kSummary(
+        "(.*\n)*recorded (150 frames, 0 dropped, 3|\\d+ frames, [1-9].*) segm.*\n");
     EXPECT_TRUE(std::regex_match(result.out, kSummary)) << result.out;
   }
 }
@@ -120,6 +122,19 @@ TEST_F(Record, LongTrackHasNoGapAndKeepsEveryPacket) {
       << holed.out;
 }
 
+TEST_F(Record, KeepsEveryPacketBesideAnEncoderThatIsTooSlow) {
+  const std::string sound = makeSound(6, 1, "noise.ogg");
+  std::vector<std::string> slow =
+      command({"--board", "imx", "--klv", "--audio", sound, "--duration", "5"});
+  slow.insert(slow.begin(),
+              {"env", "SIMULATED_BOARD_FAULTS=vpuenc_h264=slow:10", "taskset", "-c", "0"});
+  const Result result = run(slow);
+  EXPECT_EQ(result.exitCode, 9) << result.err;
+  const Result verdict =
+      judge(result, {"--sound", sound, "--seconds", "5", "--segment-seconds", "60"});
+  EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
+}
+
 TEST_F(Record, FillsWhatIsLostAtRandomAndAfterTheFile) {
   const std::string sound = makeSound(3, 1, "noise.mka");
   const Result verdict =
@@ -136,8 +151,11 @@ TEST_F(Record, FillsWhatIsLostAtRandomAndAfterTheFile) {
 
 TEST_F(Record, EndsWithTheFileWithoutLooping) {
   const Result result = run(command({"--board", "nvidia", "--no-loop"}));
-  EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_EQ(result.out.rfind("recorded 60 frames, ", 0), 0U) << result.out;
+  EXPECT_TRUE(hasRecorded(result)) << result.err;
+  int recorded = 0;
+  int dropped = 0;
+  std::sscanf(result.out.c_str(), "recorded %d frames, %d dropped", &recorded, &dropped);
+  EXPECT_EQ(recorded + dropped, 60) << result.out;
 }
 
 TEST_F(Record, RefusesInOneLineWhatCannotWork) {
@@ -184,13 +202,16 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
   EXPECT_FALSE(fs::exists(output()));
 }
 
-TEST_F(Record, EndsTheLastSegmentOnCtrlC) {
-  Program program(
-      command({"--board", "nvidia", "--klv", "--audio-silence", "--segment-seconds", "1"}));
-  ASSERT_TRUE(awaitSegments(2));
-  program.signal(SIGINT);
-  const Result verdict = judge(program.wait(), {"--segment-seconds", "1"});
-  EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
+TEST_F(Record, EndsTheLastSegmentOnASignal) {
+  for (const int number : {SIGINT, SIGHUP}) {
+    Program program(
+        command({"--board", "nvidia", "--klv", "--audio-silence", "--segment-seconds", "1"}));
+    ASSERT_TRUE(awaitSegments(2));
+    program.signal(number);
+    const Result verdict = judge(program.wait(), {"--segment-seconds", "1"});
+    EXPECT_EQ(verdict.exitCode, 0) << number << verdict.out << verdict.err;
+    fs::remove_all(output());
+  }
 }
 
 TEST_F(Record, QuitsOnTheSecondCtrlC) {
@@ -208,33 +229,50 @@ TEST_F(Record, QuitsOnTheSecondCtrlC) {
 
 TEST_F(Record, KeepsWhatWasRecordedWhenSourceOrFolderVanishes) {
   const fs::path moved = folder_ / "moved";
-  const std::tuple<const char*, fs::path, int, const char*> rows[] = {
-      {"nvidia", output(), 6, "Could not open file"},
-      {"imx", clip_, 5, "media file does not exist: "},
+  const std::tuple<const char*, fs::path, bool, int, const char*> rows[] = {
+      {"nvidia", output(), false, 6, "No such file or directory"},
+      {"imx", output(), true, 6, "Too many levels of symbolic links"},
+      {"imx", clip_, false, 5, "media file does not exist: "},
+      {"nvidia", clip_, true, 5, "Too many levels of symbolic links: "},
   };
-  for (const auto& [board, vanishes, exitCode, error] : rows) {
+  for (const auto& [board, vanishes, becomesLoop, exitCode, error] : rows) {
     Program program(command({"--board", board, "--segment-seconds", "1"}));
     ASSERT_TRUE(awaitSegments(2));
     fs::rename(vanishes, moved);
+    if (becomesLoop) {
+      fs::create_symlink(vanishes, vanishes);
+    }
     const Result result = program.wait();
-    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_EQ(result.exitCode, exitCode) << result.err;
     EXPECT_NE(result.err.find(error), std::string::npos) << result.err;
-    EXPECT_GE(decodedFrames(filesIn(fs::is_directory(moved) ? moved : output()).front()), 20);
-    fs::remove_all(moved);
+    fs::remove(vanishes);
+    fs::rename(moved, vanishes);
+    EXPECT_GE(decodedFrames(filesIn(output()).front()), 20);
+    fs::remove_all(output());
   }
 }
 
 TEST_F(Record, SaysThatTheDiskIsFull) {
-  fs::create_directories(output());
-  if (mount("none", output().c_str(), "tmpfs", 0, "size=2m") != 0) {
-    GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
+  for (const char* const limit : {"size=2m", "nr_inodes=4"}) {
+    fs::create_directories(output());
+    if (mount("none", output().c_str(), "tmpfs", 0, limit) != 0) {
+      GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
+    }
+    const Result result = run(command({"--board", "nvidia", "--segment-seconds", "1", "--bitrate",
+                                       "8000000", "--duration", "20"}));
+    EXPECT_EQ(result.exitCode, 7) << result.err;
+    EXPECT_NE(result.err.find("is full"), std::string::npos) << result.err;
+    EXPECT_EQ(decodedFrames(filesIn(output()).front()), 30);
+    umount(output().c_str());
   }
-  const Result result = run(command(
-      {"--board", "nvidia", "--segment-seconds", "1", "--bitrate", "8000000", "--duration", "20"}));
-  EXPECT_EQ(result.exitCode, 7) << result.err;
-  EXPECT_NE(result.err.find("is full"), std::string::npos) << result.err;
-  EXPECT_EQ(decodedFrames(filesIn(output()).front()), 30);
-  umount(output().c_str());
+}
+
+TEST_F(Record, SaysThatAFileMayNotGrow) {
+  std::vector<std::string> limited = command({"--board", "imx", "--duration", "20"});
+  limited.insert(limited.begin(), {"prlimit", "--fsize=100000"});
+  const Result result = run(limited);
+  EXPECT_EQ(result.exitCode, 6);
+  EXPECT_NE(result.err.find("File too large"), std::string::npos) << result.err;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "support/Clip.h"
 
 std::string makeServedClip(const TempFolder& folder) {
-  const std::string clip = folder / "clip.mkv";
+  const std::string clip = folder / "clip \xff.mkv";  // file names need not be UTF-8
   makeClip(clip, "320x180", 30, 60);
   return clip;
 }

@@ -8,6 +8,7 @@
 #include "Debug.h"
 #include "DmaBufMapCache.h"
 #include "Faults.h"
+#include "Guarded.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -103,6 +104,18 @@ void finishCodec(BoardElement* self, GstElement* inside) {
   }
 }
 
+// Holds each frame for `times` times its duration, as an encoder that slow would.
+void slowDown(GstPad* pad, unsigned int times) {
+  const auto hold = [](GstPad*, GstPadProbeInfo* info, gpointer factor) {
+    const GstClockTime duration = GST_BUFFER_DURATION(GST_PAD_PROBE_INFO_BUFFER(info));
+    if (GST_CLOCK_TIME_IS_VALID(duration)) {
+      g_usleep(GST_TIME_AS_USECONDS(duration) * GPOINTER_TO_UINT(factor));
+    }
+    return GST_PAD_PROBE_OK;
+  };
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, hold, GUINT_TO_POINTER(times), nullptr);
+}
+
 void dismantle(BoardElement* self) {
   setTarget(self, "sink", nullptr);
   setTarget(self, "src", nullptr);
@@ -127,9 +140,12 @@ bool assemble(BoardElement* self) {
   if (model.bridgesSrc) {
     last = append(self, last, makeSurfaceBridge());
   }
+  g_autoptr(GstPad) input = gst_element_get_static_pad(inside, "sink");
   if (model.board == Model::Board::Imx) {
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(inside, "sink");
-    cacheDmaBufMaps(pad);
+    cacheDmaBufMaps(input);
+  }
+  if (const unsigned int times = faultNumber(model.name, "slow")) {
+    slowDown(input, times);
   }
   finishCodec(self, inside);
   setTarget(self, "sink", first != nullptr ? first : inside);
@@ -209,7 +225,7 @@ void initClass(gpointer klass, gpointer data) {
     g_object_class_install_property(object, ++id, spec);
   }
   auto* const element = static_cast<GstElementClass*>(klass);
-  element->change_state = changeState;
+  element->change_state = guarded<changeState>;
   addPadTemplate(element, "sink", GST_PAD_SINK, model->sinkCaps);
   addPadTemplate(element, "src", GST_PAD_SRC, model->srcCaps);
   gst_element_class_set_metadata(element, model->title, model->klass,
@@ -239,7 +255,7 @@ void initInstance(GTypeInstance* instance, gpointer klass) {
 GType boardElementType(const Model& model) {
   GTypeInfo info = {};
   info.class_size = sizeof(BoardElementClass);
-  info.class_init = initClass;
+  info.class_init = guarded<initClass>;
   info.class_data = &model;
   info.instance_size = sizeof(BoardElement);
   info.instance_init = initInstance;

@@ -8,7 +8,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include "Debug.h"
+#include "Guarded.h"
 
 namespace simulated_board {
 namespace {
@@ -120,7 +120,7 @@ GstPadProbeReturn mapFrame(GstPad*, GstPadProbeInfo* info, gpointer cache) {
 }  // namespace
 
 void cacheDmaBufMaps(GstPad* pad) {
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, mapFrame, new DmaBufMapCache,
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, guarded<mapFrame>, new DmaBufMapCache,
                     [](gpointer cache) { delete static_cast<DmaBufMapCache*>(cache); });
 }
 

@@ -6,18 +6,35 @@
 #include "Debug.h"
 
 namespace simulated_board {
+namespace {
 
-bool hasFault(const std::string& element, const std::string& fault) {
+// Whether a fault that begins with `begin` is requested whose rest `take` takes.
+template <typename Take>
+bool find(const std::string& begin, const Take& take) {
   const char* const faults = std::getenv("SIMULATED_BOARD_FAULTS");
-  const std::string wanted = element + "=" + fault;
   std::istringstream rows(faults != nullptr ? faults : "");
   for (std::string row; std::getline(rows, row, ',');) {
-    if (row == wanted) {
-      GST_INFO("SIMULATED_BOARD_FAULTS: %s", wanted.c_str());
+    if (row.rfind(begin, 0) == 0 && take(row.substr(begin.size()))) {
+      GST_INFO("SIMULATED_BOARD_FAULTS: %s", row.c_str());
       return true;
     }
   }
   return false;
+}
+
+}  // namespace
+
+bool hasFault(const std::string& element, const std::string& fault) {
+  return find(element + "=" + fault, [](const std::string& rest) { return rest.empty(); });
+}
+
+unsigned int faultNumber(const std::string& element, const std::string& fault) {
+  unsigned int number = 0;
+  find(element + "=" + fault + ":", [&number](const std::string& rest) {
+    number = static_cast<unsigned int>(std::strtoul(rest.c_str(), nullptr, 10));
+    return true;
+  });
+  return number;
 }
 
 }  // namespace simulated_board

@@ -8,4 +8,7 @@ namespace simulated_board {
 // requests this fault of this element. Logs a fault that it does.
 bool hasFault(const std::string& element, const std::string& fault);
 
+// The number N of a fault "FAULT:N" that is requested; 0 for none.
+unsigned int faultNumber(const std::string& element, const std::string& fault);
+
 }  // namespace simulated_board

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Guarded.h"
 #include "gst/MappedBuffer.h"
 
 namespace simulated_board {
@@ -85,7 +86,7 @@ GstPadProbeReturn filterBuffer(GstPad*, GstPadProbeInfo* info, gpointer data) {
 }  // namespace
 
 void dropRepeatedParameterSets(GstPad* pad, bool h265) {
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, filterBuffer, new Filter{h265, {}},
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, guarded<filterBuffer>, new Filter{h265, {}},
                     Filter::destroy);
 }
 

@@ -2,6 +2,8 @@
 
 #include <simulated_board/SimulatedBoard.h>
 
+#include "Guarded.h"
+
 namespace {
 
 constexpr const char* kSelectionVariable = "SIMULATED_BOARD";
@@ -23,5 +25,6 @@ gboolean initPlugin(GstPlugin* plugin) {
 }  // namespace
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, simulatedboard,
-                  "Video elements of camera boards, simulated in software", initPlugin,
-                  BOARD_VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "-")
+                  "Video elements of camera boards, simulated in software",
+                  simulated_board::guarded<initPlugin>, BOARD_VERSION, GST_LICENSE_UNKNOWN, PACKAGE,
+                  "-")

@@ -5,7 +5,7 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/video/video.h>
 
-#include "Debug.h"
+#include "Guarded.h"
 #include "SurfaceMemory.h"
 #include "TypeRegistration.h"
 
@@ -168,8 +168,8 @@ void initClass(gpointer klass, gpointer) {
   transform->set_caps = setCaps;
   transform->propose_allocation = proposeAllocation;
   transform->decide_allocation = decideAllocation;
-  transform->prepare_output_buffer = prepareOutputBuffer;
-  transform->transform = transformBuffer;
+  transform->prepare_output_buffer = guarded<prepareOutputBuffer>;
+  transform->transform = guarded<transformBuffer>;
 }
 
 GType registerType() {

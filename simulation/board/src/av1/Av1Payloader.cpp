@@ -6,7 +6,7 @@
 
 #include <gst/rtp/rtp.h>
 
-#include "Debug.h"
+#include "Guarded.h"
 #include "Obu.h"
 #include "TypeRegistration.h"
 #include "gst/MappedBuffer.h"
@@ -302,8 +302,8 @@ void initClass(gpointer klass, gpointer) {
                                         "Puts AV1 video into RTP packets", "-");
 
   auto* const payload = static_cast<GstRTPBasePayloadClass*>(klass);
-  payload->set_caps = setCaps;
-  payload->handle_buffer = handleBuffer;
+  payload->set_caps = guarded<setCaps>;
+  payload->handle_buffer = guarded<handleBuffer>;
 }
 
 }  // namespace
