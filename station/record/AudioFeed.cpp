@@ -1,6 +1,8 @@
 #include "record/AudioFeed.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 namespace station {
@@ -11,12 +13,6 @@ using std::chrono::steady_clock;
 
 // Of fallback audio behind the video: packets may be that late, less one of them.
 constexpr std::chrono::milliseconds kLag{250};
-
-void pushAll(Recorder& recorder, const AudioTrack::Frames& frames) {
-  for (const media_backend::EncodedAudioFrame& frame : frames) {
-    recorder.pushAudio(frame);
-  }
-}
 
 }  // namespace
 
@@ -35,9 +31,9 @@ void AudioFeed::start(steady_clock::time_point time) {
   }
 }
 
-void AudioFeed::push(Recorder& recorder, nanoseconds videoTime) {
+void AudioFeed::push(Recorder& recorder, nanoseconds videoEnd) {
   if (track_) {
-    pushAll(recorder, track_->take(videoTime - kLag, steady_clock::now()));
+    pushBefore(recorder, videoEnd, track_->take(videoEnd - kLag, steady_clock::now()));
   }
 }
 
@@ -46,7 +42,16 @@ void AudioFeed::finish(Recorder& recorder, nanoseconds end) {
     receiver_->stopAt(end);
   }
   if (track_) {
-    pushAll(recorder, track_->finish(end));
+    pushBefore(recorder, end, track_->finish(end));
+  }
+}
+
+// The video of a file falls behind on a machine that is too slow; the sound then waits for it.
+void AudioFeed::pushBefore(Recorder& recorder, nanoseconds end, AudioTrack::Frames frames) {
+  std::move(frames.begin(), frames.end(), std::back_inserter(early_));
+  while (!early_.empty() && early_.front().ptsNs < static_cast<std::uint64_t>(end.count())) {
+    recorder.pushAudio(early_.front());
+    early_.pop_front();
   }
 }
 
@@ -54,7 +59,7 @@ void AudioFeed::printSummary() const {
   if (track_) {
     const AudioTrack::Statistics statistics = track_->statistics();
     std::printf("audio: %llu packets received, %llu late, %llu fallback frames\n",
-                static_cast<unsigned long long>(statistics.received),
+                static_cast<unsigned long long>(statistics.received - early_.size()),
                 static_cast<unsigned long long>(statistics.late),
                 static_cast<unsigned long long>(statistics.fallback));
   }

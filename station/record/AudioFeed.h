@@ -16,16 +16,19 @@ class AudioFeed {
   explicit AudioFeed(const AudioOptions& options);
 
   void start(std::chrono::steady_clock::time_point time);
-  // Pushes what the track has while the video is at `videoTime`.
-  void push(Recorder& recorder, std::chrono::nanoseconds videoTime);
+  // Pushes what the track has up to the end of the video so far.
+  void push(Recorder& recorder, std::chrono::nanoseconds videoEnd);
   void finish(Recorder& recorder, std::chrono::nanoseconds end);
   void printSummary() const;
 
  private:
+  void pushBefore(Recorder& recorder, std::chrono::nanoseconds end, AudioTrack::Frames frames);
+
   const AudioOptions& options_;
   std::vector<OpusPacket> packets_;
   std::optional<AudioTrack> track_;
   std::optional<AudioReceiver> receiver_;
+  AudioTrack::Frames early_;  // ahead of the video; after finish(): not recorded
 };
 
 }  // namespace station

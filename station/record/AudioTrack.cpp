@@ -62,11 +62,7 @@ AudioTrack::Frames AudioTrack::finish(std::chrono::nanoseconds end) {
   if (end.count() > 0) {
     fillLocked(onTimeline(end) - 1, kCertain);
   }
-  Frames frames = handOverLocked();
-  while (!frames.empty() && frames.back().ptsNs >= static_cast<std::uint64_t>(end.count())) {
-    frames.pop_back();
-  }
-  return frames;
+  return handOverLocked();
 }
 
 AudioTrack::Statistics AudioTrack::statistics() const {

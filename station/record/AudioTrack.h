@@ -40,7 +40,7 @@ class AudioTrack {
   // `until` is earlier than now by more than packets may be late.
   Frames take(std::chrono::nanoseconds until, TimePoint now);
 
-  // The remaining frames up to `end`, filled without the watchdog.
+  // The remaining frames, filled up to `end` without the watchdog.
   Frames finish(std::chrono::nanoseconds end);
 
   Statistics statistics() const;

@@ -1,6 +1,7 @@
 #include "record/Recording.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -100,7 +101,7 @@ void Recording::recordFrames() {
       base_ = steady_clock::now();
       audio_.start(base_);
     }
-    audio_.push(recorder_, timeOf(index_));
+    audio_.push(recorder_, timeOf(index_ + 1));
     recorder_.throwOnError();
     progress_.update(recorder_, timeOf(index_ + 1));
     picture_ = index_ + 1 < limit ? nextFrame(*camera_) : nullptr;
@@ -118,7 +119,8 @@ void Recording::recordFrame() {
   }
   std::shared_ptr<lumora::ExportedFrame> frame = pool_.exportPicture(*picture_);
   if (frame == nullptr) {
-    throw StationError(ExitCode::Pipeline, "no memory for a frame");
+    throw StationError(ExitCode::Pipeline,
+                       std::string("no memory for a frame: ") + g_strerror(errno));
   }
   recorder_.push(std::move(frame), index_, klv);
 }

@@ -269,7 +269,7 @@ TEST_F(Record, SaysThatTheDiskIsFull) {
 
 TEST_F(Record, SaysThatAFileMayNotGrow) {
   std::vector<std::string> limited = command({"--board", "imx", "--duration", "20"});
-  limited.insert(limited.begin(), {"prlimit", "--fsize=100000"});
+  limited.insert(limited.begin(), {"prlimit", "--fsize=300000"});
   const Result result = run(limited);
   EXPECT_EQ(result.exitCode, 6);
   EXPECT_NE(result.err.find("File too large"), std::string::npos) << result.err;
