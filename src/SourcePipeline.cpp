@@ -11,7 +11,7 @@ namespace media_backend {
 namespace {
 
 constexpr GstClockTime kStateChangeTimeout = 500 * GST_MSECOND;
-constexpr GstClockTime kLateMessageTimeout = 100 * GST_MSECOND;
+constexpr GstClockTime kLateMessageTimeout = GST_SECOND;
 
 SourcePipeline::Config normalised(SourcePipeline::Config config) {
   config.width = gst_source::even_dimension(config.width);

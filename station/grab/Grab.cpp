@@ -58,10 +58,18 @@ GstBuffer* wrapped(std::string& bytes) {
                                      bytes.size(), nullptr, nullptr);
 }
 
+// GLib ends the process if there is no memory for what GStreamer makes of the picture: at most RGB
+// and its compressed form. This throws std::bad_alloc.
+void requireMemory(const lumora::LumoraPicture& picture) {
+  constexpr std::size_t kBytesPerPixel = 8;
+  std::string().reserve(std::size_t{picture.width()} * picture.height() * kBytesPerPixel);
+}
+
 // A null `colorimetry` means GStreamer's default for the size.
 std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetry,
                     const char* type) {
   std::string nv12 = packedNv12(picture);
+  requireMemory(picture);
   g_autoptr(GstBuffer) buffer = wrapped(nv12);
   g_autoptr(GstCaps) from = gst_caps_new_simple(
       "video/x-raw", "format", G_TYPE_STRING, "NV12", "width", G_TYPE_INT,

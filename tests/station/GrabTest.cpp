@@ -80,6 +80,23 @@ TEST_F(Grab, LeavesNothingOnAFullDisk) {
   umount(disk.c_str());
 }
 
+TEST_F(Grab, SaysThatAnImageNeedsTooMuchMemory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizers need more address space";
+#endif
+  ffmpeg("color=red:size=6000x6000", {"-frames:v", "1", "-pix_fmt", "gray", folder_ / "image.png"});
+  int refused = 0;
+  for (const char* const bytes : {"350000000", "450000000", "550000000", "650000000"}) {
+    std::vector<std::string> limited =
+        station({"grab", folder_ / "image.png", "-o", folder_ / "a.png"});
+    limited.insert(limited.begin(), {"prlimit", "--core=0", std::string("--as=") + bytes});
+    const Result result = run(limited);
+    refused += result.exitCode == 5 ? 1 : 0;
+    EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 5) << bytes << result.err;
+  }
+  EXPECT_GT(refused, 0);
+}
+
 TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
   const std::string image = folder_ / "image.png";
   ffmpeg("color=red:size=4x4", {"-frames:v", "1", image});

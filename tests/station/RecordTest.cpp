@@ -122,16 +122,17 @@ TEST_F(Record, LongTrackHasNoGapAndKeepsEveryPacket) {
       << holed.out;
 }
 
+// Two seconds a frame: more than the queues of the tracks hold.
 TEST_F(Record, KeepsEveryPacketBesideAnEncoderThatIsTooSlow) {
   const std::string sound = makeSound(6, 1, "noise.ogg");
   std::vector<std::string> slow =
-      command({"--board", "imx", "--klv", "--audio", sound, "--duration", "5"});
+      command({"--board", "imx", "--klv", "--audio", sound, "--duration", "5", "--fps", "5"});
   slow.insert(slow.begin(),
               {"env", "SIMULATED_BOARD_FAULTS=vpuenc_h264=slow:10", "taskset", "-c", "0"});
   const Result result = run(slow);
   EXPECT_EQ(result.exitCode, 9) << result.err;
   const Result verdict =
-      judge(result, {"--sound", sound, "--seconds", "5", "--segment-seconds", "60"});
+      judge(result, {"--sound", sound, "--seconds", "5", "--segment-seconds", "60", "--fps", "5"});
   EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
 }
 
