@@ -120,8 +120,10 @@ bool pushFrames(const GstVideoBackend& backend, GstAppSrc* source, Delivery& del
 void finish(GstElement* pipeline) {
   g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
   g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(
-      bus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+      bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  if (message == nullptr) {
+    std::fprintf(stderr, "the pipeline does not end\n");
+  } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
     g_autoptr(GError) error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
     std::fprintf(stderr, "the pipeline failed: %s\n", error->message);

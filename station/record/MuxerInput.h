@@ -7,7 +7,7 @@
 
 namespace station {
 
-// Counts the buffers of a segment sink's pad that reach the muxer, and so to the files. Outlives
+// Counts the buffers of one stream that reach the segment sink's muxer, and so the files. Outlives
 // the pipeline.
 //
 // Threads: any.
