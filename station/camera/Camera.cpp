@@ -11,6 +11,7 @@
 #include <media_backend/V4l2FrameSource.h>
 
 #include "base/StationError.h"
+#include "camera/Playlists.h"
 
 namespace station {
 namespace {
@@ -158,6 +159,9 @@ std::unique_ptr<Camera> Camera::open(const CameraOptions& options) {
       std::filesystem::is_regular_file(status) ? mediaType(options.source) : "";
   if (type.rfind("image/", 0) == 0 && type != "image/gif") {  // an animation is a media file
     return std::make_unique<StillImage>(options);
+  }
+  if (!options.allowPlaylists) {
+    refusePlaylists(options.source, type);
   }
   return std::make_unique<MediaFile>(options);
 }

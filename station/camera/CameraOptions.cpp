@@ -18,6 +18,9 @@ void CameraOptions::addTo(CLI::App& command) {
   command.add_option("--fps", fps, "Frames per second")
       ->check(CLI::Range(1U, 240U))
       ->capture_default_str();
+  command.add_flag(
+      "--allow-playlists", allowPlaylists,
+      "Play a playlist (HLS, DASH), which reads the files and addresses that it names");
   command.parse_complete_callback([this] {
     width = media_backend::gst_source::even_dimension(width);
     height = media_backend::gst_source::even_dimension(height);
