@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/Callback.h"
+#include "http/Message.h"
 #include "serve/Client.h"
 
 namespace {
-
-constexpr std::string_view kRefusal =
-    "HTTP/1.1 501 Not Implemented\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
 
 struct RequestFilter {
   GObject object;
@@ -66,9 +65,17 @@ bool isRefused(RequestFilter& filter, char character) {
   return character == '\0';  // libsoup strips it before it parses
 }
 
+std::string refusal() {
+  std::string text = "HTTP/1.1 501 Not Implemented\r\nConnection: close\r\nContent-Length: 0\r\n";
+  for (const auto& [name, value] : station::kProtectiveHeaders) {
+    text += std::string(name) + ": " + value + "\r\n";
+  }
+  return text + "\r\n";
+}
+
 GConverterResult refuse(const RequestFilter& filter, GError** error) {
-  g_socket_send_with_blocking(filter.socket, kRefusal.data(), kRefusal.size(), FALSE, nullptr,
-                              nullptr);
+  const std::string answer = refusal();
+  g_socket_send_with_blocking(filter.socket, answer.data(), answer.size(), FALSE, nullptr, nullptr);
   station::Client::disconnect(filter.socket, "its request may have a body");
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
   return G_CONVERTER_ERROR;

@@ -1,15 +1,50 @@
 #include "http/ServeHttp.h"
 
+#include <cstdio>
+
+#include <CLI/CLI.hpp>
+
+#include "base/Pipelines.h"
 #include "http/Server.h"
 
 namespace station {
 
-void ServeHttp::serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
-                      MainLoop& loop) {
+using media_backend::GstVideoBackend;
+
+CLI::App& ServeHttp::addOptions(CLI::App& program) {
+  CLI::App& command = ServeCommand::addOptions(program);
+  command
+      .add_option("--host", options_.hosts,
+                  "Name or address that clients may ask for, beside those of the machine; may be "
+                  "repeated")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  command.get_option("--bitrate")->each([this](const std::string& /*text*/) {
+    isBitRateGiven_ = true;
+  });
+  return command;
+}
+
+void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, MainLoop& loop) {
   HttpServer server(backend, camera, options_,
                     [&loop](const StationError& error) { loop.fail(error); });
   announce(server.listener(), "/", backend, camera.options());
+  noteUnusedBitRate(backend);
   loop.run(camera, options_.quiet);
+}
+
+// Over HTTP, some encoders run without any setting: the library leaves them theirs.
+void ServeHttp::noteUnusedBitRate(const GstVideoBackend& backend) const {
+  DescriptionSettings settings;
+  settings.encoder = options_.encoder;
+  settings.encoder.bitrateBps *= 2;
+  if (isBitRateGiven_ &&
+      describe(backend, Use::Http, settings) == describe(backend, Use::Http, {options_.encoder})) {
+    std::fprintf(stderr,
+                 "note: --bitrate has no effect: over HTTP, this board's encoder of %s keeps its "
+                 "own bit rate\n",
+                 GstVideoBackend::codecName(options_.encoder.codec));
+  }
 }
 
 }  // namespace station

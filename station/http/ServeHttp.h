@@ -10,10 +10,14 @@ class ServeHttp : public ServeCommand {
   ServeHttp()
       : ServeCommand("http", "Serve a page, streams and snapshots over HTTP", /*port=*/8080,
                      allCodecs()) {}
+  CLI::App& addOptions(CLI::App& program) override;
 
  private:
   void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
              MainLoop& loop) override;
+  void noteUnusedBitRate(const media_backend::GstVideoBackend& backend) const;
+
+  bool isBitRateGiven_ = false;
 };
 
 }  // namespace station

@@ -6,7 +6,7 @@
 #include <gio/gio.h>
 
 #include "base/Callback.h"
-#include "base/WeakReference.h"
+#include "http/Message.h"
 #include "http/RequestFilter.h"
 #include "http/StreamMetrics.h"
 #include "serve/Client.h"
@@ -23,13 +23,6 @@ constexpr guint kRequestSeconds = 10;  // from a request's first byte to its las
 constexpr unsigned int kConnectionsPerClient = 2;
 constexpr unsigned int kMoreConnections = 16;
 
-constexpr const char* kHeaders[][2] = {
-    {"Cache-Control", "no-store"},
-    {"Content-Security-Policy", "default-src 'self'"},
-    {"Cross-Origin-Resource-Policy", "same-origin"},
-    {"X-Content-Type-Options", "nosniff"},
-};
-
 // Files of the page, compiled in.
 struct PageFile {
   const char* path;
@@ -44,38 +37,11 @@ constexpr PageFile kPageFiles[] = {
     {"/icon.svg", "/station/icon.svg", "image/svg+xml"},
 };
 
-void respond(SoupServerMessage* message, const char* contentType, const std::string& text) {
-  soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
-  soup_server_message_set_response(message, contentType, SOUP_MEMORY_COPY, text.data(),
-                                   text.size());
-}
-
-void refuse(SoupServerMessage* message, SoupStatus status, const std::string& reason) {
-  const std::string line = reason + "\n";
-  soup_server_message_set_status(message, status, nullptr);
-  soup_server_message_set_response(message, "text/plain; charset=utf-8", SOUP_MEMORY_COPY,
-                                   line.data(), line.size());
-}
-
 std::string resource(const char* path) {
   g_autoptr(GBytes) bytes = g_resources_lookup_data(path, G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
   gsize size = 0;
   const gconstpointer data = g_bytes_get_data(bytes, &size);
   return {static_cast<const char*>(data), size};
-}
-
-// Data of a client's address: soup_server_message_get_socket() knows none for a connection of
-// soup_server_accept_iostream().
-constexpr const char* kSocket = "station-socket";
-
-// The client's, or null after it has left.
-GstPtr<GSocket> socketOf(SoupServerMessage* message) {
-  GSocketAddress* const client = soup_server_message_get_remote_address(message);
-  const auto* const socket =
-      client != nullptr
-          ? static_cast<const WeakReference*>(g_object_get_data(G_OBJECT(client), kSocket))
-          : nullptr;
-  return GstPtr<GSocket>(socket != nullptr ? static_cast<GSocket*>(socket->get()) : nullptr);
 }
 
 gboolean onDeadline(gpointer message) {
@@ -96,6 +62,7 @@ HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
       camera_(camera),
       options_(options),
       onFailure_(std::move(onFailure)),
+      guard_(options),
       wakeUp_([this] { writeAll(); }),
       server_(soup_server_new("server-header", "media-station", nullptr)),
       listener_(
@@ -127,22 +94,6 @@ void HttpServer::setUpServer() {
   g_signal_connect(server_.get(), "request-started", G_CALLBACK(guarded<onRequestStarted>), this);
   soup_server_add_early_handler(server_.get(), nullptr, guarded<onHeaders>, this, nullptr);
   soup_server_add_handler(server_.get(), nullptr, guarded<onRequest>, this, nullptr);
-  if (options_.credentials) {
-    const GstPtr<SoupAuthDomain> domain(
-        soup_auth_domain_basic_new("realm", "media-station", nullptr));
-    soup_auth_domain_basic_set_auth_callback(domain.get(), guarded<onPassword>, this, nullptr);
-    soup_auth_domain_add_path(domain.get(), "/");
-    soup_server_add_auth_domain(server_.get(), domain.get());
-  }
-}
-
-gboolean HttpServer::onPassword(SoupAuthDomain* /*domain*/, SoupServerMessage* message,
-                                const char* user, const char* password, gpointer self) {
-  if (static_cast<HttpServer*>(self)->options_.credentials->match(user, password)) {
-    return TRUE;
-  }
-  Client::refuse(socketOf(message).get(), "wrong user or password");
-  return FALSE;
 }
 
 void HttpServer::accept(GSocketConnection* connection) {
@@ -153,15 +104,14 @@ void HttpServer::accept(GSocketConnection* connection) {
   }
   GSocket* const socket = g_socket_connection_get_socket(connection);
   Client::noteActivity(socket);
-  // Weak, as the socket itself holds its client's address.
-  g_object_set_data_full(G_OBJECT(remote), kSocket, new WeakReference(socket),
-                         [](gpointer reference) { delete static_cast<WeakReference*>(reference); });
+  setSocket(remote, socket);
   g_autoptr(GIOStream) stream = filterHttpRequests(connection);
   soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
 }
 
 void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* message,
                                   gpointer /*self*/) {
+  addProtectiveHeaders(message);
   GSource* const deadline = g_timeout_source_new_seconds(kRequestSeconds);
   g_source_set_callback(deadline, guarded<onDeadline>, message, nullptr);
   g_source_attach(deadline, nullptr);
@@ -169,23 +119,15 @@ void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* mes
 }
 
 void HttpServer::onHeaders(SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
-                           GHashTable* /*query*/, gpointer /*self*/) {
+                           GHashTable* /*query*/, gpointer self) {
   soup_message_body_set_accumulate(soup_server_message_get_request_body(message), FALSE);
-  SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
-  for (const auto& [name, value] : kHeaders) {
-    soup_message_headers_replace(headers, name, value);
-  }
-  const std::string method = soup_server_message_get_method(message);
-  if (method != "GET" && method != "HEAD") {
-    soup_message_headers_replace(headers, "Allow", "GET, HEAD");
-    soup_message_headers_replace(headers, "Connection", "close");
-    refuse(message, SOUP_STATUS_METHOD_NOT_ALLOWED, "only GET and HEAD");
-  }
+  static_cast<HttpServer*>(self)->guard_.check(message);
 }
 
 void HttpServer::onRequest(SoupServer* /*server*/, SoupServerMessage* message, const char* path,
                            GHashTable* /*query*/, gpointer self) {
   g_object_set_data(G_OBJECT(message), "request-deadline", nullptr);
+  addProtectiveHeaders(message);  // libsoup drops them after "100 Continue"
   auto* const server = static_cast<HttpServer*>(self);
   try {
     server->answer(message, path);

@@ -8,6 +8,7 @@
 
 #include "base/Handles.h"
 #include "camera/LiveCamera.h"
+#include "http/RequestGuard.h"
 #include "http/Stream.h"
 #include "http/StreamResponse.h"
 #include "serve/Listener.h"
@@ -51,14 +52,13 @@ class HttpServer {
   static void onRequest(SoupServer* server, SoupServerMessage* message, const char* path,
                         GHashTable* query, gpointer self);
   static void onFinished(SoupServerMessage* message, gpointer self);
-  static gboolean onPassword(SoupAuthDomain* domain, SoupServerMessage* message, const char* user,
-                             const char* password, gpointer self);
 
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
   const ServeOptions options_;
   const HttpStream::OnFailure onFailure_;
   const gint64 begin_ = g_get_monotonic_time();
+  RequestGuard guard_;
   WakeUp wakeUp_;
 
   std::list<HttpStream> streams_;  // first the one asked for

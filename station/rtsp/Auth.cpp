@@ -2,21 +2,22 @@
 
 #include "base/Callback.h"
 #include "base/Handles.h"
-#include "serve/Client.h"
+#include "serve/Authenticator.h"
 
 namespace station {
 namespace {
 
 constexpr const char* kRole = "viewer";
-constexpr const char* kEntry = "station-credentials";
+constexpr const char* kEntry = "station-authenticator";
 
 struct Entry {
-  explicit Entry(const Credentials& wanted) : credentials(wanted) {}
+  Entry(const Credentials& credentials, bool isEncrypted)
+      : authenticator(credentials, Authenticator::Protocol::Rtsp, isEncrypted) {}
   ~Entry() { gst_rtsp_token_unref(token); }
   Entry(const Entry&) = delete;
   Entry& operator=(const Entry&) = delete;
 
-  const Credentials credentials;
+  Authenticator authenticator;
   GstRTSPToken* const token =
       gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, kRole, nullptr);
 };
@@ -25,41 +26,56 @@ void dropEntry(gpointer entry) {
   delete static_cast<Entry*>(entry);
 }
 
-bool matchRequest(const Credentials& credentials, const GstRTSPContext& context) {
-  GstRTSPAuthCredential** const given =
-      gst_rtsp_message_parse_auth_credentials(context.request, GST_RTSP_HDR_AUTHORIZATION);
-  const bool any = given != nullptr && *given != nullptr;
-  bool matches = false;
-  for (GstRTSPAuthCredential** item = given; item != nullptr && *item != nullptr; ++item) {
-    matches =
-        matches || ((*item)->scheme == GST_RTSP_AUTH_BASIC && (*item)->authorization != nullptr &&
-                    credentials.matchBasic((*item)->authorization));
-  }
-  gst_rtsp_auth_credentials_free(given);
-  if (any && !matches) {
-    Client::refuse(gst_rtsp_connection_get_read_socket(context.conn), "wrong user or password");
-  }
-  return matches;
+Authenticator::Verdict judge(Authenticator& authenticator, const GstRTSPContext& context) {
+  gchar* authorization = nullptr;
+  gst_rtsp_message_get_header(context.request, GST_RTSP_HDR_AUTHORIZATION, &authorization, 0);
+  const char* const address = gst_rtsp_connection_get_ip(context.conn);
+  const char* const method = gst_rtsp_method_as_text(context.method);
+  // Players compute the digest of the stream's URL for every request, or of the request's.
+  return authenticator.check({gst_rtsp_connection_get_read_socket(context.conn),
+                              address != nullptr ? address : "", authorization,
+                              method != nullptr ? method : "", nullptr});
 }
 
-// The library's own basic authentication compares in a time that depends on the password.
-gboolean authenticate(GstRTSPAuth* auth, GstRTSPContext* context) {
-  if (context->token != nullptr) {
-    return TRUE;
+void refuse(const GstRTSPContext& context, const std::vector<std::string>& challenges) {
+  const GstRTSPStatusCode status =
+      challenges.empty() ? GST_RTSP_STS_SERVICE_UNAVAILABLE : GST_RTSP_STS_UNAUTHORIZED;
+  gst_rtsp_message_init_response(context.response, status, gst_rtsp_status_as_text(status),
+                                 context.request);
+  for (const std::string& challenge : challenges) {
+    gst_rtsp_message_add_header(context.response, GST_RTSP_HDR_WWW_AUTHENTICATE, challenge.c_str());
   }
-  const auto* const entry = static_cast<const Entry*>(g_object_get_data(G_OBJECT(auth), kEntry));
-  if (matchRequest(entry->credentials, *context)) {
+  if (challenges.empty()) {
+    gst_rtsp_message_add_header(context.response, GST_RTSP_HDR_RETRY_AFTER,
+                                Authenticator::kRetryAfter);
+  }
+  // Without the session, whose time-out it would extend.
+  gst_rtsp_client_send_message(context.client, nullptr, context.response);
+}
+
+// The library's own digest authentication keeps every nonce for 30 s, as many as clients ask for,
+// and requires none for OPTIONS.
+gboolean check(GstRTSPAuth* auth, GstRTSPContext* context, const gchar* what) {
+  if (!g_str_equal(what, GST_RTSP_AUTH_CHECK_URL)) {
+    auto* const parent = static_cast<GstRTSPAuthClass*>(g_type_class_peek(GST_TYPE_RTSP_AUTH));
+    return parent->check(auth, context, what);
+  }
+  auto* const entry = static_cast<Entry*>(g_object_get_data(G_OBJECT(auth), kEntry));
+  const Authenticator::Verdict verdict = judge(entry->authenticator, *context);
+  if (!verdict.isAdmitted) {
+    refuse(*context, verdict.challenges);
+    return FALSE;
+  }
 #if GST_CHECK_VERSION(1, 22, 0)
-    gst_rtsp_context_set_token(context, entry->token);
+  gst_rtsp_context_set_token(context, entry->token);
 #else
-    context->token = entry->token;  // borrowed, as the library's own
+  context->token = entry->token;  // borrowed, as the library's own
 #endif
-  }
   return TRUE;
 }
 
 void initialiseClass(gpointer type, gpointer /*unused*/) {
-  GST_RTSP_AUTH_CLASS(type)->authenticate = guarded<authenticate>;
+  GST_RTSP_AUTH_CLASS(type)->check = guarded<check>;
 }
 
 GType authType() {
@@ -72,10 +88,10 @@ GType authType() {
 }  // namespace
 
 void requirePassword(GstRTSPServer* server, GstRTSPMediaFactory* factory,
-                     const Credentials& credentials) {
+                     const Credentials& credentials, bool isEncrypted) {
   const GstPtr<GstRTSPAuth> auth(GST_RTSP_AUTH(g_object_new(authType(), nullptr)));
-  g_object_set_data_full(G_OBJECT(auth.get()), kEntry, new Entry(credentials), dropEntry);
-  gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_BASIC);
+  g_object_set_data_full(G_OBJECT(auth.get()), kEntry, new Entry(credentials, isEncrypted),
+                         dropEntry);
   gst_rtsp_server_set_auth(server, auth.get());
   gst_rtsp_media_factory_add_role(factory, kRole, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS,
                                   G_TYPE_BOOLEAN, TRUE, GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT,

@@ -6,8 +6,9 @@
 
 namespace station {
 
-// Requires these credentials (basic authentication) for the media of `factory`. Logs refusals.
+// Requires a password (Authenticator) for every request to the server, whatever its method, and
+// gives access to the media of `factory`. `isEncrypted`: whether all clients connect by TLS.
 void requirePassword(GstRTSPServer* server, GstRTSPMediaFactory* factory,
-                     const Credentials& credentials);
+                     const Credentials& credentials, bool isEncrypted);
 
 }  // namespace station

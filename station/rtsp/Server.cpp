@@ -91,7 +91,7 @@ void RtspServer::addCamera() {
                         new FeedsPtr(feeds_), dropFeeds, static_cast<GConnectFlags>(0));
   restrictPorts(factory);
   if (options_.credentials) {
-    requirePassword(server_.get(), factory, *options_.credentials);
+    requirePassword(server_.get(), factory, *options_.credentials, options_.isEncrypted());
   }
   const GstPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
   gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it

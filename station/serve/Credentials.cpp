@@ -1,47 +1,111 @@
 #include "serve/Credentials.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <system_error>
+#include <vector>
 
 #include <glib.h>
-#include <sodium.h>
 
 #include "base/StationError.h"
 
 namespace station {
+namespace {
 
-Credentials Credentials::fromOption(const std::string& userAndFile) {
-  const std::size_t colon = userAndFile.find(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == userAndFile.size()) {
-    throw StationError(ExitCode::Usage, "--auth takes USER:FILE, not \"" + userAndFile + "\"");
+// In a time that does not depend on where the texts differ.
+bool isEqual(const std::string& one, const std::string& other) {
+  bool differs = one.size() != other.size();
+  for (std::size_t i = 0; i < one.size() && i < other.size(); ++i) {
+    differs |= one[i] != other[i];
   }
-  const std::string file = userAndFile.substr(colon + 1);
+  return !differs;
+}
+
+std::string hashOf(const std::string& user, const std::string& password) {
+  return md5(user + ":" + Credentials::kRealm + ":" + password);
+}
+
+std::vector<std::string> readLines(const std::string& file) {
+  std::vector<std::string> lines;
   std::ifstream stream(file);
-  std::string password;
-  if (!std::getline(stream, password) && !stream.eof()) {
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty() && line.back() == '\r') {
+      line.pop_back();
+    }
+    lines.push_back(line);
+  }
+  if (!stream.eof()) {
     throw StationError(ExitCode::Usage,
                        "password file " + file + ": " + std::generic_category().message(errno));
   }
-  if (!password.empty() && password.back() == '\r') {
-    password.pop_back();
-  }
-  if (password.empty()) {
-    throw StationError(ExitCode::Usage, "no password on the first line of " + file);
-  }
-  return {userAndFile.substr(0, colon), password};
+  return lines;
 }
 
-Credentials::Credentials(std::string_view user, std::string_view password)
-    : user_(hash(user)), password_(hash(password)) {}
+void warnIfReadableByOthers(const std::string& file) {
+  using std::filesystem::perms;
+  std::error_code error;
+  const std::filesystem::file_status status = std::filesystem::status(file, error);
+  if (std::filesystem::is_regular_file(status) &&
+      (status.permissions() & (perms::group_all | perms::others_all)) != perms::none) {
+    std::fprintf(stderr, "warning: other users may read or change %s: chmod 600 %s\n", file.c_str(),
+                 file.c_str());
+  }
+}
 
-bool Credentials::match(std::string_view user, std::string_view password) const {
-  const Hash userHash = hash(user);
-  const Hash passwordHash = hash(password);
-  const int userDiffers = sodium_memcmp(userHash.data(), user_.data(), user_.size());
-  const int passwordDiffers =
-      sodium_memcmp(passwordHash.data(), password_.data(), password_.size());
-  return userDiffers == 0 && passwordDiffers == 0;
+std::string readPassword(const std::string& file) {
+  const std::vector<std::string> lines = readLines(file);
+  if (lines.empty() || lines.front().empty()) {
+    throw StationError(ExitCode::Usage, "no password on the first line of " + file);
+  }
+  return lines.front();
+}
+
+// What htdigest writes.
+std::map<std::string, std::string> readHashes(const std::string& file) {
+  std::map<std::string, std::string> hashes;
+  for (const std::string& line : readLines(file)) {
+    const std::size_t realm = line.find(':') + 1;
+    const std::size_t hash = line.find(':', realm) + 1;
+    if (realm <= 1 || hash == 0 || hash + 32 != line.size() ||
+        line.find_first_not_of("0123456789abcdef", hash) != std::string::npos) {
+      throw StationError(ExitCode::Usage, file + " has a line that is not USER:REALM:HASH");
+    }
+    if (line.compare(realm, hash - 1 - realm, Credentials::kRealm) == 0) {
+      hashes[line.substr(0, realm - 1)] = line.substr(hash);
+    }
+  }
+  if (hashes.empty()) {
+    throw StationError(ExitCode::Usage,
+                       "no user of the realm " + std::string(Credentials::kRealm) + " in " + file);
+  }
+  return hashes;
+}
+
+}  // namespace
+
+std::string md5(const std::string& text) {
+  g_autofree gchar* hash = g_compute_checksum_for_data(
+      G_CHECKSUM_MD5, reinterpret_cast<const guchar*>(text.data()), text.size());
+  return hash;
+}
+
+Credentials Credentials::fromOption(const std::string& option) {
+  Credentials credentials;
+  const std::size_t colon = option.find(':');
+  const std::string file = colon == std::string::npos ? option : option.substr(colon + 1);
+  if (colon == 0 || file.empty()) {
+    throw StationError(ExitCode::Usage, "--auth takes [USER:]FILE, not \"" + option + "\"");
+  }
+  if (colon == std::string::npos) {
+    credentials.hashes_ = readHashes(file);
+  } else {
+    const std::string user = option.substr(0, colon);
+    credentials.hashes_[user] = hashOf(user, readPassword(file));
+  }
+  warnIfReadableByOthers(file);
+  return credentials;
 }
 
 bool Credentials::matchBasic(const char* base64) const {
@@ -49,15 +113,18 @@ bool Credentials::matchBasic(const char* base64) const {
   g_autofree guchar* bytes = g_base64_decode(base64, &length);
   const std::string text(reinterpret_cast<const char*>(bytes), length);
   const std::size_t colon = text.find(':');
-  return colon != std::string::npos && match(text.substr(0, colon), text.substr(colon + 1));
+  if (colon == std::string::npos) {
+    return false;
+  }
+  const std::string user = text.substr(0, colon);
+  const auto found = hashes_.find(user);
+  return found != hashes_.end() && isEqual(hashOf(user, text.substr(colon + 1)), found->second);
 }
 
-// Equal lengths keep the comparison's time independent of the text.
-Credentials::Hash Credentials::hash(std::string_view text) {
-  Hash result{};
-  crypto_generichash(result.data(), result.size(),
-                     reinterpret_cast<const unsigned char*>(text.data()), text.size(), nullptr, 0);
-  return result;
+bool Credentials::matchDigest(const std::string& user, const std::string& rest,
+                              const std::string& response) const {
+  const auto found = hashes_.find(user);
+  return found != hashes_.end() && isEqual(md5(found->second + ":" + rest), response);
 }
 
 }  // namespace station

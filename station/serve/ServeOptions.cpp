@@ -15,8 +15,10 @@ void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
       .add_option_function<std::string>(
           "--auth",
           [this](const std::string& text) { credentials = Credentials::fromOption(text); },
-          "USER:FILE, to ask for a password, which is the file's first line")
-      ->type_name("USER:FILE");
+          "Ask for a password: of the users of FILE, which htdigest writes (realm media-station), "
+          "or "
+          "of USER, the first line of FILE")
+      ->type_name("[USER:]FILE");
   command.add_option("--max-clients", maxClients, "Clients that may watch at once")
       ->check(CLI::Range(1U, 10000U))
       ->capture_default_str();

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <media_backend/GstVideoBackend.h>
 
@@ -21,9 +22,14 @@ struct ServeOptions {
   std::optional<Credentials> credentials;
   unsigned int maxClients = 32;
   bool quiet = false;  // no log of clients and camera
+  // HTTP only
+  std::vector<std::string> hosts;  // further names and addresses that clients may ask for
   // RTSP only
   std::string path = "/camera";
   unsigned int mtu = 1400;  // bytes of an RTP packet
+
+  // Whether clients connect by TLS.
+  bool isEncrypted() const { return false; }
 
   void addTo(CLI::App& command, const Codecs& codecs);
 };
