@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <thread>
 
 #include "Program.h"
@@ -18,6 +19,7 @@ using nlohmann::json;
 namespace {
 
 using std::chrono::milliseconds;
+using Words = std::vector<std::string>;
 
 // Number of frames that ffmpeg decodes; only the last one may be cut.
 int decodedFrames(const std::string& file, const std::string& format) {
@@ -83,22 +85,130 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
   server.stop();
 }
 
-// Chromium runs the code of the page and watches.
-TEST(ServeHttpPage, ShowsTheLivePicture) {
-  if (run({"sh", "-c", "command -v chromium"}).exitCode != 0) {
-    GTEST_SKIP() << "no Chromium: page not looked at";
+// libsoup would answer with ranges, a copy of the body for each pair of them.
+TEST(ServeHttpRequests, NoHeaderChangesHowMuchIsSent) {
+  Server server("http", {"--board", "imx"});
+  const std::string url = server.url() + "/page.js";
+  const std::string whole = run({"curl", "-sS", url}).out;
+  std::string many = "Range: bytes=0-";
+  while (many.size() < 60000) {
+    many += ",0-";
   }
+  for (const std::string& header :
+       Words{many, "Range: bytes=0-1", "Range: bytes=-18446744073709551617",
+             "Range: bytes=18446744073709551616-", "Expect: 100-continue"}) {
+    const Result result = run({"curl", "-sS", "-w", "%{http_code}", "-H", header, url});
+    EXPECT_TRUE(result.out == whole + "200") << header.substr(0, 40) << result.out.size();
+  }
+  EXPECT_EQ(server.stop().find("CRITICAL"), std::string::npos);
+}
+
+std::ptrdiff_t count(const std::string& text, const std::string& part) {
+  const std::regex pattern(part);
+  return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), {});
+}
+
+// Only under its own names, and no answer without the protective headers.
+TEST(ServeHttpRequests, EveryAnswerIsProtected) {
   const TempFolder folder;
-  Server server("http", {"--board", "nvidia", "--codec", "mjpeg"});
-  const std::string page = run({"chromium", "--headless", "--no-sandbox", "--disable-gpu",
-                                "--disable-dev-shm-usage", "--user-data-dir=" + folder / "profile",
-                                "--virtual-time-budget=8000", "--dump-dom", server.url()})
-                               .out;
-  for (const char* const figure : {"profile\">nvidia-nvmm<", "codec\">mjpeg<", "viewers\">1 of 32<",
-                                   "Live, 320 × 180", "role=\"status\">live<"}) {
-    EXPECT_NE(page.find(figure), std::string::npos) << figure << page;
+  std::ofstream(folder / "password") << "secret\n";
+  Server server("http", {"--board", "imx", "--auth", "me:" + folder / "password", "--host",
+                         "Camera.example", "--host", "192.0.2.7"});
+  const std::tuple<Words, const char*> rows[] = {
+      {{"-H", "Host: localhost:1"}, "200"},
+      {{"-H", "Host: camera.Example"}, "200"},
+      {{"-H", "Host: 192.0.2.7:8080"}, "200"},
+      {{"-0", "-H", "Host:"}, "200"},
+      {{"-H", "Expect: 100-continue"}, "200"},
+      {{"-u", ":"}, "401"},
+      {{"-H", "Host: rebound.example"}, "421"},
+      {{"-H", "Host: 192.0.2.8"}, "421"},
+      {{"-H", "Host: [::1]"}, "421"},
+      {{"-H", "Host:"}, "400"},
+      {{"-H", "Host: a/b"}, "400"},
+      {{"-X", "POST"}, "405"},
+      {{"-H", "Transfer-Encoding: x"}, "501"},
+      {{"--request-target", "/metrics"}, "401"},  // with the digest of another
+      {{"--request-target", "http://rebound.example/"}, "421"},
+  };
+  for (const auto& [arguments, status] : rows) {
+    Words command = {"curl", "-sS", "--digest",  "-u", "me:secret",    "-D",
+                     "-",    "-o",  "/dev/null", "-w", "%{http_code}", server.url() + "/"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const std::string answers = run(command).out;
+    EXPECT_EQ(answers.substr(answers.size() - 3), status) << arguments.back();
+    for (const char* const header :
+         {"frame-ancestors 'none'", "X-Frame-Options: DENY", "X-Content-Type-Options: nosniff",
+          "Cross-Origin-Resource-Policy: same-origin", "Cache-Control: no-store"}) {
+      EXPECT_EQ(count(answers, header), count(answers, "HTTP/1.")) << header << "\n" << answers;
+    }
   }
   server.stop();
+}
+
+// Chromium runs the code of the page and watches.
+class ServeHttpPage : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (run({"sh", "-c", "command -v chromium"}).exitCode != 0) {
+      GTEST_SKIP() << "no Chromium: page not looked at";
+    }
+  }
+
+  // Prints the page as it is after a time in its own milliseconds.
+  Words chromium(const std::string& time, const std::string& url) const {
+    return {"chromium",
+            "--headless",
+            "--no-sandbox",
+            "--disable-gpu",
+            "--disable-dev-shm-usage",
+            "--user-data-dir=" + folder_ / "profile",
+            "--virtual-time-budget=" + time,
+            "--dump-dom",
+            url};
+  }
+
+  TempFolder folder_;
+};
+
+void expectTexts(const std::string& page, const Words& texts) {
+  for (const std::string& text : texts) {
+    EXPECT_NE(page.find(text), std::string::npos) << text << page;
+  }
+}
+
+TEST_F(ServeHttpPage, ShowsTheLivePictureIfThereIsOne) {
+  const std::tuple<const char*, const char*, Words> rows[] = {
+      {"nvidia",
+       "mjpeg",
+       {"profile\">nvidia-nvmm<", "codec\">mjpeg<", "viewers\">1 of 32<",
+        "Live, 320 × 180, motion JPEG", "role=\"status\">live<"}},
+      {"imx", "h264", {"codec\">mjpeg<", "Live, 320 × 180, motion JPEG"}},
+      {"nvvidconv,nvv4l2h264enc", "h264", {"codec\">h264<", "no JPEG encoder", "hidden=\"\""}},
+  };
+  for (const auto& [board, codec, texts] : rows) {
+    Server server("http", {"--board", board, "--codec", codec});
+    expectTexts(run(chromium("8000", server.url())).out, texts);
+    server.stop();
+  }
+}
+
+TEST_F(ServeHttpPage, SaysThatTheServerIsGone) {
+  Server server("http", {"--board", "imx"});
+  Program page(chromium("60000", server.url()));
+  server.awaitLine("camera runs");
+  server.stop();
+  expectTexts(page.wait().out,
+              {"The server does not answer.", "hidden=\"\"", "role=\"status\">connection lost<"});
+}
+
+// The board's encoder runs without settings over HTTP.
+TEST(ServeHttpBitRate, SaysThatItHasNoEffect) {
+  for (const auto& [board, isSaid] : {std::pair{"imx", true}, std::pair{"nvidia", false}}) {
+    Server server("http", {"--board", board, "--bitrate", "1000000"});
+    run({"curl", "-sS", server.url()});
+    EXPECT_EQ(server.stop().find("note: --bitrate has no effect") != std::string::npos, isSaid);
+  }
 }
 
 // A client that reads again after a pause gets whole pictures, from a key picture on.

@@ -5,21 +5,33 @@ const frameRate = (value) => `${value.toFixed(1)} fps`;
 const bitRate = (value) =>
   value >= 1e6 ? `${(value / 1e6).toFixed(2)} Mbit/s` : `${Math.round(value / 1e3)} kbit/s`;
 
+const jpegOf = (status) => status.streams.find((stream) => stream.codec === "mjpeg");
+const setCaption = (text) => { find("caption").textContent = text; };
+
 let watching = false;
 
+// Hides the picture, which is not live any more or has never been.
+function stopWatching(reason) {
+  watching = false;
+  find("picture").hidden = true;
+  setCaption(reason);
+}
+
 function watch(status) {
-  const jpeg = status.streams.find((stream) => stream.codec === "mjpeg");
-  if (watching || !jpeg) {
-    if (!jpeg) find("caption").textContent = "This board has no JPEG encoder for a live picture here.";
+  const jpeg = jpegOf(status);
+  if (!jpeg) {
+    stopWatching("This board has no JPEG encoder for a live picture here.");
     return;
   }
+  if (watching) return;
   watching = true;
   const picture = find("picture");
   picture.width = status.width;
   picture.height = status.height;
-  picture.onerror = () => { watching = false; };
+  picture.onerror = () => stopWatching("The server gives no live picture.");
   picture.src = `${jpeg.path}?${Date.now()}`;
-  find("caption").textContent = `Live, ${status.width} × ${status.height}`;
+  picture.hidden = false;
+  setCaption(`Live, ${status.width} × ${status.height}, motion JPEG`);
 }
 
 function row(stream) {
@@ -36,8 +48,7 @@ function row(stream) {
 }
 
 function show(status) {
-  const main = status.streams[0];
-  const shown = main.running ? main : status.streams.find((stream) => stream.running) ?? main;
+  const shown = jpegOf(status) ?? status.streams[0];
   find("source").textContent = status.source.split("/").pop();
   find("profile").textContent = status.profile;
   find("codec").textContent = shown.codec;
@@ -55,14 +66,14 @@ function setState(name, text) {
 
 async function poll() {
   try {
-    const response = await fetch("/status.json");
+    const response = await fetch("/status.json", { signal: AbortSignal.timeout(5000) });
     if (!response.ok) throw new Error(response.statusText);
     const status = await response.json();
     show(status);
     watch(status);
     setState("live", "live");
   } catch (error) {
-    watching = false;
+    stopWatching("The server does not answer.");
     setState("lost", "connection lost");
   }
   setTimeout(poll, 1000);
