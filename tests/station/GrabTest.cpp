@@ -55,6 +55,21 @@ TEST_F(Grab, AStillImageKeepsItsSizeAndColours) {
   EXPECT_GT(psnr(image, fs::directory_iterator(folder_ / "out")->path()), 38);
 }
 
+// A playlist reads what it names, also inside of another format.
+TEST_F(Grab, APlaylistIsRefusedUnlessAllowed) {
+  ffmpeg("testsrc2=size=320x180:rate=30:duration=1",
+         {"-f", "hls", "-hls_time", "1", folder_ / "list.m3u8"});
+  ffmpeg("testsrc2=size=320x180:rate=30:duration=1", {"-f", "dash", folder_ / "list.mpd"});
+  runCommand({"sh", "-c", "(printf 'ID3\\4\\0\\0\\0\\0\\0\\0'; cat \"$0\") >\"$1\"",
+              folder_ / "list.m3u8", folder_ / "tagged.mp3"});
+  for (const char* const name : {"list.m3u8", "list.mpd", "tagged.mp3"}) {
+    const std::vector<std::string> command = {"grab", folder_ / name, "-o", folder_ / "a.png"};
+    const Result refused = run(station(command));
+    EXPECT_EQ(refused.exitCode, 5) << name << refused.err;
+    EXPECT_EQ(run(station(command, {"--allow-playlists"})).exitCode, 0) << name;
+  }
+}
+
 TEST_F(Grab, PicturesOfAFileAreNumbered) {
   const std::string clip = folder_ / "clip.mkv";
   makeClip(clip, "320x180", 30, 3);

@@ -30,8 +30,11 @@ TEST(ServeLog, SaysWhoComesAndWhyTheyAreRefused) {
     Words events;
   };
   for (const Case& c :
-       {Case{{"-u", "me:secret"}, {"connected", "left"}},
-        Case{{"-u", "me:wrong"}, {"connected", "refused: wrong user or password", "left"}},
+       {Case{{"--digest", "-u", "me:secret"}, {"connected", "left"}},
+        Case{{"--digest", "-u", "me:wrong"},
+             {"connected", "refused: wrong user or password", "left"}},
+        Case{{"-H", "Host: a"},
+             {"connected", "refused: asks for a host that is not this one (--host)", "left"}},
         Case{{"-H", "Transfer-Encoding: x"},
              {"connected", "disconnected: its request may have a body"}}}) {
     const std::string client = request(server.url() + "/", c.arguments);

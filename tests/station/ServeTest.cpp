@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <tuple>
 
@@ -12,20 +13,25 @@
 
 namespace {
 
+using Words = std::vector<std::string>;
+
 TEST(Serve, FailuresAreOneLine) {
   const TempFolder folder;
   const std::string clip = makeServedClip(folder);
   const Server other("http", {"--board", "imx"});
   const std::string taken = other.url().substr(other.url().rfind(':') + 1);
   std::ofstream(folder / "empty") << "\n";
-  using Arguments = std::vector<std::string>;
-  const std::tuple<Arguments, int, const char*> rows[] = {
+  std::ofstream(folder / "other") << "me:other realm:" << std::string(32, '0') << "\n";
+  const std::tuple<Words, int, std::string> rows[] = {
       {{clip, "--port", taken}, 10, "cannot serve on 127.0.0.1 port "},
       {{clip, "--codec", "av1"}, 4, "codec not usable for "},
       {{clip, "--bind", "192.0.2.1"}, 10, "cannot serve on 192.0.2.1 port "},
       {{"/nowhere/clip.mkv"}, 5, "source failed: "},
       {{clip, "--bind", "localhost"}, 2, "not a numeric address: localhost"},
-      {{clip, "--auth", "me"}, 2, "--auth takes USER:FILE, not \"me\""},
+      {{clip, "--auth", ":me"}, 2, "--auth takes [USER:]FILE, not \":me\""},
+      {{clip, "--auth", folder / "empty"}, 2, folder / "empty" + " has a line that is not USER"},
+      {{clip, "--auth", folder / "other"}, 2, "no user of the realm media-station in "},
+      {{clip, "--auth", "/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:" + folder / "empty"}, 2, "no password on the first line of "},
   };
@@ -36,41 +42,103 @@ TEST(Serve, FailuresAreOneLine) {
     for (const auto& [arguments, exitCode, text] : rows) {
       const Result result = run(station({"serve", kind, "--board", "imx"}, arguments));
       EXPECT_EQ(result.exitCode, exitCode) << kind << text;
-      EXPECT_EQ(result.err.rfind(std::string("media-station: ") + text, 0), 0U) << result.err;
+      EXPECT_EQ(result.err.rfind("media-station: " + text, 0), 0U) << result.err;
       EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
   }
 }
 
+// The status of a request by curl.
+std::string status(const std::string& login, const std::string& url, Words more = {"--digest"}) {
+  more.insert(more.begin(), {"curl", "-s", "-w", "%{http_code}", "-u", login});
+  more.push_back(url + "/status.json");
+  const std::string out = run(more).out;
+  return out.substr(out.size() - 3);
+}
+
+// What ffprobe says of a stream.
+Result probe(const std::string& login, const std::string& url) {
+  return run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-show_entries",
+              "stream=codec_name", "-of", "csv=p=0", "rtsp://" + login + "@" + url.substr(7)});
+}
+
+// One user of a file with a password, and two of a file in the format of htdigest.
 TEST(Serve, ThePasswordOpens) {
   const TempFolder folder;
   std::ofstream(folder / "password") << "se:cret\r\nsecond line\n";
-  const std::vector<std::string> options = {"--board", "imx", "--auth",
-                                            "me:" + folder / "password"};
+  const std::string add =
+      "printf '%s:%s:%s\\n' \"$1\" \"$2\" "
+      "\"$(printf %s \"$1:$2:$3\" | md5sum | cut -d' ' -f1)\" >>\"$0\"";
+  for (const Words& user : {Words{"me", "media-station", "se:cret"},
+                            Words{"you", "media-station", "other"}, Words{"he", "else", "x"}}) {
+    Words command = {"sh", "-c", add, folder / "users"};
+    command.insert(command.end(), user.begin(), user.end());
+    run(command);
+  }
+  struct Row {
+    const char* login;
+    bool one, two;  // whether it opens with either file
+  };
+  for (const std::string& option : {"me:" + folder / "password", folder / "users"}) {
+    const Words options = {"--board", "imx", "--auth", option};
+    Server rtsp("rtsp", options);
+    Server http("http", options);
+    for (const auto& [login, one, two] :
+         {Row{"me:se:cret", true, true}, Row{"me:secret", false, false},
+          Row{"you:se:cret", false, false}, Row{"you:other", false, true},
+          Row{"he:x", false, false}, Row{"me:se:cret%0D", false, false},
+          Row{"me:", false, false}}) {
+      const bool opens = option == folder / "users" ? two : one;
+      EXPECT_EQ(status(login, http.url()), opens ? "200" : "401") << login << option;
+      // ffprobe takes what is behind the last colon for a port: none in its password.
+      const Result stream = probe(login, rtsp.url());
+      EXPECT_EQ(stream.out, opens ? "h264\n" : "") << login << stream.err;
+      EXPECT_EQ(stream.err.find("401 Unauthorized") != std::string::npos, !opens) << stream.err;
+    }
+    EXPECT_EQ(status("me:se:cret", http.url(), {"--basic"}), "401");  // in the clear
+    rtsp.stop();
+    http.stop();
+  }
+}
+
+TEST(Serve, WrongGuessesAreSlowedDown) {
+  const TempFolder folder;
+  std::ofstream(folder / "password") << "secret\n";
+  const Words options = {"--board", "imx", "--auth", "me:" + folder / "password"};
   Server rtsp("rtsp", options);
   Server http("http", options);
-  const std::string rtspRest = rtsp.url().substr(7);
-  const std::tuple<const char*, bool> rows[] = {
-      {"", false},
-      {"me:se:cret@", true},
-      {"me:secret@", false},
-      {"you:se:cret@", false},
-      {"me:se:cret%0D@", false},
-      {"me:@", false},
-  };
-  for (const auto& [login, opens] : rows) {
-    // ffprobe takes what is behind the last colon for a port: none in its password.
-    std::string user = login;
-    const Result page = run({"curl", "-sS", "-o", "/dev/null", "-w", "%{http_code}",
-                             "http://" + user + http.url().substr(7) + "/status.json"});
-    EXPECT_EQ(page.out, opens ? "200" : "401") << login;
-    const Result stream = run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-show_entries",
-                               "stream=codec_name", "-of", "csv=p=0", "rtsp://" + user + rtspRest});
-    EXPECT_EQ(stream.out, opens ? "h264\n" : "") << login << stream.err;
-    EXPECT_EQ(stream.err.find("401 Unauthorized") != std::string::npos, !opens) << stream.err;
+  std::string wanted;
+  for (int guess = 0; guess < 12; ++guess) {
+    wanted += guess < 10 ? "401 " : "429 ";
   }
-  rtsp.stop();
-  http.stop();
+  const Result guesses = run({"curl", "-s", "-o", "/dev/null", "-w", "%{http_code} ", "--digest",
+                              "-u", "me:wrong", http.url() + "/?[1-12]"});
+  EXPECT_EQ(guesses.out, wanted);
+  EXPECT_EQ(status("me:secret", http.url()), "429");
+  EXPECT_EQ(status("me:secret", http.url(), {"--digest", "--interface", "127.0.0.2"}), "200");
+  EXPECT_EQ(status("me:secret", http.url(), {"--digest", "--retry", "3"}), "200");
+  int guess = 0;
+  while (guess < 40 && probe("me:wrong", rtsp.url()).err.find("401 ") != std::string::npos) {
+    ++guess;
+  }
+  EXPECT_GE(guess, 10);
+  EXPECT_NE(probe("me:secret", rtsp.url()).err.find("503 "), std::string::npos) << guess;
+  for (Server* const server : {&rtsp, &http}) {
+    EXPECT_NE(server->stop().find("refused: wrong user or password, the last guess for 10 s"),
+              std::string::npos);
+  }
+}
+
+TEST(Serve, WarnsOfAPasswordThatOthersMayRead) {
+  const TempFolder folder;
+  std::ofstream(folder / "password") << "secret\n";
+  for (const bool isOpen : {true, false}) {
+    const auto mode = isOpen ? std::filesystem::perms::others_read : std::filesystem::perms::none;
+    std::filesystem::permissions(folder / "password", std::filesystem::perms::owner_read | mode);
+    Server server("http", {"--board", "imx", "--auth", "me:" + folder / "password"});
+    EXPECT_EQ(status("me:secret", server.url()), "200");
+    EXPECT_EQ(server.stop().find("warning: other users may read") != std::string::npos, isOpen);
+  }
 }
 
 TEST(Serve, CameraRunsOnlyWhileSomebodyWatches) {

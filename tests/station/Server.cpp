@@ -25,8 +25,9 @@ Server::Server(const std::string& kind, const std::vector<std::string>& more)
   url_ = match[0];
 }
 
-void Server::stop() {
+std::string Server::stop() {
   program_.signal(SIGINT);
   const Result result = program_.wait();
   EXPECT_EQ(result.exitCode, 0) << result.err;
+  return result.err;
 }

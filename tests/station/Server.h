@@ -26,8 +26,8 @@ class Server {
   // Waits for a line of this text on standard error, after those already read.
   void awaitLine(const std::string& line) { program_.awaitErrorLine(line); }
 
-  // Ctrl-C; the exit code has to be 0.
-  void stop();
+  // Ctrl-C; the exit code has to be 0. Returns the rest of its standard error.
+  std::string stop();
 
  private:
   TempFolder folder_;
