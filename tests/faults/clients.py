@@ -82,7 +82,7 @@ def begin_to_watch(url, path, receive_buffer=None):
     """A connection with a stream, or without one if the server has enough clients."""
     client = connect(url, receive_buffer)
     if url.startswith("http"):
-        client.sendall(request("GET", path, "Host: a"))
+        client.sendall(request("GET", path, "Host: localhost"))
     else:
         talk = Rtsp(url, client)
         talk.ask("DESCRIBE")
