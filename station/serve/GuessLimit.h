@@ -13,7 +13,7 @@ namespace station {
 class GuessLimit {
  public:
   static constexpr unsigned int kGuesses = 10;
-  static constexpr gint64 kInterval = 10 * G_USEC_PER_SEC;
+  static constexpr gint64 kInterval = gint64{10} * G_USEC_PER_SEC;
   static constexpr std::size_t kMaxClients = 4096;
 
   // Whether the client has to wait before its next guess.
