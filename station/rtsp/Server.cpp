@@ -3,8 +3,11 @@
 #include "base/Callback.h"
 #include "base/Pipelines.h"
 #include "rtsp/Auth.h"
+#include "rtsp/ClientStream.h"
 #include "rtsp/ClientTimeouts.h"
 #include "rtsp/NullTcpTransport.h"
+#include "rtsp/ReceiverReports.h"
+#include "rtsp/Sessions.h"
 
 namespace station {
 namespace {
@@ -14,7 +17,7 @@ using media_backend::GstVideoBackend;
 // Longer than a session lives without keep-alive.
 constexpr std::chrono::seconds kIdleConnection{90};
 constexpr std::chrono::milliseconds kCheckInterval{250};
-constexpr guint kMaxRequestBytes = 16 * 1024;  // of a request's body
+constexpr unsigned int kMoreConnections = 16;  // that are answered with 503
 // Below the kernel's ephemeral ports.
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
@@ -43,6 +46,7 @@ using FeedsPtr = std::shared_ptr<RtspFeeds>;
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
   (*static_cast<FeedsPtr*>(feeds))->add(media);
   addNullTransport(media);
+  dropReceiverReports(media);
 }
 
 void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
@@ -65,11 +69,11 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
           ")"),
       feeds_(std::make_shared<RtspFeeds>(backend, camera)),
       server_(gst_rtsp_server_new()),
-      listener_(options.address, options.port, {options.maxClients, kIdleConnection, options.quiet},
+      sessions_(newSessionPool(options.maxClients)),
+      listener_(options.address, options.port,
+                {options.maxClients + kMoreConnections, kIdleConnection, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }) {
-  gst_rtsp_server_set_content_length_limit(server_.get(), kMaxRequestBytes);
-  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
-  gst_rtsp_session_pool_set_max_sessions(sessions.get(), options.maxClients);
+  gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
   g_signal_connect(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>), nullptr);
   addCamera();
 }
@@ -116,15 +120,27 @@ void RtspServer::accept(GSocketConnection* connection) {
   }
   g_autofree gchar* address =
       g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(remote)));
-  gst_rtsp_server_transfer_connection(
-      server_.get(), G_SOCKET(g_object_ref(g_socket_connection_get_socket(connection))), address,
-      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)), nullptr);
+  GSocket* const socket = g_socket_connection_get_socket(connection);
+  attachLink(socket, makeLink());
+  gst_rtsp_server_transfer_connection(server_.get(), G_SOCKET(g_object_ref(socket)), address,
+                                      g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(remote)),
+                                      nullptr);
   if (!checking_ || !checking_->isActive()) {
     checking_.emplace(kCheckInterval, [this] {
       checkClients();
       return listener_.connections() > 0;
     });
   }
+}
+
+// The library's thread may call onActivity after the end of the server.
+std::unique_ptr<ClientLink> RtspServer::makeLink() {
+  const std::shared_ptr<GstRTSPSessionPool> sessions(
+      GST_RTSP_SESSION_POOL(g_object_ref(sessions_.get())), g_object_unref);
+  return std::unique_ptr<ClientLink>(new ClientLink{
+      ClientFilter(std::to_string(++accepted_), listener_.connections() <= options_.maxClients),
+      options_.certificate.get(),
+      [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }});
 }
 
 void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*unused*/) {
@@ -136,8 +152,7 @@ void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer
 }
 
 void RtspServer::checkClients() {
-  const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server_.get()));
-  gst_rtsp_session_pool_cleanup(sessions.get());
+  gst_rtsp_session_pool_cleanup(sessions_.get());
   GList* const clients = gst_rtsp_server_client_filter(server_.get(), nullptr, nullptr);
   for (const GList* item = clients; item != nullptr; item = item->next) {
     ClientTimeouts::check(GST_RTSP_CLIENT(item->data));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "camera/LiveCamera.h"
+#include "rtsp/ClientStream.h"
 #include "rtsp/Feeds.h"
 #include "serve/Listener.h"
 #include "serve/ServeOptions.h"
@@ -33,6 +35,7 @@ class RtspServer {
   void addCamera();
   void restrictPorts(GstRTSPMediaFactory* factory) const;
   void accept(GSocketConnection* connection);
+  std::unique_ptr<ClientLink> makeLink();
   void checkClients();
 
   static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer unused);
@@ -41,6 +44,8 @@ class RtspServer {
   const std::string description_;
   const std::shared_ptr<RtspFeeds> feeds_;
   const GstPtr<GstRTSPServer> server_;
+  const GstPtr<GstRTSPSessionPool> sessions_;
+  std::uint64_t accepted_ = 0;
   Listener listener_;
   std::optional<Timer> checking_;  // active while there are clients
 };

@@ -44,6 +44,8 @@ class Rtsp:
         self.client = client or connect(url)
         self.stream = self.client.makefile("rb")
         self.session = []
+        self.transport = {}  # what the server said
+        self.ssrcs = set()   # of RTP that has come
         self.number = 0
 
     def __enter__(self):
@@ -60,7 +62,10 @@ class Rtsp:
             self.client.sendall(request(method, self.url + path, f"CSeq: {self.number}", *self.session,
                                         *headers, version="RTSP/1.0"))
             while (line := self.stream.read(1)) == b"$":
-                self.stream.read(struct.unpack(">BH", self.stream.read(3))[1])
+                channel, size = struct.unpack(">BH", self.stream.read(3))
+                packet = self.stream.read(size)
+                if channel == 0:
+                    self.ssrcs.add(packet[8:12].hex().upper())
             line += self.stream.readline()
             answer = http.client.parse_headers(self.stream)
         except (ConnectionError, struct.error):
@@ -72,6 +77,8 @@ class Rtsp:
         self.stream.read(int(answer.get("Content-Length", 0)))
         if "Session" in answer:
             self.session = ["Session: " + answer["Session"].partition(";")[0]]
+        if "Transport" in answer:
+            self.transport = dict(re.findall(r"(\w+)=([^;]+)", answer["Transport"]))
         return int(found[1])
 
     def setup(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1"):
@@ -89,6 +96,22 @@ def begin_to_watch(url, path, receive_buffer=None):
         talk.setup()
         talk.ask("PLAY")
     return client
+
+
+def interleaved(channel, packet):
+    return struct.pack(">cBH", b"$", channel, len(packet)) + packet
+
+
+def receiver_report(ssrc):
+    return struct.pack(">BBHI", 0x80, 201, 1, ssrc)
+
+
+def sender_report(ssrc):
+    return struct.pack(">BBHIQIII", 0x80, 200, 6, ssrc, 0, 0, 1, 1)
+
+
+def rtp(ssrc, payload=b""):
+    return struct.pack(">BBHII", 0x80, 96, 1, 1, ssrc) + payload
 
 
 class Watcher(threading.Thread):

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace station {
+
+// What an RTSP client sends, checked before the server library reads it:
+// - requests pass one at a time, complete and with plain line ends, if they are within bounds and
+//   name no session but their own;
+// - interleaved data is dropped: the library leaks RTP, and takes a packet with the server's SSRC
+//   for a collision that ends the stream for all;
+// - the base64 of an HTTP tunnel is decoded, checked in the same way and encoded again;
+// - a client that sends too much is refused.
+//
+// Threads: one at a time.
+class ClientFilter {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  struct Refusal {
+    std::string answer;  // a response, or empty
+    std::string reason;  // for the log
+  };
+
+  // `owner` begins the ids of the client's sessions, unless it is a tunnel. A client for whom there
+  // is no place gets 503 for its first request.
+  ClientFilter(std::string owner, bool hasPlace);
+
+  // Takes what the client has sent; does nothing after a refusal.
+  void push(std::string_view bytes, TimePoint now);
+  // Refuses the client if its request has not become complete in time.
+  void checkTime(TimePoint now);
+
+  const std::optional<Refusal>& refusal() const { return refusal_; }
+  // When checkTime() would refuse the client, while a request is incomplete.
+  std::optional<TimePoint> deadline() const;
+  // What the library may read; the caller removes it.
+  std::string& output() { return output_; }
+  // The connection's, or the tunnel's.
+  const std::string& owner() const { return owner_; }
+  // Whether interleaved data has come since the last call.
+  bool takeActivity();
+
+ private:
+  enum class Mode { Plain, TunnelIn, TunnelOut };
+  struct Request;
+
+  void charge(std::size_t bytes);
+  void feed(std::string_view bytes);
+  std::size_t takePiece(std::string_view rest);
+  std::size_t takeData(std::string_view rest);
+  std::size_t takeRequest(std::string_view rest);
+  void judge(const Request& request);
+  void enterTunnel(const Request& request);
+  void pass(std::string_view text);
+  void refuse(const Request& request, const char* status, const char* reason);
+
+  std::string owner_;
+  const bool hasPlace_;
+  Mode mode_ = Mode::Plain;
+  bool begun_ = false;  // a request has passed
+  std::string input_, output_;
+  std::size_t bodyLeft_ = 0, dataLeft_ = 0;
+  int decoderState_ = 0;
+  unsigned int decoderSave_ = 0;
+  double allowance_;  // bytes
+  TimePoint charged_{};
+  std::optional<TimePoint> incompleteSince_;
+  bool isActive_ = false;
+  std::optional<Refusal> refusal_;
+};
+
+}  // namespace station

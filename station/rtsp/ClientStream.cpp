@@ -1,0 +1,260 @@
+#include "rtsp/ClientStream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+
+#include "serve/Client.h"
+
+namespace station {
+namespace {
+
+constexpr const char* kKey = "station-rtsp-link";
+constexpr std::chrono::seconds kActivityInterval{1};
+
+using std::chrono::steady_clock;
+
+struct Link {
+  std::unique_ptr<ClientLink> client;
+  GSocket* socket;        // whose data this is
+  GOutputStream* output;  // the connection's, while that lives
+  steady_clock::time_point active;
+};
+
+Link* linkOf(GSocket* socket) {
+  return static_cast<Link*>(g_object_get_data(G_OBJECT(socket), kKey));
+}
+
+// A pollable stream of what the filter lets pass.
+struct Input {
+  GFilterInputStream parent;
+  Link* link;
+};
+
+Input* asInput(gpointer object) {
+  return static_cast<Input*>(object);
+}
+
+GPollableInputStream* baseOf(gpointer input) {
+  return G_POLLABLE_INPUT_STREAM(
+      g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(input)));
+}
+
+gboolean isReadable(GPollableInputStream* input) {
+  ClientFilter& filter = asInput(input)->link->client->filter;
+  return static_cast<gboolean>(!filter.output().empty() || filter.refusal().has_value());
+}
+
+void noteActivity(Link& link) {
+  const steady_clock::time_point now = steady_clock::now();
+  if (link.client->filter.takeActivity() && now - link.active >= kActivityInterval) {
+    link.active = now;
+    link.client->onActivity(link.client->filter.owner());
+  }
+}
+
+// Never waits: the answer is short, and a client that cannot take it goes without.
+gssize endRefused(Link& link, GError** error) {
+  const ClientFilter::Refusal& refusal = *link.client->filter.refusal();
+  if (!refusal.answer.empty()) {
+    g_pollable_output_stream_write_nonblocking(G_POLLABLE_OUTPUT_STREAM(link.output),
+                                               refusal.answer.data(), refusal.answer.size(),
+                                               nullptr, nullptr);
+  }
+  Client::disconnect(link.socket, refusal.reason);
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, refusal.reason.c_str());
+  return -1;
+}
+
+gssize takeOutput(ClientFilter& filter, void* buffer, gsize size) {
+  std::string& output = filter.output();
+  const gsize count = std::min(size, output.size());
+  std::memcpy(buffer, output.data(), count);
+  output.erase(0, count);
+  return static_cast<gssize>(count);
+}
+
+// Reads a piece at most, however much a client sends: others wait for the same thread.
+gssize readNonblocking(GPollableInputStream* input, void* buffer, gsize size, GError** error) {
+  Link& link = *asInput(input)->link;
+  ClientFilter& filter = link.client->filter;
+  if (filter.output().empty() && !filter.refusal()) {
+    char bytes[4096];
+    g_autoptr(GError) failure = nullptr;
+    const gssize count = g_pollable_input_stream_read_nonblocking(baseOf(input), bytes,
+                                                                  sizeof(bytes), nullptr, &failure);
+    if (count > 0) {
+      filter.push({bytes, static_cast<std::size_t>(count)}, steady_clock::now());
+      noteActivity(link);
+    } else if (count == 0) {
+      return 0;
+    } else if (!g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
+      g_propagate_error(error, g_steal_pointer(&failure));
+      return -1;
+    }
+    filter.checkTime(steady_clock::now());
+  }
+  if (!filter.output().empty()) {
+    return takeOutput(filter, buffer, size);
+  }
+  if (filter.refusal()) {
+    return endRefused(link, error);
+  }
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, "nothing complete has come");
+  return -1;
+}
+
+gssize readBlocking(GInputStream* /*input*/, void* /*buffer*/, gsize /*size*/,
+                    GCancellable* /*cancellable*/, GError** error) {
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "the library does not wait");
+  return -1;
+}
+
+// Ready when the filter has something, when the base stream is, and at the filter's deadline.
+struct Source {
+  GSource parent;
+  Input* input;
+};
+
+gboolean checkSource(GSource* source) {
+  Input* const input = reinterpret_cast<Source*>(source)->input;
+  const auto deadline = input->link->client->filter.deadline();
+  return static_cast<gboolean>(isReadable(G_POLLABLE_INPUT_STREAM(input)) ||
+                               (deadline && steady_clock::now() >= *deadline));
+}
+
+gboolean prepareSource(GSource* source, gint* timeout) {
+  const auto deadline = reinterpret_cast<Source*>(source)->input->link->client->filter.deadline();
+  *timeout = -1;
+  if (deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - steady_clock::now());
+    *timeout = static_cast<gint>(std::max(left.count(), std::chrono::milliseconds::rep{0}));
+  }
+  return checkSource(source);
+}
+
+gboolean dispatchSource(GSource* source, GSourceFunc callback, gpointer data) {
+  const auto call = reinterpret_cast<GPollableSourceFunc>(reinterpret_cast<void (*)()>(callback));
+  return call(G_OBJECT(reinterpret_cast<Source*>(source)->input), data);
+}
+
+void finalizeSource(GSource* source) {
+  g_object_unref(reinterpret_cast<Source*>(source)->input);
+}
+
+GSource* createSource(GPollableInputStream* input, GCancellable* cancellable) {
+  static GSourceFuncs functions = {prepareSource,  checkSource, dispatchSource,
+                                   finalizeSource, nullptr,     nullptr};
+  GSource* const source = g_source_new(&functions, sizeof(Source));
+  reinterpret_cast<Source*>(source)->input = asInput(g_object_ref(input));
+  g_autoptr(GSource) base = g_pollable_input_stream_create_source(baseOf(input), cancellable);
+  g_source_set_dummy_callback(base);
+  g_source_add_child_source(source, base);
+  return source;
+}
+
+void setUpPollable(gpointer interface, gpointer /*unused*/) {
+  auto* const pollable = static_cast<GPollableInputStreamInterface*>(interface);
+  pollable->is_readable = isReadable;
+  pollable->create_source = createSource;
+  pollable->read_nonblocking = readNonblocking;
+}
+
+void setUpInput(gpointer type, gpointer /*unused*/) {
+  G_INPUT_STREAM_CLASS(type)->read_fn = readBlocking;
+}
+
+GType inputType() {
+  static const GType kType = [] {
+    const GType type = g_type_register_static_simple(
+        G_TYPE_FILTER_INPUT_STREAM, "StationRtspInput", sizeof(GFilterInputStreamClass), setUpInput,
+        sizeof(Input), nullptr, static_cast<GTypeFlags>(0));
+    const GInterfaceInfo pollable = {setUpPollable, nullptr, nullptr};
+    g_type_add_interface_static(type, G_TYPE_POLLABLE_INPUT_STREAM, &pollable);
+    return type;
+  }();
+  return kType;
+}
+
+// The streams of a connection, as its data.
+struct Streams {
+  Link* link;
+  GIOStream* tls;  // over another connection of the same socket, or null
+  GInputStream* input;
+};
+
+GIOStreamClass* originalClass() {
+  static gpointer const kClass = g_type_class_ref(G_TYPE_SOCKET_CONNECTION);
+  return G_IO_STREAM_CLASS(kClass);
+}
+
+// Shuts the socket down first: TLS would wait for the client, to say goodbye to it.
+void dropStreams(gpointer data) {
+  auto* const streams = static_cast<Streams*>(data);
+  g_socket_shutdown(streams->link->socket, TRUE, TRUE, nullptr);
+  g_clear_object(&streams->tls);
+  g_object_unref(streams->input);
+  delete streams;
+}
+
+Streams* makeStreams(GIOStream* connection, Link& link) {
+  GIOStream* tls = nullptr;
+  if (link.client->certificate != nullptr) {
+    g_autoptr(GIOStream) plain =
+        G_IO_STREAM(g_object_new(G_TYPE_SOCKET_CONNECTION, "socket", link.socket, nullptr));
+    tls = g_tls_server_connection_new(plain, link.client->certificate, nullptr);
+    g_tls_connection_set_require_close_notify(G_TLS_CONNECTION(tls), FALSE);
+  }
+  link.output = tls != nullptr ? g_io_stream_get_output_stream(tls)
+                               : originalClass()->get_output_stream(connection);
+  GInputStream* const base = tls != nullptr ? g_io_stream_get_input_stream(tls)
+                                            : originalClass()->get_input_stream(connection);
+  auto* const input = G_INPUT_STREAM(g_object_new(inputType(), "base-stream", base, nullptr));
+  asInput(input)->link = &link;
+  return new Streams{&link, tls, input};
+}
+
+// Null for a socket without a link.
+Streams* streamsOf(GIOStream* connection) {
+  Link* const link = linkOf(g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection)));
+  auto* streams = static_cast<Streams*>(g_object_get_data(G_OBJECT(connection), kKey));
+  if (link != nullptr && streams == nullptr) {
+    streams = makeStreams(connection, *link);
+    g_object_set_data_full(G_OBJECT(connection), kKey, streams, dropStreams);
+  }
+  return streams;
+}
+
+GInputStream* getInput(GIOStream* connection) {
+  Streams* const streams = streamsOf(connection);
+  return streams != nullptr ? streams->input : originalClass()->get_input_stream(connection);
+}
+
+GOutputStream* getOutput(GIOStream* connection) {
+  Streams* const streams = streamsOf(connection);
+  return streams != nullptr ? streams->link->output
+                            : originalClass()->get_output_stream(connection);
+}
+
+// The library makes a GTcpConnection from its socket. In GLib up to 2.74 at least, registering
+// another class for TCP sockets with GIO's factory frees the entry that it is about to use.
+void replaceStreams() {
+  auto* const type = G_IO_STREAM_CLASS(g_type_class_ref(G_TYPE_TCP_CONNECTION));
+  type->get_input_stream = getInput;
+  type->get_output_stream = getOutput;
+}
+
+}  // namespace
+
+void attachLink(GSocket* socket, std::unique_ptr<ClientLink> link) {
+  static std::once_flag replaced;
+  std::call_once(replaced, replaceStreams);
+  g_object_set_data_full(G_OBJECT(socket), kKey, new Link{std::move(link), socket, nullptr, {}},
+                         [](gpointer data) { delete static_cast<Link*>(data); });
+}
+
+const std::string& ownerOf(GSocket* socket) {
+  return linkOf(socket)->client->filter.owner();
+}
+
+}  // namespace station
