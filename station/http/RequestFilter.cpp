@@ -13,9 +13,10 @@ namespace {
 
 struct RequestFilter {
   GObject object;
-  GSocket* socket;  // owned by the object's data
-  char line[64];    // beginning of the current line
-  gsize length;     // of that
+  GSocket* socket;        // owned by the object's data
+  GOutputStream* output;  // likewise
+  char line[64];          // beginning of the current line
+  gsize length;           // of that
   gboolean ended;
 };
 
@@ -75,7 +76,8 @@ std::string refusal() {
 
 GConverterResult refuse(const RequestFilter& filter, GError** error) {
   const std::string answer = refusal();
-  g_socket_send_with_blocking(filter.socket, answer.data(), answer.size(), FALSE, nullptr, nullptr);
+  g_pollable_output_stream_write_nonblocking(G_POLLABLE_OUTPUT_STREAM(filter.output),
+                                             answer.data(), answer.size(), nullptr, nullptr);
   station::Client::disconnect(filter.socket, "its request may have a body");
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
   return G_CONVERTER_ERROR;
@@ -128,23 +130,75 @@ GType filterType() {
   return kType;
 }
 
+GIOStream* baseOf(GSocketConnection* connection, GTlsCertificate* certificate) {
+  if (certificate == nullptr) {
+    return G_IO_STREAM(g_object_ref(connection));
+  }
+  GIOStream* const tls = g_tls_server_connection_new(G_IO_STREAM(connection), certificate, nullptr);
+  g_tls_connection_set_require_close_notify(G_TLS_CONNECTION(tls), FALSE);
+  return tls;
+}
+
+// A client's stream: TLS or its connection, with a filtered input.
+struct Stream {
+  GIOStream parent;
+  GSocket* socket;
+  GIOStream* base;
+  GInputStream* input;
+};
+
+Stream* asStream(gpointer object) {
+  return static_cast<Stream*>(object);
+}
+
+// At once: TLS would wait for a client that does not read, to say goodbye to it.
+gboolean closeStream(GIOStream* stream, GCancellable* /*cancellable*/, GError** error) {
+  return g_socket_shutdown(asStream(stream)->socket, TRUE, TRUE, error);
+}
+
+void finalizeStream(GObject* object) {
+  Stream* const stream = asStream(object);
+  g_object_unref(stream->input);
+  g_object_unref(stream->base);
+  g_object_unref(stream->socket);
+  G_OBJECT_CLASS(g_type_class_peek_static(G_TYPE_IO_STREAM))->finalize(object);
+}
+
+void setUpStream(gpointer type, gpointer /*unused*/) {
+  G_OBJECT_CLASS(type)->finalize = finalizeStream;
+  auto* const stream = G_IO_STREAM_CLASS(type);
+  stream->close_fn = closeStream;
+  stream->get_input_stream = [](GIOStream* self) { return asStream(self)->input; };
+  stream->get_output_stream = [](GIOStream* self) {
+    return g_io_stream_get_output_stream(asStream(self)->base);
+  };
+}
+
+GType streamType() {
+  static const GType kType = g_type_register_static_simple(
+      G_TYPE_IO_STREAM, "StationHttpStream", sizeof(GIOStreamClass), setUpStream, sizeof(Stream),
+      nullptr, static_cast<GTypeFlags>(0));
+  return kType;
+}
+
 }  // namespace
 
 namespace station {
 
-GIOStream* filterHttpRequests(GSocketConnection* connection) {
+GIOStream* filterHttpRequests(GSocketConnection* connection, GTlsCertificate* certificate) {
   GSocket* const socket = g_socket_connection_get_socket(connection);
+  auto* const stream = static_cast<Stream*>(g_object_new(streamType(), nullptr));
+  stream->socket = G_SOCKET(g_object_ref(socket));
+  stream->base = baseOf(connection, certificate);
+  GOutputStream* const output = g_io_stream_get_output_stream(stream->base);
   g_autoptr(GObject) filter = G_OBJECT(g_object_new(filterType(), nullptr));
   reinterpret_cast<RequestFilter*>(filter)->socket = socket;
+  reinterpret_cast<RequestFilter*>(filter)->output = output;
   g_object_set_data_full(filter, "station-socket", g_object_ref(socket), g_object_unref);
-  g_autoptr(GInputStream) input = g_converter_input_stream_new(
-      g_io_stream_get_input_stream(G_IO_STREAM(connection)), G_CONVERTER(filter));
-  GIOStream* const stream =
-      g_simple_io_stream_new(input, g_io_stream_get_output_stream(G_IO_STREAM(connection)));
-  // The socket closes with its connection.
-  g_object_set_data_full(G_OBJECT(stream), "station-connection", g_object_ref(connection),
-                         g_object_unref);
-  return stream;
+  g_object_set_data_full(filter, "station-output", g_object_ref(output), g_object_unref);
+  stream->input =
+      g_converter_input_stream_new(g_io_stream_get_input_stream(stream->base), G_CONVERTER(filter));
+  return G_IO_STREAM(stream);
 }
 
 }  // namespace station

@@ -9,8 +9,8 @@ namespace station {
 // rejects, before any signal. Answers such requests, which have no use here, with 501 before
 // libsoup reads them.
 //
-// Returns a stream that keeps the connection open while it lives; the caller owns it.
-// Threads: the main context's.
-GIOStream* filterHttpRequests(GSocketConnection* connection);
+// Reads and writes through TLS if there is a certificate. Returns a stream that keeps the
+// connection open while it lives; the caller owns it. Threads: the main context's.
+GIOStream* filterHttpRequests(GSocketConnection* connection, GTlsCertificate* certificate);
 
 }  // namespace station

@@ -105,7 +105,7 @@ void HttpServer::accept(GSocketConnection* connection) {
   GSocket* const socket = g_socket_connection_get_socket(connection);
   Client::noteActivity(socket);
   setSocket(remote, socket);
-  g_autoptr(GIOStream) stream = filterHttpRequests(connection);
+  g_autoptr(GIOStream) stream = filterHttpRequests(connection, options_.certificate.get());
   soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
 }
 

@@ -89,8 +89,12 @@ void RtspServer::addCamera() {
   GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
   gst_rtsp_media_factory_set_launch(factory, description_.c_str());
   gst_rtsp_media_factory_set_shared(factory, TRUE);
+  // RTP over UDP would be in the clear.
   gst_rtsp_media_factory_set_protocols(
-      factory, static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
+      factory,
+      options_.certificate != nullptr
+          ? GST_RTSP_LOWER_TRANS_TCP
+          : static_cast<GstRTSPLowerTrans>(GST_RTSP_LOWER_TRANS_UDP | GST_RTSP_LOWER_TRANS_TCP));
   g_signal_connect_data(factory, "media-configure", G_CALLBACK(guarded<onMedia>),
                         new FeedsPtr(feeds_), dropFeeds, static_cast<GConnectFlags>(0));
   restrictPorts(factory);

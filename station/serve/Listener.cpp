@@ -2,6 +2,9 @@
 
 #include <utility>
 
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -31,6 +34,32 @@ void reserveDescriptors(unsigned int connections) {
                                             std::to_string(limit.rlim_max) +
                                             ": lower --max-clients or raise the limit (ulimit -n)");
   }
+}
+
+// This machine's first one of that family that is not only its own, or `any`.
+GstPtr<GInetAddress> reachableAddress(GInetAddress* any) {
+  GstPtr<GInetAddress> found(G_INET_ADDRESS(g_object_ref(any)));
+  struct ifaddrs* all = nullptr;
+  if (getifaddrs(&all) != 0) {
+    return found;
+  }
+  for (const struct ifaddrs* item = all; item != nullptr; item = item->ifa_next) {
+    if (item->ifa_addr == nullptr || (item->ifa_flags & (IFF_UP | IFF_LOOPBACK)) != IFF_UP ||
+        item->ifa_addr->sa_family != g_inet_address_get_family(any)) {
+      continue;
+    }
+    const GstPtr<GSocketAddress> address(g_socket_address_new_from_native(
+        item->ifa_addr, item->ifa_addr->sa_family == AF_INET6 ? sizeof(struct sockaddr_in6)
+                                                              : sizeof(struct sockaddr_in)));
+    GInetAddress* const host =
+        g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(address.get()));
+    if (!g_inet_address_get_is_link_local(host)) {
+      found.reset(G_INET_ADDRESS(g_object_ref(host)));
+      break;
+    }
+  }
+  freeifaddrs(all);
+  return found;
 }
 
 }  // namespace
@@ -93,9 +122,13 @@ gboolean Listener::onIncoming(GSocketService* /*service*/, GSocketConnection* co
 }
 
 std::string Listener::authority() const {
-  GInetAddress* const host = g_inet_socket_address_get_address(address_.get());
-  g_autofree gchar* text = g_inet_address_to_string(host);
-  const bool bracketed = g_inet_address_get_family(host) == G_SOCKET_FAMILY_IPV6;
+  GstPtr<GInetAddress> host(
+      G_INET_ADDRESS(g_object_ref(g_inet_socket_address_get_address(address_.get()))));
+  if (g_inet_address_get_is_any(host.get())) {
+    host = reachableAddress(host.get());
+  }
+  g_autofree gchar* text = g_inet_address_to_string(host.get());
+  const bool bracketed = g_inet_address_get_family(host.get()) == G_SOCKET_FAMILY_IPV6;
   return (bracketed ? "[" + std::string(text) + "]" : std::string(text)) + ":" +
          std::to_string(g_inet_socket_address_get_port(address_.get()));
 }

@@ -36,7 +36,7 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  // "127.0.0.1:8080", "[::1]:8080"
+  // "127.0.0.1:8080", "[::1]:8080"; of all addresses, one that others reach, if there is any.
   std::string authority() const;
   bool isLoopback() const;
   unsigned int connections() const;

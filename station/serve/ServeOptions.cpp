@@ -19,6 +19,11 @@ void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
           "or "
           "of USER, the first line of FILE")
       ->type_name("[USER:]FILE");
+  command
+      .add_option_function<std::string>(
+          "--tls", [this](const std::string& text) { certificate = certificateFromOption(text); },
+          "CERT:KEY, two PEM files, to serve over TLS only")
+      ->type_name("CERT:KEY");
   command.add_option("--max-clients", maxClients, "Clients that may watch at once")
       ->check(CLI::Range(1U, 10000U))
       ->capture_default_str();

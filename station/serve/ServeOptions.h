@@ -11,6 +11,7 @@
 #include "base/Options.h"
 #include "camera/CameraOptions.h"
 #include "serve/Credentials.h"
+#include "serve/Tls.h"
 
 namespace station {
 
@@ -20,6 +21,7 @@ struct ServeOptions {
   std::string address = "127.0.0.1";  // numeric
   std::uint16_t port = 0;             // 0: any free one
   std::optional<Credentials> credentials;
+  TlsCertificate certificate;  // null: no TLS
   unsigned int maxClients = 32;
   bool quiet = false;  // no log of clients and camera
   // HTTP only

@@ -1,0 +1,21 @@
+#include "serve/Tls.h"
+
+#include "base/StationError.h"
+
+namespace station {
+
+TlsCertificate certificateFromOption(const std::string& files) {
+  const std::size_t colon = files.find(':');
+  if (colon == std::string::npos) {
+    throw StationError(ExitCode::Usage, "--tls takes CERT:KEY, not \"" + files + "\"");
+  }
+  g_autoptr(GError) error = nullptr;
+  GTlsCertificate* const certificate = g_tls_certificate_new_from_files(
+      files.substr(0, colon).c_str(), files.substr(colon + 1).c_str(), &error);
+  if (certificate == nullptr) {
+    throw StationError(ExitCode::Usage, "cannot use " + files + " for TLS: " + error->message);
+  }
+  return {certificate, g_object_unref};
+}
+
+}  // namespace station
