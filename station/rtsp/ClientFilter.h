@@ -40,6 +40,7 @@ class ClientFilter {
   std::optional<TimePoint> deadline() const;
   // What the library may read; the caller removes it.
   std::string& output() { return output_; }
+  const std::string& output() const { return output_; }
   // The connection's, or the tunnel's.
   const std::string& owner() const { return owner_; }
   // Whether interleaved data has come since the last call.

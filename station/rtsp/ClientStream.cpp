@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include "serve/Client.h"
 
@@ -11,6 +12,8 @@ namespace {
 
 constexpr const char* kKey = "station-rtsp-link";
 constexpr std::chrono::seconds kActivityInterval{1};
+constexpr std::chrono::seconds kMostBusy{2};
+constexpr gint kBusyCheckMilliseconds = 5;
 
 using std::chrono::steady_clock;
 
@@ -19,6 +22,7 @@ struct Link {
   GSocket* socket;        // whose data this is
   GOutputStream* output;  // the connection's, while that lives
   steady_clock::time_point active;
+  std::optional<steady_clock::time_point> heldSince;
 };
 
 Link* linkOf(GSocket* socket) {
@@ -40,9 +44,22 @@ GPollableInputStream* baseOf(gpointer input) {
       g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(input)));
 }
 
+// Whether what has come has to wait.
+bool isHeld(Link& link) {
+  if (link.client->filter.output().empty() || !link.client->isBusy()) {
+    link.heldSince.reset();
+    return false;
+  }
+  const steady_clock::time_point now = steady_clock::now();
+  link.heldSince = link.heldSince.value_or(now);
+  return now - *link.heldSince < kMostBusy;
+}
+
 gboolean isReadable(GPollableInputStream* input) {
-  ClientFilter& filter = asInput(input)->link->client->filter;
-  return static_cast<gboolean>(!filter.output().empty() || filter.refusal().has_value());
+  Link& link = *asInput(input)->link;
+  const ClientFilter& filter = link.client->filter;
+  return static_cast<gboolean>(filter.output().empty() ? filter.refusal().has_value()
+                                                       : !isHeld(link));
 }
 
 void noteActivity(Link& link) {
@@ -94,10 +111,10 @@ gssize readNonblocking(GPollableInputStream* input, void* buffer, gsize size, GE
     }
     filter.checkTime(steady_clock::now());
   }
-  if (!filter.output().empty()) {
+  if (!filter.output().empty() && !isHeld(link)) {
     return takeOutput(filter, buffer, size);
   }
-  if (filter.refusal()) {
+  if (filter.output().empty() && filter.refusal()) {
     return endRefused(link, error);
   }
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, "nothing complete has come");
@@ -124,11 +141,15 @@ gboolean checkSource(GSource* source) {
 }
 
 gboolean prepareSource(GSource* source, gint* timeout) {
-  const auto deadline = reinterpret_cast<Source*>(source)->input->link->client->filter.deadline();
+  Link& link = *reinterpret_cast<Source*>(source)->input->link;
+  const auto deadline = link.client->filter.deadline();
   *timeout = -1;
   if (deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - steady_clock::now());
     *timeout = static_cast<gint>(std::max(left.count(), std::chrono::milliseconds::rep{0}));
+  }
+  if (isHeld(link)) {
+    *timeout = kBusyCheckMilliseconds;
   }
   return checkSource(source);
 }
@@ -249,7 +270,7 @@ void replaceStreams() {
 void attachLink(GSocket* socket, std::unique_ptr<ClientLink> link) {
   static std::once_flag replaced;
   std::call_once(replaced, replaceStreams);
-  g_object_set_data_full(G_OBJECT(socket), kKey, new Link{std::move(link), socket, nullptr, {}},
+  g_object_set_data_full(G_OBJECT(socket), kKey, new Link{std::move(link), socket, nullptr, {}, {}},
                          [](gpointer data) { delete static_cast<Link*>(data); });
 }
 

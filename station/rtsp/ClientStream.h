@@ -13,7 +13,8 @@ namespace station {
 // What stands between a client's socket and the RTSP library.
 struct ClientLink {
   ClientFilter filter;
-  GTlsCertificate* certificate;                              // null: no TLS; outlives the client
+  GTlsCertificate* certificate;  // null: no TLS; outlives the client
+  std::function<bool()> isBusy;  // requests wait meanwhile, for 2 s at most
   std::function<void(const std::string& owner)> onActivity;  // at most once a second
 };
 

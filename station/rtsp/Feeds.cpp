@@ -17,15 +17,25 @@ class RtspFeeds::Key {
   Key(std::shared_ptr<RtspFeeds> feeds, GstRTSPMedia* media)
       : feeds_(std::move(feeds)), media_(media) {}
   ~Key() {
+    if (isEnding_) {
+      --feeds_->ending_;
+    }
     const std::lock_guard lock(feeds_->mutex_);
     feeds_->feeds_.erase(media_);
   }
   Key(const Key&) = delete;
   Key& operator=(const Key&) = delete;
 
+  void noteEnding() {
+    if (!isEnding_.exchange(true)) {
+      ++feeds_->ending_;
+    }
+  }
+
  private:
   const std::shared_ptr<RtspFeeds> feeds_;
   GstRTSPMedia* const media_;
+  std::atomic<bool> isEnding_{false};
 };
 
 void RtspFeeds::add(GstRTSPMedia* media) {
@@ -39,7 +49,16 @@ void RtspFeeds::add(GstRTSPMedia* media) {
   }
   g_object_set_data_full(G_OBJECT(media), kFeedKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });
-  g_signal_connect(media, "unprepared", G_CALLBACK(guarded<onUnprepared>), nullptr);
+  g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), nullptr);
+  // After the factory's own handler, which forgets the media.
+  g_signal_connect_after(media, "unprepared", G_CALLBACK(guarded<onUnprepared>), nullptr);
+}
+
+void RtspFeeds::onTargetState(GstRTSPMedia* media, int state, gpointer /*unused*/) {
+  auto* const key = static_cast<Key*>(g_object_get_data(G_OBJECT(media), kFeedKey));
+  if (state == GST_STATE_NULL && key != nullptr) {
+    key->noteEnding();
+  }
 }
 
 void RtspFeeds::close() {

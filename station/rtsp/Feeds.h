@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,15 +27,19 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
   void add(GstRTSPMedia* media);
   // Ends all feeds.
   void close();
+  // Whether a media is on its way to unprepared: the library refuses requests for it meanwhile.
+  bool isMediaEnding() const { return ending_ > 0; }
 
  private:
   class Key;
+  static void onTargetState(GstRTSPMedia* media, int state, gpointer unused);
   static void onUnprepared(GstRTSPMedia* media, gpointer unused);
 
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
   std::mutex mutex_;
   bool closed_ = false;
+  std::atomic<unsigned int> ending_{0};
   std::map<GstRTSPMedia*, std::unique_ptr<CameraFeed>> feeds_;
 };
 

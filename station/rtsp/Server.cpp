@@ -143,7 +143,7 @@ std::unique_ptr<ClientLink> RtspServer::makeLink() {
       GST_RTSP_SESSION_POOL(g_object_ref(sessions_.get())), g_object_unref);
   return std::unique_ptr<ClientLink>(new ClientLink{
       ClientFilter(std::to_string(++accepted_), listener_.connections() <= options_.maxClients),
-      options_.certificate.get(),
+      options_.certificate.get(), [feeds = feeds_] { return feeds->isMediaEnding(); },
       [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }});
 }
 
