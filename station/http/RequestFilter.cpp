@@ -130,7 +130,7 @@ GType filterType() {
   return kType;
 }
 
-GIOStream* baseOf(GSocketConnection* connection, GTlsCertificate* certificate) {
+GIOStream* throughTls(GSocketConnection* connection, GTlsCertificate* certificate) {
   if (certificate == nullptr) {
     return G_IO_STREAM(g_object_ref(connection));
   }
@@ -140,24 +140,24 @@ GIOStream* baseOf(GSocketConnection* connection, GTlsCertificate* certificate) {
 }
 
 // A client's stream: TLS or its connection, with a filtered input.
-struct Stream {
+struct ClientStream {
   GIOStream parent;
   GSocket* socket;
   GIOStream* base;
   GInputStream* input;
 };
 
-Stream* asStream(gpointer object) {
-  return static_cast<Stream*>(object);
+ClientStream* asClientStream(gpointer object) {
+  return static_cast<ClientStream*>(object);
 }
 
 // At once: TLS would wait for a client that does not read, to say goodbye to it.
 gboolean closeStream(GIOStream* stream, GCancellable* /*cancellable*/, GError** error) {
-  return g_socket_shutdown(asStream(stream)->socket, TRUE, TRUE, error);
+  return g_socket_shutdown(asClientStream(stream)->socket, TRUE, TRUE, error);
 }
 
 void finalizeStream(GObject* object) {
-  Stream* const stream = asStream(object);
+  ClientStream* const stream = asClientStream(object);
   g_object_unref(stream->input);
   g_object_unref(stream->base);
   g_object_unref(stream->socket);
@@ -168,16 +168,16 @@ void setUpStream(gpointer type, gpointer /*unused*/) {
   G_OBJECT_CLASS(type)->finalize = finalizeStream;
   auto* const stream = G_IO_STREAM_CLASS(type);
   stream->close_fn = closeStream;
-  stream->get_input_stream = [](GIOStream* self) { return asStream(self)->input; };
+  stream->get_input_stream = [](GIOStream* self) { return asClientStream(self)->input; };
   stream->get_output_stream = [](GIOStream* self) {
-    return g_io_stream_get_output_stream(asStream(self)->base);
+    return g_io_stream_get_output_stream(asClientStream(self)->base);
   };
 }
 
 GType streamType() {
   static const GType kType = g_type_register_static_simple(
-      G_TYPE_IO_STREAM, "StationHttpStream", sizeof(GIOStreamClass), setUpStream, sizeof(Stream),
-      nullptr, static_cast<GTypeFlags>(0));
+      G_TYPE_IO_STREAM, "StationHttpStream", sizeof(GIOStreamClass), setUpStream,
+      sizeof(ClientStream), nullptr, static_cast<GTypeFlags>(0));
   return kType;
 }
 
@@ -187,9 +187,9 @@ namespace station {
 
 GIOStream* filterHttpRequests(GSocketConnection* connection, GTlsCertificate* certificate) {
   GSocket* const socket = g_socket_connection_get_socket(connection);
-  auto* const stream = static_cast<Stream*>(g_object_new(streamType(), nullptr));
+  auto* const stream = static_cast<ClientStream*>(g_object_new(streamType(), nullptr));
   stream->socket = G_SOCKET(g_object_ref(socket));
-  stream->base = baseOf(connection, certificate);
+  stream->base = throughTls(connection, certificate);
   GOutputStream* const output = g_io_stream_get_output_stream(stream->base);
   g_autoptr(GObject) filter = G_OBJECT(g_object_new(filterType(), nullptr));
   reinterpret_cast<RequestFilter*>(filter)->socket = socket;

@@ -47,14 +47,14 @@ std::string_view trim(std::string_view text) {
 
 // A keyed hash, so that the ids of a tunnel's sessions do not tell its cookie.
 std::string tunnelOwner(std::string_view cookie) {
-  static const auto kKey = [] {
+  static const auto kHashKey = [] {
     std::array<std::random_device::result_type, 8> key{};
     std::random_device source;
     std::generate(key.begin(), key.end(), std::ref(source));
     return key;
   }();
   g_autofree gchar* hash = g_compute_hmac_for_data(
-      G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(kKey.data()), sizeof(kKey),
+      G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(kHashKey.data()), sizeof(kHashKey),
       reinterpret_cast<const guchar*>(cookie.data()), cookie.size());
   return std::string("t") + hash;
 }

@@ -10,7 +10,7 @@
 namespace station {
 namespace {
 
-constexpr const char* kKey = "station-rtsp-link";
+constexpr const char* kLinkKey = "station-rtsp-link";
 constexpr std::chrono::seconds kActivityInterval{1};
 constexpr std::chrono::seconds kMostBusy{2};
 constexpr gint kBusyCheckMilliseconds = 5;
@@ -26,20 +26,20 @@ struct Link {
 };
 
 Link* linkOf(GSocket* socket) {
-  return static_cast<Link*>(g_object_get_data(G_OBJECT(socket), kKey));
+  return static_cast<Link*>(g_object_get_data(G_OBJECT(socket), kLinkKey));
 }
 
 // A pollable stream of what the filter lets pass.
-struct Input {
+struct FilteredInput {
   GFilterInputStream parent;
   Link* link;
 };
 
-Input* asInput(gpointer object) {
-  return static_cast<Input*>(object);
+FilteredInput* asFilteredInput(gpointer object) {
+  return static_cast<FilteredInput*>(object);
 }
 
-GPollableInputStream* baseOf(gpointer input) {
+GPollableInputStream* baseStreamOf(gpointer input) {
   return G_POLLABLE_INPUT_STREAM(
       g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(input)));
 }
@@ -56,7 +56,7 @@ bool isHeld(Link& link) {
 }
 
 gboolean isReadable(GPollableInputStream* input) {
-  Link& link = *asInput(input)->link;
+  Link& link = *asFilteredInput(input)->link;
   const ClientFilter& filter = link.client->filter;
   return static_cast<gboolean>(filter.output().empty() ? filter.refusal().has_value()
                                                        : !isHeld(link));
@@ -93,12 +93,12 @@ gssize takeOutput(ClientFilter& filter, void* buffer, gsize size) {
 
 // Reads a piece at most, however much a client sends: others wait for the same thread.
 gssize readNonblocking(GPollableInputStream* input, void* buffer, gsize size, GError** error) {
-  Link& link = *asInput(input)->link;
+  Link& link = *asFilteredInput(input)->link;
   ClientFilter& filter = link.client->filter;
   if (filter.output().empty() && !filter.refusal()) {
     char bytes[4096];
     g_autoptr(GError) failure = nullptr;
-    const gssize count = g_pollable_input_stream_read_nonblocking(baseOf(input), bytes,
+    const gssize count = g_pollable_input_stream_read_nonblocking(baseStreamOf(input), bytes,
                                                                   sizeof(bytes), nullptr, &failure);
     if (count > 0) {
       filter.push({bytes, static_cast<std::size_t>(count)}, steady_clock::now());
@@ -128,20 +128,20 @@ gssize readBlocking(GInputStream* /*input*/, void* /*buffer*/, gsize /*size*/,
 }
 
 // Ready when the filter has something, when the base stream is, and at the filter's deadline.
-struct Source {
+struct InputSource {
   GSource parent;
-  Input* input;
+  FilteredInput* input;
 };
 
 gboolean checkSource(GSource* source) {
-  Input* const input = reinterpret_cast<Source*>(source)->input;
+  FilteredInput* const input = reinterpret_cast<InputSource*>(source)->input;
   const auto deadline = input->link->client->filter.deadline();
   return static_cast<gboolean>(isReadable(G_POLLABLE_INPUT_STREAM(input)) ||
                                (deadline && steady_clock::now() >= *deadline));
 }
 
 gboolean prepareSource(GSource* source, gint* timeout) {
-  Link& link = *reinterpret_cast<Source*>(source)->input->link;
+  Link& link = *reinterpret_cast<InputSource*>(source)->input->link;
   const auto deadline = link.client->filter.deadline();
   *timeout = -1;
   if (deadline) {
@@ -156,19 +156,19 @@ gboolean prepareSource(GSource* source, gint* timeout) {
 
 gboolean dispatchSource(GSource* source, GSourceFunc callback, gpointer data) {
   const auto call = reinterpret_cast<GPollableSourceFunc>(reinterpret_cast<void (*)()>(callback));
-  return call(G_OBJECT(reinterpret_cast<Source*>(source)->input), data);
+  return call(G_OBJECT(reinterpret_cast<InputSource*>(source)->input), data);
 }
 
 void finalizeSource(GSource* source) {
-  g_object_unref(reinterpret_cast<Source*>(source)->input);
+  g_object_unref(reinterpret_cast<InputSource*>(source)->input);
 }
 
 GSource* createSource(GPollableInputStream* input, GCancellable* cancellable) {
   static GSourceFuncs functions = {prepareSource,  checkSource, dispatchSource,
                                    finalizeSource, nullptr,     nullptr};
-  GSource* const source = g_source_new(&functions, sizeof(Source));
-  reinterpret_cast<Source*>(source)->input = asInput(g_object_ref(input));
-  g_autoptr(GSource) base = g_pollable_input_stream_create_source(baseOf(input), cancellable);
+  GSource* const source = g_source_new(&functions, sizeof(InputSource));
+  reinterpret_cast<InputSource*>(source)->input = asFilteredInput(g_object_ref(input));
+  g_autoptr(GSource) base = g_pollable_input_stream_create_source(baseStreamOf(input), cancellable);
   g_source_set_dummy_callback(base);
   g_source_add_child_source(source, base);
   return source;
@@ -189,7 +189,7 @@ GType inputType() {
   static const GType kType = [] {
     const GType type = g_type_register_static_simple(
         G_TYPE_FILTER_INPUT_STREAM, "StationRtspInput", sizeof(GFilterInputStreamClass), setUpInput,
-        sizeof(Input), nullptr, static_cast<GTypeFlags>(0));
+        sizeof(FilteredInput), nullptr, static_cast<GTypeFlags>(0));
     const GInterfaceInfo pollable = {setUpPollable, nullptr, nullptr};
     g_type_add_interface_static(type, G_TYPE_POLLABLE_INPUT_STREAM, &pollable);
     return type;
@@ -231,17 +231,17 @@ Streams* makeStreams(GIOStream* connection, Link& link) {
   GInputStream* const base = tls != nullptr ? g_io_stream_get_input_stream(tls)
                                             : originalClass()->get_input_stream(connection);
   auto* const input = G_INPUT_STREAM(g_object_new(inputType(), "base-stream", base, nullptr));
-  asInput(input)->link = &link;
+  asFilteredInput(input)->link = &link;
   return new Streams{&link, tls, input};
 }
 
 // Null for a socket without a link.
 Streams* streamsOf(GIOStream* connection) {
   Link* const link = linkOf(g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection)));
-  auto* streams = static_cast<Streams*>(g_object_get_data(G_OBJECT(connection), kKey));
+  auto* streams = static_cast<Streams*>(g_object_get_data(G_OBJECT(connection), kLinkKey));
   if (link != nullptr && streams == nullptr) {
     streams = makeStreams(connection, *link);
-    g_object_set_data_full(G_OBJECT(connection), kKey, streams, dropStreams);
+    g_object_set_data_full(G_OBJECT(connection), kLinkKey, streams, dropStreams);
   }
   return streams;
 }
@@ -270,7 +270,8 @@ void replaceStreams() {
 void attachLink(GSocket* socket, std::unique_ptr<ClientLink> link) {
   static std::once_flag replaced;
   std::call_once(replaced, replaceStreams);
-  g_object_set_data_full(G_OBJECT(socket), kKey, new Link{std::move(link), socket, nullptr, {}, {}},
+  g_object_set_data_full(G_OBJECT(socket), kLinkKey,
+                         new Link{std::move(link), socket, nullptr, {}, {}},
                          [](gpointer data) { delete static_cast<Link*>(data); });
 }
 

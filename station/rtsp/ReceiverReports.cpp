@@ -9,14 +9,14 @@
 namespace station {
 namespace {
 
-struct Sender {
+struct PacketSender {
   std::string host;
   int port;
 };
 
 GstRTSPFilterResult keepSession(GstRTSPStream* /*stream*/, GstRTSPStreamTransport* transport,
                                 gpointer data) {
-  const auto& sender = *static_cast<const Sender*>(data);
+  const auto& sender = *static_cast<const PacketSender*>(data);
   const GstRTSPTransport* const settings = gst_rtsp_stream_transport_get_transport(transport);
   if (sender.host == settings->destination && sender.port >= settings->client_port.min &&
       sender.port <= settings->client_port.max) {
@@ -32,7 +32,7 @@ GstPadProbeReturn onPacket(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer stre
   if (meta != nullptr && G_IS_INET_SOCKET_ADDRESS(meta->addr)) {
     GInetSocketAddress* const address = G_INET_SOCKET_ADDRESS(meta->addr);
     g_autofree gchar* host = g_inet_address_to_string(g_inet_socket_address_get_address(address));
-    Sender sender = {host, g_inet_socket_address_get_port(address)};
+    PacketSender sender = {host, g_inet_socket_address_get_port(address)};
     // Returns a list of those that keepSession() picks: none.
     g_list_free(gst_rtsp_stream_transport_filter(GST_RTSP_STREAM(stream), keepSession, &sender));
   }
@@ -40,7 +40,7 @@ GstPadProbeReturn onPacket(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer stre
 }
 
 // By then its stream is linked to the pipeline's rtpbin.
-void onPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
+void onMediaPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
   const GstPtr<GstElement> element(gst_rtsp_media_get_element(media));
   const GstPtr<GstObject> pipeline(gst_object_get_parent(GST_OBJECT(element.get())));
   g_autoptr(GstIterator) bins =
@@ -60,7 +60,7 @@ void onPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
 }  // namespace
 
 void dropReceiverReports(GstRTSPMedia* media) {
-  g_signal_connect(media, "prepared", G_CALLBACK(onPrepared), nullptr);
+  g_signal_connect(media, "prepared", G_CALLBACK(onMediaPrepared), nullptr);
 }
 
 }  // namespace station

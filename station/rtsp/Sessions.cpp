@@ -5,14 +5,14 @@
 namespace station {
 namespace {
 
-gchar* createId(GstRTSPSessionPool* /*pool*/) {
+gchar* createSessionId(GstRTSPSessionPool* /*pool*/) {
   GSocket* const socket = gst_rtsp_connection_get_read_socket(gst_rtsp_context_get_current()->conn);
   g_autofree gchar* random = g_uuid_string_random();
   return g_strdup((ownerOf(socket) + "-" + random).c_str());
 }
 
 void setUpPool(gpointer type, gpointer /*unused*/) {
-  GST_RTSP_SESSION_POOL_CLASS(type)->create_session_id = createId;
+  GST_RTSP_SESSION_POOL_CLASS(type)->create_session_id = createSessionId;
 }
 
 GType poolType() {
@@ -22,7 +22,8 @@ GType poolType() {
   return kType;
 }
 
-GstRTSPFilterResult touch(GstRTSPSessionPool* /*pool*/, GstRTSPSession* session, gpointer prefix) {
+GstRTSPFilterResult touchIfOwned(GstRTSPSessionPool* /*pool*/, GstRTSPSession* session,
+                                 gpointer prefix) {
   if (g_str_has_prefix(gst_rtsp_session_get_sessionid(session),
                        static_cast<const std::string*>(prefix)->c_str())) {
     gst_rtsp_session_touch(session);
@@ -40,8 +41,8 @@ GstRTSPSessionPool* newSessionPool(unsigned int maxSessions) {
 
 void touchSessions(GstRTSPSessionPool* pool, const std::string& owner) {
   std::string prefix = owner + "-";
-  // Returns a list of those that touch() picks: none.
-  g_list_free(gst_rtsp_session_pool_filter(pool, touch, &prefix));
+  // Returns a list of those that touchIfOwned() picks: none.
+  g_list_free(gst_rtsp_session_pool_filter(pool, touchIfOwned, &prefix));
 }
 
 }  // namespace station

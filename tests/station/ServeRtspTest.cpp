@@ -8,6 +8,8 @@
 #include <regex>
 #include <thread>
 
+#include <gio/gio.h>
+
 #include "Program.h"
 #include "Server.h"
 #include "support/Pipeline.h"
@@ -47,7 +49,7 @@ gsize largestPacket(const std::string& url) {
 class ServeRtsp : public testing::TestWithParam<std::tuple<std::string, std::string, std::string>> {
 };
 
-// Two clients for ten seconds, one a transport, while a third looks at packets and goes.
+// Three clients for ten seconds, one a transport, while another looks at packets and goes.
 TEST_P(ServeRtsp, SeveralClientsAtOnce) {
   const auto& [board, codec, ffmpegName] = GetParam();
   Server server("rtsp", {"--board", board, "--codec", codec, "--mtu", "700"});
@@ -55,10 +57,11 @@ TEST_P(ServeRtsp, SeveralClientsAtOnce) {
   server.awaitLine("camera runs");
   std::this_thread::sleep_for(std::chrono::seconds(1));
   auto udp = std::async(std::launch::async, framesReceived, server.url(), "udp", ffmpegName);
+  auto tunnel = std::async(std::launch::async, framesReceived, server.url(), "http", ffmpegName);
   const gsize largest = largestPacket(server.url());
   EXPECT_LE(largest, 700U);
   EXPECT_GT(largest, 690U);
-  for (const int frames : {tcp.get(), udp.get()}) {
+  for (const int frames : {tcp.get(), udp.get(), tunnel.get()}) {
     EXPECT_LE(frames, 10 * 30 + 12);
     EXPECT_GE(frames, (10 * 30 - 30) * kLeastShare);  // from a key picture on
   }
@@ -69,5 +72,29 @@ INSTANTIATE_TEST_SUITE_P(Codecs, ServeRtsp,
                          testing::Values(std::tuple{"imx", "h264", "h264"},
                                          std::tuple{"nvidia", "h265", "hevc"}),
                          [](const auto& instance) { return std::get<1>(instance.param); });
+
+// Status line of one request over a connection of its own.
+std::string statusOf(const std::string& url, const std::string& method) {
+  const std::string request = method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+  g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_autoptr(GSocketConnection) connection =
+      g_socket_client_connect_to_uri(client, url.c_str(), 0, nullptr, nullptr);
+  g_output_stream_write_all(g_io_stream_get_output_stream(G_IO_STREAM(connection)), request.data(),
+                            request.size(), nullptr, nullptr, nullptr);
+  char answer[64] = {};
+  g_input_stream_read(g_io_stream_get_input_stream(G_IO_STREAM(connection)), answer,
+                      sizeof(answer) - 1, nullptr, nullptr);
+  const std::string text = answer;
+  return text.substr(0, text.find('\r'));
+}
+
+// Each client finds the stream of the one before on its way to its end.
+TEST(ServeRtspOnce, DescribesWhileTheStreamEnds) {
+  Server server("rtsp", {"--board", "imx"});
+  for (int i = 0; i < 12; ++i) {
+    EXPECT_EQ(statusOf(server.url(), "DESCRIBE"), "RTSP/1.0 200 OK");
+  }
+  server.stop();
+}
 
 }  // namespace

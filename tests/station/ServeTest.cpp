@@ -34,6 +34,8 @@ TEST(Serve, FailuresAreOneLine) {
       {{clip, "--auth", "/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:" + folder / "empty"}, 2, "no password on the first line of "},
+      {{clip, "--tls", "cert"}, 2, "--tls takes CERT:KEY, not \"cert\""},
+      {{clip, "--tls", "/nowhere:/nowhere"}, 2, "cannot use /nowhere:/nowhere for TLS: "},
   };
   const Result path = run(station({"serve", "rtsp", clip, "--board", "imx", "--path", "door"}));
   EXPECT_EQ(path.exitCode, 2);
@@ -139,6 +141,39 @@ TEST(Serve, WarnsOfAPasswordThatOthersMayRead) {
     EXPECT_EQ(status("me:secret", server.url()), "200");
     EXPECT_EQ(server.stop().find("warning: other users may read") != std::string::npos, isOpen);
   }
+}
+
+TEST(Serve, TlsIsForAll) {
+  const TempFolder folder;
+  const std::string certificate = folder / "cert.pem";
+  const std::string key = folder / "key.pem";
+  run({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=a", "-addext",
+       "subjectAltName=IP:127.0.0.1", "-keyout", key, "-out", certificate});
+  const std::vector<std::string> options = {"--board", "imx", "--tls", certificate + ":" + key};
+  Server rtsp("rtsp", options);
+  Server http("http", options);
+  for (const bool isSecure : {true, false}) {
+    const std::string scheme = isSecure ? "s://" : "://";
+    const Result page = run({"curl", "-s", "--cacert", certificate, "-o", "/dev/null", "-w",
+                             "%{http_code}", "http" + scheme + http.url().substr(8) + "/"});
+    EXPECT_EQ(page.out, isSecure ? "200" : "000");
+    const Result stream =
+        run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-show_entries",
+             "stream=codec_name", "-of", "csv=p=0", "rtsp" + scheme + rtsp.url().substr(8)});
+    EXPECT_EQ(stream.out, isSecure ? "h264\n" : "") << stream.err;
+  }
+  rtsp.stop();
+  http.stop();
+}
+
+TEST(Serve, PrintsAnAddressThatOthersReach) {
+  const std::string own = run({"hostname", "-I"}).out;
+  Server server("http", {"--board", "imx", "--bind", "0.0.0.0"});
+  EXPECT_EQ(server.url().find("0.0.0.0") == std::string::npos, own.find('.') != std::string::npos)
+      << server.url() << " " << own;
+  EXPECT_EQ(run({"curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", server.url() + "/"}).out,
+            "200");
+  server.stop();
 }
 
 TEST(Serve, CameraRunsOnlyWhileSomebodyWatches) {

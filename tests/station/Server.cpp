@@ -19,7 +19,7 @@ Server::Server(const std::string& kind, const std::vector<std::string>& more)
                        more)) {
   const std::string line = program_.readLine();
   std::smatch match;
-  if (!std::regex_search(line, match, std::regex("(rtsp|http)://[0-9.:]+(/\\w+)?"))) {
+  if (!std::regex_search(line, match, std::regex("(rtsp|http)s?://[0-9.:]+(/\\w+)?"))) {
     ADD_FAILURE() << "the server says: " << line << program_.wait().err;
   }
   url_ = match[0];
