@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 
+#include "base/Callback.h"
 #include "serve/Client.h"
 
 namespace station {
@@ -176,9 +177,9 @@ GSource* createSource(GPollableInputStream* input, GCancellable* cancellable) {
 
 void setUpPollable(gpointer interface, gpointer /*unused*/) {
   auto* const pollable = static_cast<GPollableInputStreamInterface*>(interface);
-  pollable->is_readable = isReadable;
+  pollable->is_readable = guarded<isReadable>;
   pollable->create_source = createSource;
-  pollable->read_nonblocking = readNonblocking;
+  pollable->read_nonblocking = guarded<readNonblocking>;
 }
 
 void setUpInput(gpointer type, gpointer /*unused*/) {

@@ -4,6 +4,7 @@
 
 #include <gst/net/gstnetaddressmeta.h>
 
+#include "base/Callback.h"
 #include "base/Handles.h"
 
 namespace station {
@@ -54,13 +55,13 @@ void onMediaPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
   GstRTSPStream* const stream = gst_rtsp_media_get_stream(media, 0);
   gst_pad_add_probe(
       pad, static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-      onPacket, g_object_ref(stream), g_object_unref);
+      guarded<onPacket>, g_object_ref(stream), g_object_unref);
 }
 
 }  // namespace
 
 void dropReceiverReports(GstRTSPMedia* media) {
-  g_signal_connect(media, "prepared", G_CALLBACK(onMediaPrepared), nullptr);
+  g_signal_connect(media, "prepared", G_CALLBACK(guarded<onMediaPrepared>), nullptr);
 }
 
 }  // namespace station

@@ -1,5 +1,6 @@
 #include "rtsp/Sessions.h"
 
+#include "base/Callback.h"
 #include "rtsp/ClientStream.h"
 
 namespace station {
@@ -12,7 +13,7 @@ gchar* createSessionId(GstRTSPSessionPool* /*pool*/) {
 }
 
 void setUpPool(gpointer type, gpointer /*unused*/) {
-  GST_RTSP_SESSION_POOL_CLASS(type)->create_session_id = createSessionId;
+  GST_RTSP_SESSION_POOL_CLASS(type)->create_session_id = guarded<createSessionId>;
 }
 
 GType poolType() {
