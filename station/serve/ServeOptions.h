@@ -31,7 +31,7 @@ struct ServeOptions {
   unsigned int mtu = 1400;  // bytes of an RTP packet
 
   // Whether clients connect by TLS.
-  bool isEncrypted() const { return false; }
+  bool isEncrypted() const { return certificate != nullptr; }
 
   void addTo(CLI::App& command, const Codecs& codecs);
 };
