@@ -19,19 +19,19 @@ inline gchar* failed() {
   return g_strdup("");
 }
 
-// `call` is `function` for C code, which no exception may cross: an exception is passed to
+// `call` is `Function` for C code, which no exception may cross: an exception is passed to
 // `report`, which finds it by `throw;`, and the call returns failed().
-template <auto function, void (*report)() noexcept>
+template <auto Function, void (*Report)() noexcept>
 struct GuardedCallback;
 
-template <typename Result, typename... Arguments, Result (*function)(Arguments...),
-          void (*report)() noexcept>
-struct GuardedCallback<function, report> {
+template <typename Result, typename... Arguments, Result (*Function)(Arguments...),
+          void (*Report)() noexcept>
+struct GuardedCallback<Function, Report> {
   static Result call(Arguments... arguments) noexcept {
     try {
-      return function(arguments...);
+      return Function(arguments...);
     } catch (...) {
-      report();
+      Report();
       return failed<Result>();
     }
   }

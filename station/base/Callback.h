@@ -16,9 +16,10 @@ bool hasKeptException();
 // Calls `call` on any thread after an exception has been kept; null ends that.
 void notifyOfException(std::function<void()> call);
 
-// `function` as a callback.
-template <auto function>
-constexpr auto guarded = media_backend::GuardedCallback<function, keepException>::call;
+// `Function` as a callback.
+template <auto Function>
+constexpr auto guarded =  // NOLINT(readability-identifier-naming): it is called, like a function
+    media_backend::GuardedCallback<Function, keepException>::call;
 
 // Calls what a thread consists of.
 template <typename Function>

@@ -15,6 +15,7 @@ class MuxerInput {
  public:
   // `upstream` is the pad that is linked to the segment sink's.
   explicit MuxerInput(GstPad* upstream);
+  ~MuxerInput() = default;
   MuxerInput(const MuxerInput&) = delete;
   MuxerInput& operator=(const MuxerInput&) = delete;
 

@@ -19,7 +19,7 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr GstClockTime kPoll = 50 * GST_MSECOND;
-constexpr std::chrono::seconds kTimeout{10};  // without a packet
+constexpr std::chrono::seconds kPacketTimeout{10};  // without a packet
 constexpr int kChannels = 1;
 constexpr int kRate = 48000;  // Hz
 
@@ -79,7 +79,7 @@ std::vector<OpusPacket> readOpusFile(const std::string& path) {
   GstAppSink* const sink = GST_APP_SINK(element.get());
   std::vector<OpusPacket> packets;
   std::string error;
-  auto deadline = steady_clock::now() + kTimeout;
+  auto deadline = steady_clock::now() + kPacketTimeout;
   while (error.empty() && !gst_app_sink_is_eos(sink)) {
     const bool allTracksKnown = tracksKnown;
     g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(sink, kPoll);
@@ -96,7 +96,7 @@ std::vector<OpusPacket> readOpusFile(const std::string& path) {
       }
       continue;
     }
-    deadline = steady_clock::now() + kTimeout;
+    deadline = steady_clock::now() + kPacketTimeout;
     if (packets.empty()) {
       requireFormat(path, gst_sample_get_caps(sample));
     }

@@ -29,6 +29,7 @@ class PacketTrack {
 
   // `source` is an application source with a queue in front of the segment sink.
   PacketTrack(GstElement* pipeline, const char* source);
+  ~PacketTrack() = default;
   PacketTrack(const PacketTrack&) = delete;
   PacketTrack& operator=(const PacketTrack&) = delete;
 

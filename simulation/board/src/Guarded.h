@@ -17,9 +17,10 @@ inline void logException() noexcept {
   }
 }
 
-// `function` as a function of an element's class or a pad probe: an exception is logged, and the
+// `Function` as a function of an element's class or a pad probe: an exception is logged, and the
 // call fails.
-template <auto function>
-constexpr auto guarded = media_backend::GuardedCallback<function, logException>::call;
+template <auto Function>
+constexpr auto guarded =  // NOLINT(readability-identifier-naming): it is called, like a function
+    media_backend::GuardedCallback<Function, logException>::call;
 
 }  // namespace simulated_board
