@@ -8,6 +8,8 @@
 
 #include <glib.h>
 
+#include "rtsp/RequestHead.h"
+
 namespace station {
 namespace {
 
@@ -20,30 +22,6 @@ constexpr std::chrono::seconds kRequestTime{15};
 constexpr double kBurst = 64 * 1024;
 constexpr double kPerSecond = 8 * 1024;
 constexpr std::size_t kPerMessage = 128;
-
-bool isSpace(char character) {
-  return character == ' ' || character == '\t';
-}
-
-bool isControl(char character) {
-  const auto code = static_cast<unsigned char>(character);
-  return (code < 0x20 && code != '\t') || code == 0x7f;
-}
-
-bool equalsIgnoringCase(std::string_view text, std::string_view other) {
-  return text.size() == other.size() &&
-         g_ascii_strncasecmp(text.data(), other.data(), text.size()) == 0;
-}
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && isSpace(text.front())) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && isSpace(text.back())) {
-    text.remove_suffix(1);
-  }
-  return text;
-}
 
 // A keyed hash, so that the ids of a tunnel's sessions do not tell its cookie.
 std::string tunnelOwner(std::string_view cookie) {
@@ -60,69 +38,6 @@ std::string tunnelOwner(std::string_view cookie) {
 }
 
 }  // namespace
-
-// The lines of a request's head, without the empty one.
-struct ClientFilter::Request {
-  explicit Request(std::vector<std::string_view> allLines);
-
-  std::vector<std::string_view> lines;
-  bool isWellFormed = true;
-  bool isHttp = false;
-  std::string_view method, cseq, cookie;
-  std::vector<std::string_view> sessions, lengths;
-
- private:
-  void readFirstLine(std::string_view line);
-  void readHeader(std::string_view line);
-};
-
-ClientFilter::Request::Request(std::vector<std::string_view> allLines)
-    : lines(std::move(allLines)) {
-  readFirstLine(lines.front());
-  for (auto line = lines.begin() + 1; line != lines.end(); ++line) {
-    readHeader(*line);
-  }
-  isWellFormed = isWellFormed && std::none_of(lines.begin(), lines.end(), [](auto line) {
-                   return std::any_of(line.begin(), line.end(), isControl);
-                 });
-}
-
-// "OPTIONS * RTSP/1.0". Responses begin with the protocol.
-void ClientFilter::Request::readFirstLine(std::string_view line) {
-  const std::size_t first = line.find(' ');
-  const std::size_t last = line.rfind(' ');
-  isWellFormed = first != 0 && first != last && line.find(' ', first + 1) == last &&
-                 last + 1 < line.size() && line.find('\t') == std::string_view::npos;
-  if (isWellFormed) {
-    method = line.substr(0, first);
-    isHttp = equalsIgnoringCase(line.substr(last + 1).substr(0, 5), "HTTP/");
-    isWellFormed = method.substr(0, 4) != "RTSP" && method.substr(0, 4) != "HTTP";
-  }
-}
-
-// Continued lines begin with a space, and are refused.
-void ClientFilter::Request::readHeader(std::string_view line) {
-  const std::size_t colon = line.find(':');
-  std::string_view name = line.substr(0, colon);
-  if (!name.empty() && name.back() == ' ') {
-    name.remove_suffix(1);
-  }
-  if (colon == std::string_view::npos || name.empty() ||
-      std::any_of(name.begin(), name.end(), isSpace)) {
-    isWellFormed = false;
-    return;
-  }
-  const std::string_view value = trim(line.substr(colon + 1));
-  if (equalsIgnoringCase(name, "CSeq")) {
-    cseq = value;
-  } else if (equalsIgnoringCase(name, "Session")) {
-    sessions.push_back(value);
-  } else if (equalsIgnoringCase(name, "Content-Length")) {
-    lengths.push_back(value);
-  } else if (equalsIgnoringCase(name, "x-sessioncookie")) {
-    cookie = value;
-  }
-}
 
 ClientFilter::ClientFilter(std::string owner, bool hasPlace)
     : owner_(std::move(owner)), hasPlace_(hasPlace), allowance_(kBurst) {}
@@ -231,7 +146,7 @@ std::size_t ClientFilter::takeRequest(std::string_view rest) {
     const std::size_t end = rest.find('\n', begin);
     const std::size_t reached = std::min(end, rest.size());
     if (reached > kMaxHeadBytes || reached - begin > kMaxLineBytes || lines.size() > kMaxLines) {
-      refuse(Request({rest.substr(0, rest.find('\n'))}), "413 Request Entity Too Large",
+      refuse(RequestHead({rest.substr(0, rest.find('\n'))}), "413 Request Entity Too Large",
              "its request is too long");
       return 0;
     }
@@ -249,11 +164,11 @@ std::size_t ClientFilter::takeRequest(std::string_view rest) {
     lines.push_back(line);
   }
   charge(kPerMessage);
-  judge(Request(std::move(lines)));
+  judge(RequestHead(std::move(lines)));
   return begin;
 }
 
-void ClientFilter::judge(const Request& request) {
+void ClientFilter::judge(const RequestHead& request) {
   constexpr std::size_t kMostDigits = 9;
   const std::string_view length = request.lengths.empty() ? "0" : request.lengths.front();
   const bool hasLength = !length.empty() && length.size() <= kMostDigits &&
@@ -289,7 +204,7 @@ void ClientFilter::judge(const Request& request) {
   }
 }
 
-void ClientFilter::enterTunnel(const Request& request) {
+void ClientFilter::enterTunnel(const RequestHead& request) {
   owner_ = tunnelOwner(request.cookie);
   mode_ = request.method == "POST" ? Mode::TunnelIn : Mode::TunnelOut;
 }
@@ -305,7 +220,7 @@ void ClientFilter::pass(std::string_view text) {
 }
 
 // A tunnel's answers go through its other connection.
-void ClientFilter::refuse(const Request& request, const char* status, const char* reason) {
+void ClientFilter::refuse(const RequestHead& request, const char* status, const char* reason) {
   if (refusal_) {
     return;
   }

@@ -8,6 +8,8 @@
 
 namespace station {
 
+struct RequestHead;
+
 // What an RTSP client sends, checked before the server library reads it:
 // - requests pass one at a time, complete and with plain line ends, if they are within bounds and
 //   name no session but their own;
@@ -48,17 +50,16 @@ class ClientFilter {
 
  private:
   enum class Mode { Plain, TunnelIn, TunnelOut };
-  struct Request;
 
   void charge(std::size_t bytes);
   void feed(std::string_view bytes);
   std::size_t takePiece(std::string_view rest);
   std::size_t takeData(std::string_view rest);
   std::size_t takeRequest(std::string_view rest);
-  void judge(const Request& request);
-  void enterTunnel(const Request& request);
+  void judge(const RequestHead& request);
+  void enterTunnel(const RequestHead& request);
   void pass(std::string_view text);
-  void refuse(const Request& request, const char* status, const char* reason);
+  void refuse(const RequestHead& request, const char* status, const char* reason);
 
   std::string owner_;
   const bool hasPlace_;
