@@ -61,6 +61,9 @@ class SourcePipeline {
   // GST_MESSAGE_UNKNOWN if there is none. Stores the text of an error or warning in `error`.
   GstMessageType report(std::string& error, GstClockTime wait = 0);
 
+  // The appsink of the running pipeline.
+  GstElement* sink() const { return sink_.get(); }
+
   // Whether the last sample has been pulled. The sink reports this earlier than the bus.
   bool isAtEnd() const;
 

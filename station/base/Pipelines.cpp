@@ -32,6 +32,18 @@ const char* nameOf(Use use) {
   }
 }
 
+// JPEG encoders take samples as they are. videoconvert is exact by way of 16 bits of RGB only.
+std::string upload(const GstVideoBackend& backend, const DescriptionSettings& settings) {
+  if (settings.encoder.codec != GstVideoBackend::Codec::Mjpeg) {
+    return backend.httpUploadChain(nullptr);
+  }
+  const std::string chain = backend.httpUploadChain(kJpegColorimetry);
+  const bool converts = chain.rfind("! video/x-raw", 0) != 0;
+  return converts || settings.colorimetry == kJpegColorimetry
+             ? chain
+             : std::string("! videoconvert ! ") + kExactRgb + " ! videoconvert " + chain;
+}
+
 // Names with commas between them.
 std::string usableCodecs(const GstVideoBackend& backend, Use use, DescriptionSettings settings) {
   std::string names;
@@ -59,7 +71,7 @@ std::string describe(const GstVideoBackend& backend, Use use, const DescriptionS
   }
   return rtsp ? kAppSource + backend.inputConversionChain(nullptr) + chain +
                     backend.rtspPayloaderChain(encoder.codec, settings.mtu)
-              : kAppSource + backend.httpUploadChain(nullptr) + chain;
+              : kAppSource + upload(backend, settings) + chain;
 }
 
 std::string requireDescription(const GstVideoBackend& backend, Use use,
@@ -79,7 +91,7 @@ std::string describeTestEncode(const GstVideoBackend& backend,
                                const GstVideoBackend::EncoderConfig& encoder) {
   const std::string transport = backend.transportEncoderChain(encoder, kConfigInterval);
   if (transport.empty()) {
-    return kTestSource + backend.httpUploadChain(nullptr) + backend.httpEncoderChain(encoder);
+    return kTestSource + upload(backend, {encoder}) + backend.httpEncoderChain(encoder);
   }
   return kTestSource + backend.inputConversionChain(nullptr) + transport +
          "! appsink name=sink sync=false";

@@ -21,8 +21,15 @@ struct DescriptionSettings {
   media_backend::GstVideoBackend::EncoderConfig encoder;
   unsigned int segmentSeconds = 60;  // Record only, like the next two
   bool klv = false, audio = false;
-  unsigned int mtu = 1400;  // Rtsp only: bytes of an RTP packet
+  unsigned int mtu = 1400;    // Rtsp only: bytes of an RTP packet
+  std::string colorimetry{};  // Http only: of the frames, as in caps
 };
+
+// Colorimetry of JPEG, which cannot say another one: full-range BT.601.
+constexpr const char* kJpegColorimetry = "1:4:0:0";
+
+// What GStreamer converts colours by way of where 8 bits are too few.
+constexpr const char* kExactRgb = "video/x-raw,format=ARGB64";
 
 // Parser interval of what is streamed: parameter sets with every key frame.
 constexpr const char* kConfigInterval = "-1";

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <string>
 
 #include <lumora/LumoraPicture.h>
 
 #include "camera/CameraOptions.h"
+#include "camera/FrameFormat.h"
 
 namespace station {
 
@@ -18,11 +21,12 @@ class Camera {
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
 
-  // Opens the source. Throws StationError (Source) for a still image that cannot be read.
+  // Opens the source. Throws StationError: Source for a still image that cannot be read, Usage for
+  // options that its kind of source does not have.
   static std::unique_ptr<Camera> open(const CameraOptions& options);
 
-  // The options, with the size that the frames have: a still image keeps its own.
   const CameraOptions& options() const { return options_; }
+  const FrameFormat& format() const { return format_; }
 
   // The next frame; null at the end of a file that does not loop. Throws StationError (Source) if
   // the source fails or is silent for five seconds.
@@ -31,14 +35,19 @@ class Camera {
   // Whether next() blocks until a frame is captured; otherwise the caller paces.
   virtual bool isLive() const { return false; }
 
-  // GStreamer colorimetry of the frames; null if the source does not know.
-  virtual const char* colorimetry() const { return nullptr; }
-
   // Releases the source until the next call of next().
   virtual void suspend() {}
 
  protected:
-  CameraOptions options_;
+  static constexpr std::chrono::seconds kTimeout{5};
+
+  [[noreturn]] static void failSource(const std::string& reason);
+  [[noreturn]] static void failSilentSource(const std::string& source);
+  // By the file's first bytes; empty if they are of no known type.
+  static std::string mediaType(const std::string& path);
+
+  const CameraOptions options_;
+  FrameFormat format_;
 };
 
 }  // namespace station

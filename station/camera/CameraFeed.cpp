@@ -20,13 +20,10 @@ CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera
     : backend_(backend),
       source_([&] {
         GstPtr<GstElement> source = findElement(bin, "camera");
-        const CameraOptions& options = camera.options();
-        backend.setInputCaps(GST_APP_SRC(source.get()), static_cast<int>(options.width),
-                             static_cast<int>(options.height), static_cast<int>(options.fps),
-                             /*squarePixels=*/true, camera.colorimetry());
+        camera.format().setCaps(backend, source.get());
         return source;
       }()),
-      duration_(gst_util_uint64_scale(1, GST_SECOND, camera.options().fps)),
+      duration_(camera.format().rate.timeOf(1)),
       subscription_(camera, [this](const auto& frame) { push(frame); }) {}
 
 void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {

@@ -64,7 +64,7 @@ std::shared_ptr<lumora::LumoraPicture> LiveCamera::nextPicture() {
 }
 
 void LiveCamera::run() {
-  const nanoseconds interval(1000000000 / options().fps);
+  const nanoseconds interval(format().rate.timeOf(1));
   steady_clock::time_point due;
   try {
     while (waitForConsumers()) {

@@ -51,7 +51,7 @@ class LiveCamera {
   LiveCamera& operator=(const LiveCamera&) = delete;
 
   const CameraOptions& options() const { return camera_->options(); }
-  const char* colorimetry() const { return camera_->colorimetry(); }
+  const FrameFormat& format() const { return camera_->format(); }
   bool isRunning() const;
   std::uint64_t frames() const { return frames_; }
   // The error that stopped the camera.

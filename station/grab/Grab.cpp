@@ -2,10 +2,12 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include <gst/video/video.h>
 #include <CLI/CLI.hpp>
 
+#include "base/Pipelines.h"
 #include "base/StationError.h"
 #include "base/WriteError.h"
 #include "camera/CallSource.h"
@@ -58,16 +60,26 @@ GstBuffer* wrapped(std::string& bytes) {
                                      bytes.size(), nullptr, nullptr);
 }
 
-// GLib ends the process if there is no memory for what GStreamer makes of the picture: at most RGB
-// and its compressed form. This throws std::bad_alloc.
+// GLib ends the process if there is no memory for what GStreamer makes of the picture: at most
+// 16 bits of RGB, 8 bits of it, and its compressed form. This throws std::bad_alloc.
 void requireMemory(const lumora::LumoraPicture& picture) {
-  constexpr std::size_t kBytesPerPixel = 8;
+  constexpr std::size_t kBytesPerPixel = 16;
   std::string().reserve(std::size_t{picture.width()} * picture.height() * kBytesPerPixel);
 }
 
-// A null `colorimetry` means GStreamer's default for the size.
-std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetry,
-                    const char* type) {
+void convert(GstSample*& sample, const std::string& caps) {
+  g_autoptr(GstCaps) to = gst_caps_from_string(caps.c_str());
+  g_autoptr(GError) error = nullptr;
+  GstSample* const result = gst_video_convert_sample(sample, to, kConvertTimeout, &error);
+  if (result == nullptr) {
+    throw StationError(ExitCode::Pipeline, "cannot make " + caps + ": " + error->message);
+  }
+  gst_sample_unref(std::exchange(sample, result));
+}
+
+// An empty `colorimetry` means GStreamer's default for the size.
+std::string encoded(const lumora::LumoraPicture& picture, const std::string& colorimetry,
+                    const std::string& type) {
   std::string nv12 = packedNv12(picture);
   requireMemory(picture);
   g_autoptr(GstBuffer) buffer = wrapped(nv12);
@@ -75,18 +87,18 @@ std::string encoded(const lumora::LumoraPicture& picture, const char* colorimetr
       "video/x-raw", "format", G_TYPE_STRING, "NV12", "width", G_TYPE_INT,
       static_cast<int>(picture.width()), "height", G_TYPE_INT, static_cast<int>(picture.height()),
       "framerate", GST_TYPE_FRACTION, 1, 1, nullptr);
-  if (colorimetry != nullptr) {
-    gst_caps_set_simple(from, "colorimetry", G_TYPE_STRING, colorimetry, nullptr);
+  if (!colorimetry.empty()) {
+    gst_caps_set_simple(from, "colorimetry", G_TYPE_STRING, colorimetry.c_str(), nullptr);
   }
-  g_autoptr(GstCaps) to = gst_caps_new_empty_simple(type);
   g_autoptr(GstSample) sample = gst_sample_new(buffer, from, nullptr, nullptr);
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GstSample) image = gst_video_convert_sample(sample, to, kConvertTimeout, &error);
-  if (image == nullptr) {
-    throw StationError(ExitCode::Pipeline,
-                       std::string("cannot make ") + type + ": " + error->message);
+  const bool isJpeg = type == "image/jpeg";
+  if (!isJpeg || colorimetry != kJpegColorimetry) {
+    convert(sample, kExactRgb);
+    convert(sample, isJpeg ? std::string("video/x-raw,format=I420,colorimetry=") + kJpegColorimetry
+                           : "video/x-raw,format=RGB");
   }
-  GstBuffer* const bytes = gst_sample_get_buffer(image);
+  convert(sample, type);
+  GstBuffer* const bytes = gst_sample_get_buffer(sample);
   std::string result(gst_buffer_get_size(bytes), '\0');
   gst_buffer_extract(bytes, 0, result.data(), result.size());
   return result;
@@ -144,7 +156,7 @@ void Grab::grab() {
     }
     const fs::path file = numbered(file_, number, count_);
     write(file, kind.caps == nullptr ? packedNv12(*picture)
-                                     : encoded(*picture, camera->colorimetry(), kind.caps));
+                                     : encoded(*picture, camera->format().colorimetry, kind.caps));
     std::printf("%s  %u x %u\n", file.string().c_str(), picture->width(), picture->height());
   }
 }

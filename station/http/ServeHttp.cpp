@@ -28,7 +28,7 @@ CLI::App& ServeHttp::addOptions(CLI::App& program) {
 void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, MainLoop& loop) {
   HttpServer server(backend, camera, options_,
                     [&loop](const StationError& error) { loop.fail(error); });
-  announce(server.listener(), "/", backend, camera.options());
+  announce(server.listener(), "/", backend, camera.format());
   noteUnusedBitRate(backend);
   loop.run(camera, options_.quiet);
 }

@@ -9,11 +9,11 @@ using media_backend::GstVideoBackend;
 std::string statusJson(const ServerStatus& server) {
   nlohmann::ordered_json status;
   status["profile"] = server.backend.name();
-  const CameraOptions& camera = server.camera.options();
-  status["source"] = camera.source;
-  status["width"] = camera.width;
-  status["height"] = camera.height;
-  status["fps"] = camera.fps;
+  status["source"] = server.camera.options().source;
+  const FrameFormat& frames = server.camera.format();
+  status["width"] = frames.width;
+  status["height"] = frames.height;
+  status["fps"] = frames.rate.perSecond();
   status["codec"] = GstVideoBackend::codecName(server.options.encoder.codec);
   status["uptime_seconds"] = server.uptimeSeconds;
   status["camera_frames"] = server.camera.frames();

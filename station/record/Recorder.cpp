@@ -54,9 +54,7 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   if (settings.audio) {
     audio_.emplace(pipeline_.get(), "audiosrc");
   }
-  backend.setInputCaps(GST_APP_SRC(video_.get()), static_cast<int>(settings.width),
-                       static_cast<int>(settings.height), static_cast<int>(settings.fps),
-                       /*squarePixels=*/true, settings.colorimetry);
+  settings.frames.setCaps(backend, video_.get());
   watchEncoder();
   setUnbuffered(segmentSink_.get());
   g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(guarded<onSegment>),
@@ -105,7 +103,7 @@ GstPadProbeReturn Recorder::onEncoderInput(GstPad* /*pad*/, GstPadProbeInfo* inf
   auto* const recorder = static_cast<Recorder*>(self);
   const GstClockTime pts = GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info));
   // Rounded, as the timestamp was truncated to nanoseconds.
-  const std::uint64_t index = gst_util_uint64_scale_round(pts, recorder->settings_.fps, GST_SECOND);
+  const std::uint64_t index = recorder->settings_.frames.rate.frameAt(pts);
   ++recorder->entered_;
   recorder->nextIndex_ = index + 1;
   return GST_PAD_PROBE_OK;
@@ -165,8 +163,8 @@ void Recorder::pushAudio(const media_backend::EncodedAudioFrame& packet) {
 }
 
 void Recorder::setTimestamps(GstBuffer* buffer, std::uint64_t index) const {
-  const GstClockTime begin = gst_util_uint64_scale(index, GST_SECOND, settings_.fps);
-  const GstClockTime end = gst_util_uint64_scale(index + 1, GST_SECOND, settings_.fps);
+  const GstClockTime begin = settings_.frames.rate.timeOf(index);
+  const GstClockTime end = settings_.frames.rate.timeOf(index + 1);
   GST_BUFFER_PTS(buffer) = begin;
   GST_BUFFER_DURATION(buffer) = end - begin;
 }

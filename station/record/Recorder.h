@@ -17,6 +17,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "base/Pipelines.h"
+#include "camera/FrameFormat.h"
 #include "record/MuxerInput.h"
 #include "record/PacketTrack.h"
 
@@ -34,10 +35,7 @@ class Recorder {
     unsigned int segmentSeconds;
     bool klv;
     bool audio;
-    unsigned int width;   // pixels, even
-    unsigned int height;  // pixels, even
-    unsigned int fps;
-    const char* colorimetry;  // of the frames; null for the library's default
+    FrameFormat frames;
     std::filesystem::path folder;
   };
 

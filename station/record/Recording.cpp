@@ -25,12 +25,12 @@ using std::chrono::system_clock;
 
 constexpr std::chrono::milliseconds kEncoderTimeout{3000};
 
-std::uint64_t frameLimit(const RecordOptions& options) {
+std::uint64_t frameLimit(const RecordOptions& options, const FrameRate& rate) {
   if (options.durationSeconds <= 0) {
     return std::numeric_limits<std::uint64_t>::max();
   }
   return static_cast<std::uint64_t>(
-      std::llround(std::ceil(options.durationSeconds * options.camera.fps)));
+      std::llround(std::ceil(options.durationSeconds * rate.perSecond())));
 }
 
 // Checks the codec first, before anything is opened or written.
@@ -69,8 +69,7 @@ Recording::Recording(const GstVideoBackend& backend, const RecordOptions& option
       picture_(firstFrame(*camera_)),
       recorder_(backend,
                 {options.recorder.encoder, options.recorder.segmentSeconds, options.recorder.klv,
-                 options.audio.isWanted(), camera_->options().width, camera_->options().height,
-                 options.camera.fps, camera_->colorimetry(), options.folder}) {
+                 options.audio.isWanted(), camera_->format(), options.folder}) {
   recorder_.setStart(start_);
 }
 
@@ -92,7 +91,7 @@ void Recording::run() {
 }
 
 void Recording::recordFrames() {
-  const std::uint64_t limit = frameLimit(options_);
+  const std::uint64_t limit = frameLimit(options_, camera_->format().rate);
   for (; picture_ != nullptr && index_ < limit && !stop_.requested(); index_ = nextIndex()) {
     std::this_thread::sleep_until(base_ + timeOf(index_));
     recordFrame();
@@ -134,14 +133,14 @@ void Recording::finish() {
 }
 
 nanoseconds Recording::timeOf(std::uint64_t index) const {
-  return nanoseconds(gst_util_uint64_scale(index, GST_SECOND, options_.camera.fps));
+  return nanoseconds(camera_->format().rate.timeOf(index));
 }
 
 // A live camera may drop frames; no frame gets a timestamp in the past.
 std::uint64_t Recording::nextIndex() const {
   const nanoseconds elapsed = steady_clock::now() - base_;
-  const std::uint64_t due = gst_util_uint64_scale(static_cast<std::uint64_t>(elapsed.count()),
-                                                  options_.camera.fps, GST_SECOND);
+  const std::uint64_t due =
+      camera_->format().rate.framesUntil(static_cast<GstClockTime>(elapsed.count()));
   return camera_->isLive() ? std::max(index_ + 1, due) : index_ + 1;
 }
 

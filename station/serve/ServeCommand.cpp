@@ -38,11 +38,11 @@ void ServeCommand::run() {
 }
 
 void ServeCommand::announce(const Listener& listener, const std::string& path,
-                            const GstVideoBackend& backend, const CameraOptions& camera) const {
-  std::printf("serving %s%s://%s%s  %s %u x %u, %u frames per second, %s\n", name_,
+                            const GstVideoBackend& backend, const FrameFormat& frames) const {
+  std::printf("serving %s%s://%s%s  %s %u x %u, %.4g frames per second, %s\n", name_,
               options_.certificate != nullptr ? "s" : "", listener.authority().c_str(),
-              path.c_str(), GstVideoBackend::codecName(options_.encoder.codec), camera.width,
-              camera.height, camera.fps, backend.name());
+              path.c_str(), GstVideoBackend::codecName(options_.encoder.codec), frames.width,
+              frames.height, frames.rate.perSecond(), backend.name());
   std::fflush(stdout);
   if (!listener.isLoopback() && !options_.credentials) {
     std::fprintf(stderr,

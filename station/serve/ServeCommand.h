@@ -26,7 +26,7 @@ class ServeCommand : public Command {
   virtual void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
                      MainLoop& loop) = 0;
   void announce(const Listener& listener, const std::string& path,
-                const media_backend::GstVideoBackend& backend, const CameraOptions& camera) const;
+                const media_backend::GstVideoBackend& backend, const FrameFormat& frames) const;
 
   ServeOptions options_;
 

@@ -46,6 +46,7 @@ TEST_F(Grab, AStillImageKeepsItsSizeAndColours) {
     EXPECT_EQ(result.out, folder_ / name + "  128 x 98\n") << result.err;
     EXPECT_GT(psnr(image, folder_ / name), 38) << name;
   }
+  EXPECT_EQ(run(station({"grab", image, "-o", folder_ / "b.png", "--width", "64"})).exitCode, 2);
   run(station({"grab", image, "-o", folder_ / "a.nv12"}));
   EXPECT_EQ(fs::file_size(folder_ / "a.nv12"), 128U * 98 * 3 / 2);
 

@@ -13,10 +13,11 @@ std::string makeServedClip(const TempFolder& folder) {
   return clip;
 }
 
-Server::Server(const std::string& kind, const std::vector<std::string>& more)
-    : program_(station({"serve", kind, makeServedClip(folder_), "--port", "0", "--width", "320",
-                        "--height", "180"},
-                       more)) {
+Server::Server(const std::string& kind, const std::vector<std::string>& more,
+               const std::string& source)
+    : program_(
+          station({"serve", kind, source.empty() ? makeServedClip(folder_) : source, "--port", "0"},
+                  more)) {
   const std::string line = program_.readLine();
   std::smatch match;
   if (!std::regex_search(line, match, std::regex("(rtsp|http)s?://[0-9.:]+(/\\w+)?"))) {

@@ -13,12 +13,14 @@ constexpr double kLeastShare = 0.05;
 constexpr double kLeastShare = 0.5;
 #endif
 
-// `media-station serve` on a simulated board and a port of its own, showing a moving clip of
-// 320 x 180 at 30 frames per second: small, so that encoders keep up on a busy machine.
+// `media-station serve` on a simulated board and a port of its own, showing `source`: by default a
+// moving clip of 320 x 180 at 30 frames per second, small, so that encoders keep up on a busy
+// machine.
 class Server {
  public:
   // `kind`: "rtsp" or "http". Fails the test if the server does not start.
-  Server(const std::string& kind, const std::vector<std::string>& more);
+  Server(const std::string& kind, const std::vector<std::string>& more,
+         const std::string& source = "");
 
   // "rtsp://127.0.0.1:1234/camera"; HTTP without the last slash.
   const std::string& url() const { return url_; }

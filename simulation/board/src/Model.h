@@ -25,7 +25,7 @@ struct Model {
   bool bridgesSink = false;  // takes board memory
   bool bridgesSrc = false;   // gives board memory
 
-  // Adapts the encoder inside, named "codec" in the description; may be null.
+  // Adapts the element inside that is named "codec" in the description; may be null.
   void (*finish)(GObject* element, GstElement* codec) = nullptr;
 };
 

@@ -4,7 +4,9 @@
 #include <locale>
 #include <sstream>
 
+#include "Av1encColourFix.h"
 #include "Av1encTimestampFix.h"
+#include "ExactColours.h"
 #include "ParameterSets.h"
 #include "TypeRegistration.h"
 
@@ -255,7 +257,8 @@ std::string jpeg(GObject* element) {
 }
 
 std::string converter(GObject*) {
-  return "videoconvert qos=false ! videoscale qos=false";
+  return "videoconvert name=codec qos=false ! capsfilter name=between ! videoconvert qos=false "
+         "! videoscale qos=false";
 }
 
 // Adaptation of the encoder inside
@@ -275,8 +278,13 @@ void finishH265(GObject* element, GstElement* codec) {
   filterParameterSets(element, codec, true);
 }
 
+void finishConverter(GObject* element, GstElement* codec) {
+  convertColoursExactly(GST_ELEMENT(element), codec);
+}
+
 void finishAv1(GObject*, GstElement* codec) {
   fixAv1encTimestamps(codec);
+  writeAv1encColours(codec);
 }
 
 // The models
@@ -309,6 +317,7 @@ Model nvidiaConverter(const char* name, const char* title) {
                  converter};
   model.bridgesSink = true;
   model.bridgesSrc = true;
+  model.finish = finishConverter;
   return model;
 }
 
@@ -358,7 +367,10 @@ const std::vector<Model>& models() {
        kRaw,
        kRaw,
        {},
-       converter},
+       converter,
+       false,
+       false,
+       finishConverter},
   };
   return table;
 }

@@ -1,5 +1,7 @@
 #include "Obu.h"
 
+#include <utility>
+
 namespace simulated_board {
 namespace {
 
@@ -80,22 +82,115 @@ class BitReader {
     skip(zeros);
   }
   bool past() const { return position_ > bytes_.size() * 8; }
+  std::size_t position() const { return position_; }
+  std::size_t left() const { return bytes_.size() * 8 - position_; }
 
  private:
   std::string_view bytes_;
   std::size_t position_ = 0;
 };
 
-void skipTiming(BitReader& bits) {
+// Writes bits in the same order.
+class BitWriter {
+ public:
+  void write(std::uint64_t value, unsigned bits) {
+    for (; bits > 0; --bits, ++count_) {
+      if (count_ % 8 == 0) {
+        bytes_.push_back('\0');
+      }
+      bytes_.back() = static_cast<char>(byteAt(bytes_, count_ / 8) | (value >> (bits - 1) & 1)
+                                                                         << (7 - count_ % 8));
+    }
+  }
+  void copy(BitReader& from, std::size_t bits) {
+    for (; bits > 0; --bits) {
+      write(from.read(1), 1);
+    }
+  }
+  std::string take() { return std::move(bytes_); }
+
+ private:
+  std::string bytes_;
+  std::size_t count_ = 0;
+};
+
+// Returns the length of the decoder model's delays in bits, 0 without a model.
+unsigned skipTiming(BitReader& bits) {
   if (!bits.flag()) {
-    return;
+    return 0;
   }
   bits.skip(64);  // units in a tick, ticks in a second
   if (bits.flag()) {
     bits.skipExpGolomb();  // ticks in a picture
   }
-  if (bits.flag()) {
-    bits.skip(5 + 32 + 5 + 5);  // decoder model
+  if (!bits.flag()) {
+    return 0;
+  }
+  const auto delayBits = static_cast<unsigned>(bits.read(5)) + 1;
+  bits.skip(32 + 5 + 5);
+  return delayBits;
+}
+
+// Of a sequence header that is not reduced, after its first flags.
+void skipOperatingPoints(BitReader& bits) {
+  const unsigned delayBits = skipTiming(bits);
+  const bool hasDisplayDelay = bits.flag();
+  for (auto points = bits.read(5) + 1; points > 0; --points) {
+    bits.skip(12);
+    if (bits.read(5) > 7) {
+      bits.skip(1);  // tier
+    }
+    if (delayBits > 0 && bits.flag()) {
+      bits.skip(2 * delayBits + 1);
+    }
+    if (hasDisplayDelay && bits.flag()) {
+      bits.skip(4);
+    }
+  }
+}
+
+// Of a sequence header that is not reduced: which tools its frames use.
+void skipFrameTools(BitReader& bits) {
+  bits.skip(4);  // compounds, warped motion, dual filter
+  const bool ordered = bits.flag();
+  if (ordered) {
+    bits.skip(2);
+  }
+  const bool choosesScreenTools = bits.flag();
+  if ((choosesScreenTools || bits.flag()) && !bits.flag()) {
+    bits.skip(1);  // integer motion vectors
+  }
+  if (ordered) {
+    bits.skip(3);
+  }
+}
+
+// From the start of a sequence header to color_description_present_flag.
+void skipToColours(BitReader& bits) {
+  const auto profile = bits.read(3);
+  bits.skip(1);
+  const bool reduced = bits.flag();
+  if (reduced) {
+    bits.skip(5);  // level
+  } else {
+    skipOperatingPoints(bits);
+  }
+  const auto widthBits = bits.read(4) + 1;
+  const auto heightBits = bits.read(4) + 1;
+  bits.skip(widthBits + heightBits);
+  if (!reduced && bits.flag()) {
+    bits.skip(7);  // frame numbers
+  }
+  bits.skip(3);  // superblock, intra tools
+  if (!reduced) {
+    skipFrameTools(bits);
+  }
+  bits.skip(3);  // super-resolution, filters
+  if (bits.flag() && profile == 2) {
+    bits.skip(1);  // bit depth
+  }
+  if (profile != 1) {
+    bits.skip(1);  // monochrome
   }
 }
 
@@ -139,6 +234,25 @@ std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload) {
   return bits.past() ? std::nullopt : std::make_optional(header);
 }
 
+std::string withColours(std::string_view payload, const Av1Colours& colours) {
+  BitReader place(payload);
+  skipToColours(place);
+  BitReader bits(payload);
+  BitWriter result;
+  result.copy(bits, place.position());
+  if (bits.flag()) {
+    bits.skip(24);
+  }
+  bits.skip(1);  // range
+  result.write(1, 1);
+  result.write(colours.primaries, 8);
+  result.write(colours.transfer, 8);
+  result.write(colours.matrix, 8);
+  result.write(colours.fullRange ? 1 : 0, 1);
+  result.copy(bits, bits.left());
+  return result.take();
+}
+
 bool startsCodedVideoSequence(std::string_view stream, const std::vector<Obu>& obus) {
   std::optional<Av1SequenceHeader> sequence;
   for (const Obu& obu : obus) {
@@ -153,6 +267,15 @@ bool startsCodedVideoSequence(std::string_view stream, const std::vector<Obu>& o
     }
   }
   return false;
+}
+
+void appendWithSize(const Obu& obu, std::string_view payload, std::string& bytes) {
+  bytes.push_back(static_cast<char>(obu.header[0] | kSizeBit));
+  if (obu.hasLayer()) {
+    bytes.push_back(static_cast<char>(obu.header[1]));
+  }
+  appendLeb128(payload.size(), bytes);
+  bytes.append(payload);
 }
 
 std::size_t leb128Size(std::size_t value) {

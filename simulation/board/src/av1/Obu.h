@@ -40,6 +40,14 @@ struct Av1SequenceHeader {
   bool stillPicture = false;  // reduced_still_picture_header: frames carry no type
 };
 
+// Colours of a sequence, as code points of ITU-T H.273.
+struct Av1Colours {
+  unsigned primaries = 2;  // 2: unspecified, likewise the next two
+  unsigned transfer = 2;
+  unsigned matrix = 2;
+  bool fullRange = false;
+};
+
 // Splits a temporal unit in the low-overhead bitstream format. False with a text in `error` if it
 // is malformed.
 bool splitTemporalUnit(std::string_view stream, std::vector<Obu>& obus, std::string& error);
@@ -47,8 +55,14 @@ bool splitTemporalUnit(std::string_view stream, std::vector<Obu>& obus, std::str
 // Empty if the payload is truncated.
 std::optional<Av1SequenceHeader> parseSequenceHeader(std::string_view payload);
 
+// Returns the sequence header with these colours instead of its own; not for the identity matrix.
+std::string withColours(std::string_view payload, const Av1Colours& colours);
+
 // Whether the temporal unit starts a coded video sequence, where decoding can begin.
 bool startsCodedVideoSequence(std::string_view stream, const std::vector<Obu>& obus);
+
+// Appends `obu` with another payload, in the low-overhead bitstream format.
+void appendWithSize(const Obu& obu, std::string_view payload, std::string& bytes);
 
 // Length of `value` as leb128, in bytes.
 std::size_t leb128Size(std::size_t value);

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "SourcePipeline.h"
+
+namespace station {
+
+// A pipeline that looks into a source besides the library's. Failures are silent: the library's
+// source fails again, with its own text.
+//
+// Threads: one at a time.
+class MediaProbe {
+ public:
+  using Sample = std::unique_ptr<GstSample, decltype(&gst_sample_unref)>;
+  using Config = media_backend::SourcePipeline::Config;
+
+  // The traits' error texts may be empty.
+  MediaProbe(const media_backend::SourcePipeline::Traits& traits, const Config& config);
+
+  // Null at the end, after a failure, and after five seconds without a sample.
+  Sample next();
+  // Begins again at the start.
+  void restart();
+  GstElement* sink() const { return pipeline_.sink(); }
+
+ private:
+  media_backend::SourcePipeline pipeline_;
+  bool running_;
+};
+
+}  // namespace station
