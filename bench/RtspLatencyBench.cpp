@@ -72,7 +72,9 @@ double age(const std::uint8_t* luma, std::size_t stride) {
 
 class StampingCamera : public station::Camera {
  public:
-  StampingCamera() : Camera({"test picture", kWidth, kHeight, kFps, true}) {}
+  StampingCamera() : Camera({"test picture", kWidth, kHeight, false, kFps}) {
+    format_ = {kWidth, kHeight, {static_cast<int>(kFps), 1}, ""};
+  }
 
   std::shared_ptr<lumora::LumoraPicture> next() override {
     due_ = std::max(due_ + microseconds(1000000 / kFps), steady_clock::now());

@@ -79,7 +79,7 @@ TEST(FailingRecorder, SaysSoAndLetsEveryFrameGo) {
       GstVideoBackend::EncoderConfig config;
       config.codec = GstVideoBackend::Codec::H264;
       station::Recorder recorder(backend,
-                                 {config, 1, true, false, 64, 48, kFps, nullptr, folder.path()});
+                                 {config, 1, true, false, {64, 48, {kFps, 1}, ""}, folder.path()});
       recorder.setStart(std::chrono::system_clock::now());
       const auto record = [&] {
         for (unsigned long n = 0; n < 60; ++n) {
@@ -146,7 +146,7 @@ TEST(FailingRecorder, BoundsWhatWaitsForTheEncoder) {
   GstVideoBackend::EncoderConfig config;
   config.codec = GstVideoBackend::Codec::H264;
   station::Recorder recorder(GstVideoBackend::instance(),
-                             {config, 60, true, false, 64, 48, kFps, nullptr, folder.path()});
+                             {config, 60, true, false, {64, 48, {kFps, 1}, ""}, folder.path()});
   const gulong blocked = blockInput("enc");
   for (unsigned long n = 0; n < kPackets; ++n) {
     recorder.push(lumora::ExportedFrame::fromPicture(*picture), n,
