@@ -17,7 +17,7 @@ using media_backend::GstVideoBackend;
 // Longer than a session lives without keep-alive.
 constexpr std::chrono::seconds kIdleConnection{90};
 constexpr std::chrono::milliseconds kCheckInterval{250};
-constexpr unsigned int kMoreConnections = 16;  // that are answered with 503
+constexpr unsigned int kAnsweredConnections = 16;  // that are answered with 503
 // Below the kernel's ephemeral ports.
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
@@ -71,7 +71,7 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
       server_(gst_rtsp_server_new()),
       sessions_(newSessionPool(options.maxClients)),
       listener_(options.address, options.port,
-                {options.maxClients + kMoreConnections, kIdleConnection, options.quiet},
+                {options.maxClients + kAnsweredConnections, kIdleConnection, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }) {
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
   g_signal_connect(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>), nullptr);
