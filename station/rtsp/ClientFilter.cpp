@@ -13,10 +13,10 @@
 namespace station {
 namespace {
 
-constexpr std::size_t kMaxHeadBytes = 8 * 1024;
+constexpr std::size_t kMaxHeadBytes{8192};
 constexpr std::size_t kMaxLineBytes = 4000;  // the library cuts lines off at 4095
 constexpr std::size_t kMaxLines = 64;
-constexpr std::size_t kMaxBodyBytes = 16 * 1024;
+constexpr std::size_t kMaxBodyBytes{16384};
 constexpr std::chrono::seconds kRequestTime{15};
 // Of bytes; a viewer sends a few hundred a second. Each request and packet counts for some more.
 constexpr double kBurst = 64 * 1024;

@@ -206,7 +206,7 @@ struct Streams {
 };
 
 GIOStreamClass* originalClass() {
-  static gpointer const kClass = g_type_class_ref(G_TYPE_SOCKET_CONNECTION);
+  static void* const kClass = g_type_class_ref(G_TYPE_SOCKET_CONNECTION);
   return G_IO_STREAM_CLASS(kClass);
 }
 
