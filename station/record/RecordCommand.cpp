@@ -7,11 +7,15 @@
 #include "record/Recording.h"
 
 namespace station {
+namespace {
+
+using Codec = media_backend::GstVideoBackend::Codec;
+
+}  // namespace
 
 CLI::App& RecordCommand::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "record", "Record a camera, or a file played as one, into MPEG-TS segments");
-  using Codec = media_backend::GstVideoBackend::Codec;
   addBoardOption(command, board_);
   addEncoderOptions(command, options_.recorder.encoder, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
