@@ -141,7 +141,7 @@ void RtspServer::accept(GSocketConnection* connection) {
 std::unique_ptr<ClientLink> RtspServer::makeLink() {
   const std::shared_ptr<GstRTSPSessionPool> sessions(
       GST_RTSP_SESSION_POOL(g_object_ref(sessions_.get())), g_object_unref);
-  return std::unique_ptr<ClientLink>(new ClientLink{
+  return std::make_unique<ClientLink>(ClientLink{
       ClientFilter(std::to_string(++accepted_), listener_.connections() <= options_.maxClients),
       options_.certificate.get(), [feeds = feeds_] { return feeds->isMediaEnding(); },
       [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }});

@@ -118,7 +118,7 @@ TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
   ffmpeg("color=red:size=4x4", {"-frames:v", "1", image});
   ffmpeg("color=red:size=16x16,format=rgb24,crop=1:16", {"-frames:v", "1", folder_ / "thin.png"});
   ffmpeg("sine=duration=1", {folder_ / "tone.wav", folder_ / "tone.ogg"});
-  std::ofstream(folder_ / "empty");
+  std::ofstream(folder_ / "empty") << "";
   const std::tuple<std::string, std::string, int, std::string> rows[] = {
       {"/dev/video999", folder_ / "a.png", 5,
        "source failed: Cannot identify device '/dev/video999'. (system error: No such"},

@@ -34,7 +34,7 @@ fs::path onlyFileIn(const fs::path& folder) {
 class Patches {
  public:
   Patches() {
-    std::ofstream(folder_ / "patches.ppm", std::ios::binary) << "P6 4 2 255\n" << kColours;
+    std::ofstream(folder_ / "patches.ppm", std::ios::binary) << "P6 4 2 255\n" << colours_;
   }
 
   // The picture as a clip, or as an image; `filter` and `options` are ffmpeg's.
@@ -68,9 +68,9 @@ class Patches {
          "rawvideo", pixels});
     runCommand(command);
     const std::string shown = bytesOf(pixels);
-    for (std::size_t i = 0; i < kColours.size(); ++i) {
+    for (std::size_t i = 0; i < colours_.size(); ++i) {
       const int is = static_cast<unsigned char>(shown.at(i));
-      const int shouldBe = static_cast<unsigned char>(kColours[i]);
+      const int shouldBe = static_cast<unsigned char>(colours_[i]);
       if (std::abs(is - shouldBe) > most) {
         return testing::AssertionFailure() << source << ": patch " << i / 3 << " has " << is
                                            << " instead of " << shouldBe << " in "
@@ -84,7 +84,7 @@ class Patches {
 
  private:
   // Not only pure colours: those remain where a full range is taken for a limited one.
-  const std::string kColours{
+  const std::string colours_{
       "\xff\x00\x00"
       "\x00\xff\x00"
       "\x00\x00\xff"
