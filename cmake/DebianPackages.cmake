@@ -69,7 +69,7 @@ debian_package(station media-station video
     "host application for camera boards"
     "Records a camera to MPEG-TS segments, serves it over RTSP and HTTP, and shows\n\
 what libmedia-backend makes of a board, which may be a simulated one.")
-set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "${same_version}")
+set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "${same_version}, glib-networking")  # TLS
 set(CPACK_DEBIAN_STATION_PACKAGE_RECOMMENDS "${board_plugins}")
 
 debian_package(simulated_board gstreamer1.0-simulated-board video

@@ -68,7 +68,7 @@ std::vector<BoardElement> lookUpElements() {
       {kEvery, Codec::H265, Need::Optional, "recorder: H.265 parser", "h265parse", false},
       {kEvery, Codec::Unknown, Need::Always, "recorder: segments", "splitmuxsink", false},
       {kEvery, Codec::Unknown, Need::Always, "recorder: transport stream", "mpegtsmux", false},
-      {kEvery, Codec::Unknown, Need::Optional, "recorder: sound", "opusparse", false},
+      {kEvery, Codec::Unknown, Need::Optional, "recorder: audio", "opusparse", false},
   };
   for (BoardElement& element : elements) {
     g_autoptr(GstElementFactory) factory = gst_element_factory_find(element.name);

@@ -21,14 +21,14 @@ void addTrackOptions(CLI::App& command, AudioTrack::Settings& track) {
   command
       .add_option_function<std::string>(
           "--fallback", [&track](const std::string& mode) { track.fallback = kModes.at(mode); },
-          "What fills the sound's gaps")
+          "What fills gaps in the audio")
       ->check(CLI::IsMember({"silence", "noise", "disabled"}))
       ->default_str("silence");
   command
       .add_option_function<std::int64_t>(
           "--watchdog",
           [&track](std::int64_t timeout) { track.watchdog = std::chrono::milliseconds(timeout); },
-          "Milliseconds without sound before it is filled")
+          "Milliseconds without audio before it is filled")
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
       ->default_str("40");
 }
@@ -39,9 +39,9 @@ void AudioOptions::addTo(CLI::App& command) {
   CLI::Option* const source =
       command
           .add_option("--audio", file,
-                      "Record sound: the Opus packets of this Ogg or Matroska file")
+                      "Record audio: the Opus packets of this Ogg or Matroska file")
           ->type_name("FILE");
-  command.add_flag("--audio-silence", silence, "Record a silent sound track")->excludes(source);
+  command.add_flag("--audio-silence", silence, "Record a silent audio track")->excludes(source);
   command
       .add_option_function<std::vector<std::string>>(
           "--drop",
@@ -50,7 +50,7 @@ void AudioOptions::addTo(CLI::App& command) {
               reception.dropouts.push_back(parseDropout(text));
             }
           },
-          "START-END in seconds: no sound is received in that time; may be repeated")
+          "START-END in seconds: no audio is received in that time; may be repeated")
       ->type_name("START-END")
       ->needs(source);
   command

@@ -106,7 +106,7 @@ TEST_F(Record, LongTrackHasNoGapAndKeepsEveryPacket) {
   const std::string sound = makeSound(21, 1, "noise.ogg");
   std::vector<std::string> options = {
       "--board", "nvidia", "--klv", "--audio", sound, "--duration", "20", "--segment-seconds", "7"};
-  std::vector<std::string> judged = {"--sound", sound, "--seconds", "20", "--segment-seconds", "7"};
+  std::vector<std::string> judged = {"--audio", sound, "--seconds", "20", "--segment-seconds", "7"};
   for (const char* const dropout : {"2-2.05", "4-4.3", "6-9", "13-14.5"}) {
     options.insert(options.end(), {"--drop", dropout});
     judged.insert(judged.end(), {"--dropout", dropout});
@@ -132,7 +132,7 @@ TEST_F(Record, KeepsEveryPacketBesideAnEncoderThatIsTooSlow) {
   const Result result = run(slow);
   EXPECT_EQ(result.exitCode, 9) << result.err;
   const Result verdict =
-      judge(result, {"--sound", sound, "--seconds", "5", "--segment-seconds", "60", "--fps", "5"});
+      judge(result, {"--audio", sound, "--seconds", "5", "--segment-seconds", "60", "--fps", "5"});
   EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
 }
 
@@ -141,7 +141,7 @@ TEST_F(Record, FillsWhatIsLostAtRandomAndAfterTheFile) {
   const Result verdict =
       judge(run(command({"--board", "imx", "--klv", "--audio", sound, "--loss", "20", "--seed", "7",
                          "--duration", "4", "--fallback", "noise", "--watchdog", "100"})),
-            {"--sound", sound, "--seconds", "4", "--segment-seconds", "60"});
+            {"--audio", sound, "--seconds", "4", "--segment-seconds", "60"});
   std::smatch lost;  // of 150 packets, and nothing else that is wrong
   ASSERT_TRUE(std::regex_search(
       verdict.out, lost, std::regex("\nFAULT: - (\\d+) sound packets missing, .*\n1 faults")))
