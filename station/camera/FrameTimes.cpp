@@ -51,11 +51,13 @@ constexpr SourcePipeline::Traits kPackets = {"simu_file_src",
 
 FrameTimes::FrameTimes(const std::string& path) : packets_(kPackets, {path, 0, 0, 0, false}) {}
 
-// Empty at the end, and from the first packet without a time.
+// Empty at the end, and in a track without times, whose packets need not end.
 std::optional<GstClockTime> FrameTimes::read() {
-  while (reordered_.size() < kMostReordered) {
+  std::size_t skipped = 0;
+  while (!ended_ && reordered_.size() < kMostReordered && skipped < kExamined) {
     const MediaProbe::Sample sample = packets_.next();
     if (sample == nullptr) {
+      ended_ = true;
       break;
     }
     // Without a running time, a frame before the segment is not shown.
@@ -64,6 +66,8 @@ std::optional<GstClockTime> FrameTimes::read() {
                                     GST_BUFFER_PTS(gst_sample_get_buffer(sample.get())));
     if (GST_CLOCK_TIME_IS_VALID(time)) {
       reordered_.push(time);
+    } else {
+      ++skipped;
     }
   }
   if (reordered_.empty()) {
@@ -102,6 +106,7 @@ void FrameTimes::restart() {
   reordered_ = {};
   ahead_.clear();
   first_.reset();
+  ended_ = false;
 }
 
 }  // namespace station

@@ -36,6 +36,7 @@ class FrameTimes {
   std::priority_queue<GstClockTime, std::vector<GstClockTime>, std::greater<>> reordered_;
   std::deque<GstClockTime> ahead_;  // that agreeWith() has read
   std::optional<GstClockTime> first_;
+  bool ended_ = false;  // of a GIF, the demuxer reports no end: waiting for it takes seconds
 };
 
 }  // namespace station
