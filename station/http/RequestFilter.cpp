@@ -8,6 +8,7 @@
 #include "base/Callback.h"
 #include "http/Message.h"
 #include "serve/Client.h"
+#include "serve/Tls.h"
 
 namespace {
 
@@ -130,15 +131,6 @@ GType filterType() {
   return kType;
 }
 
-GIOStream* throughTls(GSocketConnection* connection, GTlsCertificate* certificate) {
-  if (certificate == nullptr) {
-    return G_IO_STREAM(g_object_ref(connection));
-  }
-  GIOStream* const tls = g_tls_server_connection_new(G_IO_STREAM(connection), certificate, nullptr);
-  g_tls_connection_set_require_close_notify(G_TLS_CONNECTION(tls), FALSE);
-  return tls;
-}
-
 // A client's stream: TLS or its connection, with a filtered input.
 struct ClientStream {
   GIOStream parent;
@@ -189,7 +181,8 @@ GIOStream* filterHttpRequests(GSocketConnection* connection, GTlsCertificate* ce
   GSocket* const socket = g_socket_connection_get_socket(connection);
   auto* const stream = static_cast<ClientStream*>(g_object_new(streamType(), nullptr));
   stream->socket = G_SOCKET(g_object_ref(socket));
-  stream->base = throughTls(connection, certificate);
+  stream->base = certificate != nullptr ? newTlsStream(G_IO_STREAM(connection), certificate)
+                                        : G_IO_STREAM(g_object_ref(connection));
   GOutputStream* const output = g_io_stream_get_output_stream(stream->base);
   g_autoptr(GObject) filter = G_OBJECT(g_object_new(filterType(), nullptr));
   reinterpret_cast<RequestFilter*>(filter)->socket = socket;

@@ -7,6 +7,7 @@
 
 #include "base/Callback.h"
 #include "serve/Client.h"
+#include "serve/Tls.h"
 
 namespace station {
 namespace {
@@ -232,8 +233,7 @@ Streams* makeStreams(GIOStream* connection, Link& link) {
   if (link.client->certificate != nullptr) {
     g_autoptr(GIOStream) plain =
         G_IO_STREAM(g_object_new(G_TYPE_SOCKET_CONNECTION, "socket", link.socket, nullptr));
-    tls = g_tls_server_connection_new(plain, link.client->certificate, nullptr);
-    g_tls_connection_set_require_close_notify(G_TLS_CONNECTION(tls), FALSE);
+    tls = newTlsStream(plain, link.client->certificate);
   }
   link.output = tls != nullptr ? g_io_stream_get_output_stream(tls)
                                : originalClass()->get_output_stream(connection);

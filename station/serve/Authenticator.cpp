@@ -15,6 +15,7 @@ namespace {
 
 constexpr gint64 kNonceSeconds = 300;
 constexpr std::size_t kSecretBytes = 32;
+
 struct FreeParameters {
   void operator()(GHashTable* parameters) const { soup_header_free_param_list(parameters); }
 };

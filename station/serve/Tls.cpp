@@ -18,4 +18,10 @@ TlsCertificate certificateFromOption(const std::string& files) {
   return {certificate, g_object_unref};
 }
 
+GIOStream* newTlsStream(GIOStream* stream, GTlsCertificate* certificate) {
+  GIOStream* const tls = g_tls_server_connection_new(stream, certificate, nullptr);
+  g_tls_connection_set_require_close_notify(G_TLS_CONNECTION(tls), FALSE);
+  return tls;
+}
+
 }  // namespace station

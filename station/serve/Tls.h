@@ -13,4 +13,7 @@ using TlsCertificate = std::shared_ptr<GTlsCertificate>;
 // GLib has no TLS.
 TlsCertificate certificateFromOption(const std::string& files);
 
+// The server's side of TLS over `stream`; the caller owns it. A client may leave without a goodbye.
+GIOStream* newTlsStream(GIOStream* stream, GTlsCertificate* certificate);
+
 }  // namespace station
