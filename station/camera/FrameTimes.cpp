@@ -35,17 +35,8 @@ void linkFirstVideo(GstElement* pipeline) {
                           static_cast<GConnectFlags>(0));
 }
 
-constexpr SourcePipeline::Traits kPackets = {"simu_file_src",
-                                             "location",
-                                             "sink",
-                                             GST_MESSAGE_ERROR,
-                                             describePackets,
-                                             linkFirstVideo,
-                                             "",
-                                             "",
-                                             "",
-                                             "",
-                                             ""};
+constexpr SourcePipeline::Traits kPackets =
+    MediaProbe::traits("simu_file_src", "location", describePackets, linkFirstVideo);
 
 }  // namespace
 

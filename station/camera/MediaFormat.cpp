@@ -66,17 +66,8 @@ void prepareFile(GstElement* pipeline) {
   g_signal_connect(decodebin, "element-added", G_CALLBACK(onElement), sink);
 }
 
-constexpr SourcePipeline::Traits kFile = {"simu_file_src",
-                                          "location",
-                                          "sink",
-                                          GST_MESSAGE_ERROR,
-                                          describeFile,
-                                          prepareFile,
-                                          "",
-                                          "",
-                                          "",
-                                          "",
-                                          ""};
+constexpr SourcePipeline::Traits kFile =
+    MediaProbe::traits("simu_file_src", "location", describeFile, prepareFile);
 
 // As the library's V4L2 source: what is asked for decides which format the driver gives.
 std::string describeDevice(const SourcePipeline::Config& config) {
@@ -88,17 +79,8 @@ std::string describeDevice(const SourcePipeline::Config& config) {
          " ! appsink name=sink sync=false async=false max-buffers=1 drop=true";
 }
 
-constexpr SourcePipeline::Traits kDevice = {"simu_v4l_src",
-                                            "device",
-                                            "sink",
-                                            GST_MESSAGE_ERROR,
-                                            describeDevice,
-                                            nullptr,
-                                            "",
-                                            "",
-                                            "",
-                                            "",
-                                            ""};
+constexpr SourcePipeline::Traits kDevice =
+    MediaProbe::traits("simu_v4l_src", "device", describeDevice, nullptr);
 
 bool isPlausible(const FrameRate& rate) {
   return rate.numerator > 0 && rate.denominator > 0 && rate.perSecond() >= 0.1 &&

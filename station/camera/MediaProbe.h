@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 #include "SourcePipeline.h"
 
@@ -16,7 +17,13 @@ class MediaProbe {
   using Sample = std::unique_ptr<GstSample, decltype(&gst_sample_unref)>;
   using Config = media_backend::SourcePipeline::Config;
 
-  // The traits' error texts may be empty.
+  // Traits of a description with the source `source` and the appsink "sink".
+  static constexpr media_backend::SourcePipeline::Traits traits(
+      const char* source, const char* property, std::string (*describe)(const Config&),
+      void (*prepare)(GstElement* pipeline)) {
+    return {source, property, "sink", GST_MESSAGE_ERROR, describe, prepare, "", "", "", "", ""};
+  }
+
   MediaProbe(const media_backend::SourcePipeline::Traits& traits, const Config& config);
 
   // Null at the end, after a failure, and after five seconds without a sample.
