@@ -5,6 +5,7 @@
 
 #include <gst/video/video.h>
 
+#include "Guarded.h"
 #include "av1/Obu.h"
 #include "gst/MappedBuffer.h"
 
@@ -65,7 +66,7 @@ GstPadProbeReturn rewriteUnit(GstPad* /*src*/, GstPadProbeInfo* info, gpointer s
 
 void writeAv1encColours(GstElement* encoder) {
   g_autoptr(GstPad) src = gst_element_get_static_pad(encoder, "src");
-  gst_pad_add_probe(src, GST_PAD_PROBE_TYPE_BUFFER, rewriteUnit,
+  gst_pad_add_probe(src, GST_PAD_PROBE_TYPE_BUFFER, guarded<rewriteUnit>,
                     gst_element_get_static_pad(encoder, "sink"), gst_object_unref);
 }
 
