@@ -79,6 +79,9 @@ std::string statusOf(const std::string& url, const std::string& method) {
   g_autoptr(GSocketClient) client = g_socket_client_new();
   g_autoptr(GSocketConnection) connection =
       g_socket_client_connect_to_uri(client, url.c_str(), 0, nullptr, nullptr);
+  if (connection == nullptr) {
+    return "no connection";
+  }
   g_output_stream_write_all(g_io_stream_get_output_stream(G_IO_STREAM(connection)), request.data(),
                             request.size(), nullptr, nullptr, nullptr);
   char answer[64] = {};
