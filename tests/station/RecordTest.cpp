@@ -117,7 +117,7 @@ TEST_F(Record, LongTrackHasNoGapAndKeepsEveryPacket) {
   const Result verdict = judge(filled.wait(), judged);
   EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
 
-  const std::regex gap("sound breaks off for ");
+  const std::regex gap("audio breaks off for ");
   EXPECT_EQ(std::distance(std::sregex_iterator(holed.out.begin(), holed.out.end(), gap), {}), 4)
       << holed.out;
 }
@@ -144,7 +144,7 @@ TEST_F(Record, FillsWhatIsLostAtRandomAndAfterTheFile) {
             {"--audio", sound, "--seconds", "4", "--segment-seconds", "60"});
   std::smatch lost;  // of 150 packets, and nothing else that is wrong
   ASSERT_TRUE(std::regex_search(
-      verdict.out, lost, std::regex("\nFAULT: - (\\d+) sound packets missing, .*\n1 faults")))
+      verdict.out, lost, std::regex("\nFAULT: - (\\d+) audio packets missing, .*\n1 faults")))
       << verdict.out << verdict.err;
   EXPECT_GE(std::stoi(lost[1]), 10);
   EXPECT_LE(std::stoi(lost[1]), 50);
