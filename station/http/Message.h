@@ -12,7 +12,8 @@ namespace station {
 constexpr const char* kProtectiveHeaders[][2] = {
     {"Cache-Control", "no-store"},
     {"Content-Security-Policy",
-     "default-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+     "default-src 'self'; media-src 'self' blob:; base-uri 'none'; form-action 'none'; "
+     "frame-ancestors 'none'"},
     {"Cross-Origin-Resource-Policy", "same-origin"},
     {"Referrer-Policy", "no-referrer"},
     {"X-Content-Type-Options", "nosniff"},

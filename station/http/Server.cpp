@@ -34,6 +34,7 @@ constexpr PageFile kPageFiles[] = {
     {"/", "/station/index.html", "text/html; charset=utf-8"},
     {"/page.css", "/station/page.css", "text/css; charset=utf-8"},
     {"/page.js", "/station/page.js", "text/javascript; charset=utf-8"},
+    {"/player.js", "/station/player.js", "text/javascript; charset=utf-8"},
     {"/icon.svg", "/station/icon.svg", "image/svg+xml"},
 };
 
@@ -42,6 +43,17 @@ std::string resource(const char* path) {
   gsize size = 0;
   const gconstpointer data = g_bytes_get_data(bytes, &size);
   return {static_cast<const char*>(data), size};
+}
+
+const char* contentTypeOf(const HttpStream& stream, StreamResponse::Kind kind) {
+  switch (kind) {
+    case StreamResponse::Kind::Snapshot:
+      return "image/jpeg";
+    case StreamResponse::Kind::Mp4:
+      return "video/mp4";
+    default:
+      return stream.contentType();
+  }
 }
 
 gboolean onDeadline(gpointer message) {
@@ -182,6 +194,10 @@ bool HttpServer::answerStream(SoupServerMessage* message, const std::string& pat
       serveStream(message, stream, StreamResponse::Kind::Stream);
       return true;
     }
+    if (path == stream.mp4Path()) {
+      serveStream(message, stream, StreamResponse::Kind::Mp4);
+      return true;
+    }
   }
   return false;
 }
@@ -192,9 +208,7 @@ void HttpServer::serveStream(SoupServerMessage* message, HttpStream& stream,
     // The length is unknown.
     SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
     soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);
-    soup_message_headers_set_content_type(
-        headers, kind == StreamResponse::Kind::Snapshot ? "image/jpeg" : stream.contentType(),
-        nullptr);
+    soup_message_headers_set_content_type(headers, contentTypeOf(stream, kind), nullptr);
     soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
     return;
   }

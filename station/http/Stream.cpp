@@ -74,6 +74,35 @@ const char* HttpStream::contentType() const {
   return formatOf(codec_).contentType;
 }
 
+std::string HttpStream::mp4Path() const {
+  return Mp4Muxer::supports(codec_) ? "/stream.mp4" : "";
+}
+
+std::shared_ptr<const Mp4Muxer> HttpStream::mp4() {
+  const std::lock_guard lock(muxerMutex_);
+  if (muxer_ == nullptr) {
+    muxer_ = std::make_shared<Mp4Muxer>(codec_, onAccessUnit_, onFailure_);
+  }
+  return muxer_;
+}
+
+std::shared_ptr<Mp4Muxer> HttpStream::muxer() const {
+  const std::lock_guard lock(muxerMutex_);
+  return muxer_;
+}
+
+std::optional<double> HttpStream::mp4Time() const {
+  const std::shared_ptr<const Mp4Muxer> mp4 = muxer();
+  const std::optional<GstClockTime> origin = mp4 != nullptr ? mp4->origin() : std::nullopt;
+  const GstPtr<GstClock> clock(pipeline_ != nullptr ? gst_element_get_clock(pipeline_.get())
+                                                    : nullptr);
+  if (!origin || clock == nullptr) {
+    return std::nullopt;
+  }
+  const GstClockTime start = gst_element_get_base_time(pipeline_.get()) + *origin;
+  return static_cast<double>(GST_CLOCK_DIFF(start, gst_clock_get_time(clock.get()))) / GST_SECOND;
+}
+
 void HttpStream::addReader() {
   lingering_.reset();
   if (pipeline_ == nullptr) {
@@ -117,6 +146,10 @@ void HttpStream::stop() {
   gst_bus_remove_watch(bus.get());
   feed_.reset();
   pipeline_.reset();
+  {
+    const std::lock_guard lock(muxerMutex_);
+    muxer_.reset();
+  }
   buffer_.clear();
   measuring_.reset();
   rates_ = {};
@@ -144,6 +177,9 @@ GstFlowReturn HttpStream::onSample(GstElement* sink, gpointer self) {
   stream->bytes_ += map.size;
   stream->oversized_ += kept ? 0 : 1;
   gst_buffer_unmap(buffer, &map);
+  if (const std::shared_ptr<Mp4Muxer> muxer = stream->muxer()) {
+    muxer->push(sample);
+  }
   stream->onAccessUnit_();
   return GST_FLOW_OK;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -16,6 +17,7 @@
 #include "camera/CameraFeed.h"
 #include "camera/LiveCamera.h"
 #include "http/AccessUnitBuffer.h"
+#include "http/Mp4Muxer.h"
 #include "serve/Timer.h"
 
 namespace station {
@@ -55,6 +57,14 @@ class HttpStream {
   const char* contentType() const;
   const AccessUnitBuffer& buffer() const { return buffer_; }
 
+  // "/stream.mp4", or empty for a codec that MP4 does not hold.
+  std::string mp4Path() const;
+  // The muxer of this stream while it runs, which begins with the first call. Throws StationError
+  // (Pipeline).
+  std::shared_ptr<const Mp4Muxer> mp4();
+  // Seconds on the MP4's timeline, now; none while nobody watches it.
+  std::optional<double> mp4Time() const;
+
   // The encoder runs from the first reader to three seconds after the last. Throws StationError
   // (Pipeline) if it does not start.
   void addReader();
@@ -73,6 +83,7 @@ class HttpStream {
   void start();
   void stop();
   void measure();
+  std::shared_ptr<Mp4Muxer> muxer() const;
   static gboolean onMessage(GstBus* bus, GstMessage* message, gpointer self);
   static GstFlowReturn onSample(GstElement* sink, gpointer self);
 
@@ -84,6 +95,8 @@ class HttpStream {
   const OnFailure onFailure_;
 
   AccessUnitBuffer buffer_;
+  mutable std::mutex muxerMutex_;
+  std::shared_ptr<Mp4Muxer> muxer_;
   std::atomic<std::uint64_t> accessUnits_{0};
   std::atomic<std::uint64_t> bytes_{0};
   std::atomic<std::uint64_t> oversized_{0};

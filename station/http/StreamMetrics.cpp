@@ -5,6 +5,13 @@
 namespace station {
 
 using media_backend::GstVideoBackend;
+namespace {
+
+nlohmann::json orNull(const std::string& text) {
+  return text.empty() ? nlohmann::json() : nlohmann::json(text);
+}
+
+}  // namespace
 
 std::string statusJson(const ServerStatus& server) {
   nlohmann::ordered_json status;
@@ -23,8 +30,11 @@ std::string statusJson(const ServerStatus& server) {
   for (const HttpStream& stream : server.streams) {
     const HttpStream::Counts counts = stream.counts();
     const HttpStream::Rates rates = stream.rates();
+    const std::optional<double> mp4Time = stream.mp4Time();
     status["streams"].push_back({{"codec", GstVideoBackend::codecName(stream.codec())},
                                  {"path", stream.path()},
+                                 {"mp4", orNull(stream.mp4Path())},
+                                 {"mp4_time", mp4Time ? nlohmann::json(*mp4Time) : nullptr},
                                  {"running", stream.isRunning()},
                                  {"viewers", stream.readers()},
                                  {"frame_rate", rates.perSecond},

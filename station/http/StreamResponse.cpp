@@ -9,7 +9,7 @@
 namespace station {
 namespace {
 
-constexpr std::chrono::seconds kSnapshotTimeout{5};
+constexpr std::chrono::seconds kFirstPictureTimeout{5};
 
 struct BytesUnref {
   void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
@@ -24,12 +24,13 @@ StreamResponse::StreamResponse(SoupServerMessage* message, HttpStream& stream, K
       stream_(stream),
       kind_(kind),
       onWritten_(std::move(onWritten)) {
-  stream_.addReader();
-  if (kind_ == Kind::Stream) {
-    beginStream();
-  } else {
-    timeout_.emplace(kSnapshotTimeout, [this] {
-      refuseSnapshot();
+  if (kind_ == Kind::Mp4) {
+    mp4_ = stream_.mp4();
+  }
+  stream_.addReader();  // last of what may throw
+  if (kind_ != Kind::Stream) {
+    timeout_.emplace(kFirstPictureTimeout, [this] {
+      refuseLate();
       return false;
     });
   }
@@ -42,10 +43,35 @@ StreamResponse::~StreamResponse() {
   stream_.removeReader();
 }
 
-void StreamResponse::beginStream() {
+const AccessUnitBuffer& StreamResponse::buffer() const {
+  return mp4_ != nullptr ? mp4_->buffer() : stream_.buffer();
+}
+
+// Whether the header is ready: that of MP4 comes out of the muxer.
+bool StreamResponse::begin() {
+  if (begun_ || kind_ == Kind::Snapshot) {
+    return true;
+  }
+  if (kind_ == Kind::Mp4) {
+    const std::optional<Mp4Muxer::Header> header = mp4_->header();
+    if (!header) {
+      return false;
+    }
+    beginStream(header->contentType.c_str());
+    const BytesPtr bytes(g_bytes_new(header->bytes.data(), header->bytes.size()));
+    append(bytes.get());
+    soup_server_message_unpause(message_.get());
+  } else {
+    beginStream(stream_.contentType());
+  }
+  begun_ = true;
+  return true;
+}
+
+void StreamResponse::beginStream(const char* contentType) {
   soup_server_message_set_status(message_.get(), SOUP_STATUS_OK, nullptr);
   SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message_.get());
-  soup_message_headers_set_content_type(headers, stream_.contentType(), nullptr);
+  soup_message_headers_set_content_type(headers, contentType, nullptr);
   const bool chunked = soup_server_message_get_http_version(message_.get()) != SOUP_HTTP_1_0;
   soup_message_headers_set_encoding(headers, chunked ? SOUP_ENCODING_CHUNKED : SOUP_ENCODING_EOF);
   soup_message_body_set_accumulate(soup_server_message_get_response_body(message_.get()), FALSE);
@@ -53,11 +79,11 @@ void StreamResponse::beginStream() {
 }
 
 void StreamResponse::write() {
-  if (unwritten_ > 0 || answered_) {
+  if (answered_ || !begin() || unwritten_ > 0) {
     return;
   }
   const std::uint64_t skipped = cursor_.skipped;
-  const BytesPtr accessUnit(stream_.buffer().read(cursor_));
+  const BytesPtr accessUnit(buffer().read(cursor_));
   stream_.addSkipped(cursor_.skipped - skipped);
   if (accessUnit == nullptr) {
     return;
@@ -80,10 +106,10 @@ void StreamResponse::append(GBytes* bytes) {
 // Appends the next part's boundary, too: browsers show a part only when it is complete.
 void StreamResponse::appendPart(GBytes* image) {
   const std::string head =
-      std::string(begun_ ? "" : "--picture\r\n") +
+      std::string(hasPart_ ? "" : "--picture\r\n") +
       "Content-Type: image/jpeg\r\nContent-Length: " + std::to_string(g_bytes_get_size(image)) +
       "\r\n\r\n";
-  begun_ = true;
+  hasPart_ = true;
   const BytesPtr before(g_bytes_new(head.data(), head.size()));
   append(before.get());
   append(image);
@@ -100,8 +126,8 @@ void StreamResponse::answerSnapshot(GBytes* image) {
   answered_ = true;
 }
 
-void StreamResponse::refuseSnapshot() {
-  if (!answered_) {
+void StreamResponse::refuseLate() {
+  if (!answered_ && !begun_) {
     soup_server_message_set_status(message_.get(), SOUP_STATUS_SERVICE_UNAVAILABLE, nullptr);
     answered_ = true;
     soup_server_message_unpause(message_.get());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include <libsoup/soup.h>
@@ -17,7 +18,7 @@ namespace station {
 // Threads: the main context's.
 class StreamResponse {
  public:
-  enum class Kind { Stream, Snapshot };
+  enum class Kind { Stream, Mp4, Snapshot };
 
   // Answers `message`, and calls `onWritten` after each chunk that was written. Throws StationError
   // (Pipeline) if the stream does not start.
@@ -33,22 +34,26 @@ class StreamResponse {
   void write();
 
  private:
-  void beginStream();
+  const AccessUnitBuffer& buffer() const;
+  bool begin();
+  void beginStream(const char* contentType);
   void append(GBytes* bytes);
   void appendPart(GBytes* image);
   void answerSnapshot(GBytes* image);
-  void refuseSnapshot();
+  void refuseLate();
   static void onWritten(SoupServerMessage* message, gpointer self);
 
   const GstPtr<SoupServerMessage> message_;
   HttpStream& stream_;
   const Kind kind_;
   const std::function<void()> onWritten_;
-  std::optional<Timer> timeout_;  // of a snapshot
+  std::shared_ptr<const Mp4Muxer> mp4_;
+  std::optional<Timer> timeout_;  // of the first picture
   AccessUnitBuffer::Cursor cursor_;
   unsigned int unwritten_ = 0;  // chunks
-  bool begun_ = false;
-  bool answered_ = false;
+  bool begun_ = false;          // its header is ready
+  bool hasPart_ = false;        // of motion JPEG
+  bool answered_ = false;       // completely
 };
 
 }  // namespace station

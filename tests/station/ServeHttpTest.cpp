@@ -1,4 +1,4 @@
-// HTTP as clients see it: curl, ffprobe, Chromium, and a client that pauses.
+// HTTP as clients see it: curl, ffprobe, and a client that pauses.
 
 #include <gtest/gtest.h>
 
@@ -54,8 +54,11 @@ INSTANTIATE_TEST_SUITE_P(Codecs, ServeHttp,
                          testing::Values(std::tuple{"imx", "h264", "/stream.h264", "h264"},
                                          std::tuple{"nvidia", "h265", "/stream.h265", "hevc"},
                                          std::tuple{"nvidia", "av1", "/stream.obu", "obu"},
+                                         std::tuple{"nvidia", "h264", "/stream.mp4", "mp4"},
                                          std::tuple{"imx", "mjpeg", "/stream.mjpeg", "mpjpeg"}),
-                         [](const auto& instance) { return std::get<1>(instance.param); });
+                         [](const auto& instance) {
+                           return std::get<1>(instance.param) + std::get<3>(instance.param);
+                         });
 
 TEST(ServeHttpPaths, AnswerAsDescribed) {
   Server server("http", {"--board", "imx", "--codec", "h264"});
@@ -66,6 +69,7 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
       {"GET", "/metrics", "200 text/plain; version=0.0.4; charset=utf-8",
        "\nmedia_station_viewers{codec=\"h264\"} 0\n"},
       {"HEAD", "/stream.h264", "200 video/h264", ""},
+      {"HEAD", "/stream.mp4", "200 video/mp4", ""},
       {"HEAD", "/stream.mjpeg", "200 multipart/x-mixed-replace; boundary=picture", ""},
       {"POST", "/", "405 text/plain; charset=utf-8", "only GET and HEAD"},
       {"GET", "/stream.h265", "404 text/plain; charset=utf-8", "nothing is served"},
@@ -144,62 +148,6 @@ TEST(ServeHttpRequests, EveryAnswerIsProtected) {
     }
   }
   server.stop();
-}
-
-// Chromium runs the code of the page and watches.
-class ServeHttpPage : public testing::Test {
- protected:
-  void SetUp() override {
-    if (run({"sh", "-c", "command -v chromium"}).exitCode != 0) {
-      GTEST_SKIP() << "no Chromium: page not looked at";
-    }
-  }
-
-  // Prints the page as it is after a time in its own milliseconds.
-  Words chromium(const std::string& time, const std::string& url) const {
-    return {"chromium",
-            "--headless",
-            "--no-sandbox",
-            "--disable-gpu",
-            "--disable-dev-shm-usage",
-            "--user-data-dir=" + folder_ / "profile",
-            "--virtual-time-budget=" + time,
-            "--dump-dom",
-            url};
-  }
-
-  TempFolder folder_;
-};
-
-void expectTexts(const std::string& page, const Words& texts) {
-  for (const std::string& text : texts) {
-    EXPECT_NE(page.find(text), std::string::npos) << text << page;
-  }
-}
-
-TEST_F(ServeHttpPage, ShowsTheLivePictureIfThereIsOne) {
-  const std::tuple<const char*, const char*, Words> rows[] = {
-      {"nvidia",
-       "mjpeg",
-       {"profile\">nvidia-nvmm<", "codec\">mjpeg<", "viewers\">1 of 32<",
-        "Live, 320 × 180, motion JPEG", "role=\"status\">live<"}},
-      {"imx", "h264", {"codec\">mjpeg<", "Live, 320 × 180, motion JPEG"}},
-      {"nvvidconv,nvv4l2h264enc", "h264", {"codec\">h264<", "no JPEG encoder", "hidden=\"\""}},
-  };
-  for (const auto& [board, codec, texts] : rows) {
-    Server server("http", {"--board", board, "--codec", codec});
-    expectTexts(run(chromium("8000", server.url())).out, texts);
-    server.stop();
-  }
-}
-
-TEST_F(ServeHttpPage, SaysThatTheServerIsGone) {
-  Server server("http", {"--board", "imx"});
-  Program page(chromium("60000", server.url()));
-  server.awaitLine("camera runs");
-  server.stop();
-  expectTexts(page.wait().out,
-              {"The server does not answer.", "hidden=\"\"", "role=\"status\">connection lost<"});
 }
 
 // The board's encoder runs without settings over HTTP.
