@@ -32,7 +32,12 @@ LiveCamera::Subscription::~Subscription() {
 }
 
 LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange)
-    : camera_(std::move(camera)), onChange_(std::move(onChange)), picture_(nextPicture()) {
+    : camera_(std::move(camera)),
+      onChange_(std::move(onChange)),
+      picture_(nextPicture()),
+      metrics_("camera", [this] {
+        return Metrics::Figures{{"frames", Metrics::Kind::Counter, "Frames delivered.", frames_}};
+      }) {
   thread_ = std::thread([this] { callGuarded([this] { run(); }); });
 }
 

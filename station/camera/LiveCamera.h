@@ -13,6 +13,7 @@
 
 #include <lumora/FrameExport.h>
 
+#include "base/Metrics.h"
 #include "base/StationError.h"
 #include "camera/Camera.h"
 
@@ -75,6 +76,7 @@ class LiveCamera {
   std::optional<StationError> failure_;
   bool stop_ = false;
   std::thread thread_;
+  const Metrics::Publication metrics_;
 };
 
 }  // namespace station

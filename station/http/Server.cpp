@@ -80,7 +80,11 @@ HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
       listener_(
           options.address, options.port,
           {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle, options.quiet},
-          [this](GSocketConnection* connection) { accept(connection); }) {
+          [this](GSocketConnection* connection) { accept(connection); }),
+      metrics_("http", [this] {
+        return Metrics::Figures{
+            {"connections", Metrics::Kind::Gauge, "Open connections.", listener_.connections()}};
+      }) {
   addStream(options.encoder.codec);
   // For browsers, which show no other stream, and for snapshots.
   if (options.encoder.codec != Codec::Mjpeg && backend.supports(Codec::Mjpeg)) {
@@ -157,10 +161,10 @@ void HttpServer::answer(SoupServerMessage* message, const std::string& path) {
 
 bool HttpServer::answerText(SoupServerMessage* message, const std::string& path) const {
   const ServerStatus status = {backend_,
-                               camera_,
+                               camera_.options(),
+                               camera_.format(),
                                options_,
                                (g_get_monotonic_time() - begin_) / G_USEC_PER_SEC,
-                               listener_.connections(),
                                streams_};
   if (path == "/status.json") {
     respond(message, "application/json", statusJson(status));

@@ -7,6 +7,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "base/Handles.h"
+#include "base/Metrics.h"
 #include "camera/LiveCamera.h"
 #include "http/RequestGuard.h"
 #include "http/Stream.h"
@@ -65,6 +66,7 @@ class HttpServer {
   std::list<StreamResponse> responses_;
   const GstPtr<SoupServer> server_;
   Listener listener_;
+  const Metrics::Publication metrics_;
 };
 
 }  // namespace station

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/Metrics.h"
+
 namespace station {
 
 using media_backend::GstVideoBackend;
@@ -16,16 +18,18 @@ nlohmann::json orNull(const std::string& text) {
 std::string statusJson(const ServerStatus& server) {
   nlohmann::ordered_json status;
   status["profile"] = server.backend.name();
-  status["source"] = server.camera.options().source;
-  const FrameFormat& frames = server.camera.format();
-  status["width"] = frames.width;
-  status["height"] = frames.height;
-  status["fps"] = frames.rate.perSecond();
+  status["source"] = server.camera.source;
+  status["width"] = server.frames.width;
+  status["height"] = server.frames.height;
+  status["fps"] = server.frames.rate.perSecond();
   status["codec"] = GstVideoBackend::codecName(server.options.encoder.codec);
   status["uptime_seconds"] = server.uptimeSeconds;
-  status["camera_frames"] = server.camera.frames();
-  status["connections"] = server.connections;
   status["max_clients"] = server.options.maxClients;
+  Metrics::visit([&status](const std::string& part, const Metrics::Figures& figures) {
+    for (const Metrics::Figure& figure : figures) {
+      status[part][figure.name] = figure.value;
+    }
+  });
   status["streams"] = nlohmann::ordered_json::array();
   for (const HttpStream& stream : server.streams) {
     const HttpStream::Counts counts = stream.counts();
@@ -53,11 +57,6 @@ std::string prometheusText(const ServerStatus& server) {
   const auto describe = [&text](const std::string& name, const char* type, const char* help) {
     text += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
   };
-  const auto whole = [&](const std::string& name, const char* type, const char* help,
-                         std::uint64_t value) {
-    describe(name, type, help);
-    text += name + " " + std::to_string(value) + "\n";
-  };
   const auto each = [&](const std::string& name, const char* type, const char* help,
                         const auto& valueOf) {
     describe(name, type, help);
@@ -66,9 +65,15 @@ std::string prometheusText(const ServerStatus& server) {
               std::to_string(valueOf(stream)) + "\n";
     }
   };
-  whole("media_station_camera_frames_total", "counter", "Frames that the camera gave.",
-        server.camera.frames());
-  whole("media_station_connections", "gauge", "Open connections.", server.connections);
+  Metrics::visit([&](const std::string& part, const Metrics::Figures& figures) {
+    for (const Metrics::Figure& figure : figures) {
+      const bool isCounter = figure.kind == Metrics::Kind::Counter;
+      const std::string name =
+          "media_station_" + part + "_" + figure.name + (isCounter ? "_total" : "");
+      describe(name, isCounter ? "counter" : "gauge", figure.help);
+      text += name + " " + std::to_string(figure.value) + "\n";
+    }
+  });
   each("media_station_viewers", "gauge", "Clients that watch.",
        [](const HttpStream& stream) { return stream.readers(); });
   each("media_station_encoded_frames_total", "counter", "Frames that came out of the encoder.",

@@ -9,13 +9,13 @@
 
 namespace station {
 
-// What the server reports about itself. Borrows everything.
+// What the server reports, beside the figures of the whole process (Metrics). Borrows everything.
 struct ServerStatus {
   const media_backend::GstVideoBackend& backend;
-  const LiveCamera& camera;
+  const CameraOptions& camera;
+  const FrameFormat& frames;
   const ServeOptions& options;
   std::int64_t uptimeSeconds;
-  unsigned int connections;
   const std::list<HttpStream>& streams;
 };
 

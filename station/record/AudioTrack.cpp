@@ -26,7 +26,15 @@ void append(AudioTrack::Frames& frames, AudioTrack::Frames more) {
 
 }  // namespace
 
-AudioTrack::AudioTrack(const Settings& settings) : endNs_(kStartNs) {
+AudioTrack::AudioTrack(const Settings& settings)
+    : endNs_(kStartNs), metrics_("audio", [this] {
+        constexpr auto kCounter = Metrics::Kind::Counter;
+        const Statistics now = statistics();
+        return Metrics::Figures{
+            {"received_packets", kCounter, "Packets received in time.", now.received},
+            {"late_packets", kCounter, "Packets received too late.", now.late},
+            {"fallback_frames", kCounter, "Frames made to fill gaps.", now.fallback}};
+      }) {
   guard_.setFallbackMode(settings.fallback);
   guard_.setWatchdogTimeout(settings.watchdog);
   guard_.prime(48000, 1, frameNs_);

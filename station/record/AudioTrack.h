@@ -7,6 +7,8 @@
 
 #include <media_backend/AudioContinuityGuard.h>
 
+#include "base/Metrics.h"
+
 namespace station {
 
 // Continuous audio track of a recording, from time 0: received packets, and the guard's fallback
@@ -55,6 +57,7 @@ class AudioTrack {
   std::uint64_t endNs_;  // of the track so far, on the guard's timeline
   std::uint64_t frameNs_ = 20'000'000;
   Statistics statistics_{};
+  const Metrics::Publication metrics_;
 };
 
 }  // namespace station

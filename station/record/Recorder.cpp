@@ -63,12 +63,14 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
   }
+  metrics_.emplace("record", [this] { return figures(); });
 }
 
 // Workaround for splitmuxsink of GStreamer 1.22: set to NULL before its first GOP is complete, it
 // may leave its stopping state when the muxer, which has stopped, refuses caps; the metadata stream
 // then never ends its wait. EOS first avoids that.
 Recorder::~Recorder() {
+  metrics_.reset();
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;
   }
@@ -229,15 +231,25 @@ std::string Recorder::segmentName() const {
   return segmentName_;
 }
 
+Metrics::Figures Recorder::figures() const {
+  constexpr auto kCounter = Metrics::Kind::Counter;
+  const Statistics now = statistics();
+  return {{"frames", kCounter, "Frames in the files.", now.frames},
+          {"dropped", kCounter, "Frames that the encoder was too slow for.", now.dropped},
+          {"bytes", kCounter, "Bytes of video in the files.", now.bytes},
+          {"segments", kCounter, "Files begun.", now.segments}};
+}
+
 Recorder::Statistics Recorder::statistics() const {
   const std::uint64_t frames = frames_->buffers();
   const std::uint64_t entered = entered_;
   const std::uint64_t next = nextIndex_;
-  const std::uint64_t given = entered + (end_ - pushed_);  // or dropped by the camera
+  const std::uint64_t pushed = pushed_;
+  const std::uint64_t given = entered + (end_ - pushed);  // or dropped by the camera
   const std::uint64_t late = next > given ? next - given : 0;
   const std::lock_guard lock(mutex_);
   return {frames,
-          isFinished_ ? pushed_ - std::min(pushed_, frames) : late,
+          isFinished_ ? pushed - std::min(pushed, frames) : late,
           frames_->bytes(),
           segments_,
           klv_ ? klv_->counts() : PacketTrack::Counts{},

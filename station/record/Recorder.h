@@ -16,6 +16,7 @@
 #include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "base/Metrics.h"
 #include "base/Pipelines.h"
 #include "camera/FrameFormat.h"
 #include "record/MuxerInput.h"
@@ -82,7 +83,7 @@ class Recorder {
   // Completes the last segment and stops the pipeline.
   void finish();
 
-  // File name of the segment being written, empty before the first.
+  // File name of the segment being written, empty before the first. Any thread, as the next.
   std::string segmentName() const;
   Statistics statistics() const;
 
@@ -91,6 +92,7 @@ class Recorder {
   void setTimestamps(GstBuffer* buffer, std::uint64_t index) const;
   bool waitForEos();
   [[noreturn]] void waitForError();
+  Metrics::Figures figures() const;
   [[noreturn]] void throwError(const BusError& error) const;
 
   static GstPadProbeReturn onEncoderInput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
@@ -101,12 +103,12 @@ class Recorder {
   const Settings settings_;
   std::chrono::system_clock::time_point start_{};
 
-  std::uint64_t pushed_ = 0;
-  std::uint64_t end_ = 0;                    // one past the number of the last frame pushed
+  std::atomic<std::uint64_t> pushed_{0};
+  std::atomic<std::uint64_t> end_{0};        // one past the number of the last frame pushed
   std::atomic<std::uint64_t> entered_{0};    // frames that reached the encoder
   std::atomic<std::uint64_t> nextIndex_{0};  // one past the number of the last of them
   std::atomic<bool> hasEncoded_{false};
-  bool isFinished_ = false;
+  std::atomic<bool> isFinished_{false};
   mutable std::mutex mutex_;
   std::string segmentName_;  // of the newest
   std::uint64_t segments_ = 0;
@@ -118,6 +120,7 @@ class Recorder {
   GstPtr<GstElement> video_;
   GstPtr<GstElement> segmentSink_;
   GstPtr<GstBus> bus_;
+  std::optional<Metrics::Publication> metrics_;
 };
 
 }  // namespace station

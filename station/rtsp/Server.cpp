@@ -72,7 +72,11 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
       sessions_(newSessionPool(options.maxClients)),
       listener_(options.address, options.port,
                 {options.maxClients + kAnsweredConnections, kIdleConnection, options.quiet},
-                [this](GSocketConnection* connection) { accept(connection); }) {
+                [this](GSocketConnection* connection) { accept(connection); }),
+      metrics_("rtsp", [this] {
+        return Metrics::Figures{
+            {"connections", Metrics::Kind::Gauge, "Open connections.", listener_.connections()}};
+      }) {
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
   g_signal_connect(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>), nullptr);
   addCamera();

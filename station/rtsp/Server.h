@@ -8,6 +8,7 @@
 #include <gst/rtsp-server/rtsp-server.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "base/Metrics.h"
 #include "camera/LiveCamera.h"
 #include "rtsp/ClientStream.h"
 #include "rtsp/Feeds.h"
@@ -47,6 +48,7 @@ class RtspServer {
   const GstPtr<GstRTSPSessionPool> sessions_;
   std::uint64_t accepted_ = 0;
   Listener listener_;
+  const Metrics::Publication metrics_;
   std::optional<Timer> checking_;  // active while there are clients
 };
 

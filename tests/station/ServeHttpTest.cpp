@@ -68,6 +68,8 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
       {"GET", "/status.json", "200 application/json", "\"profile\": \"dmabuf-nv12-vpu\""},
       {"GET", "/metrics", "200 text/plain; version=0.0.4; charset=utf-8",
        "\nmedia_station_viewers{codec=\"h264\"} 0\n"},
+      {"GET", "/metrics", "200 text/plain; version=0.0.4; charset=utf-8",
+       "\nmedia_station_http_connections 1\n"},
       {"HEAD", "/stream.h264", "200 video/h264", ""},
       {"HEAD", "/stream.mp4", "200 video/mp4", ""},
       {"HEAD", "/stream.mjpeg", "200 multipart/x-mixed-replace; boundary=picture", ""},
@@ -86,6 +88,21 @@ TEST(ServeHttpPaths, AnswerAsDescribed) {
     const std::string body{std::istreambuf_iterator<char>(stream), {}};
     EXPECT_NE(body.find(content), std::string::npos) << method << path;
   }
+  server.stop();
+}
+
+// Prometheus's own checker of names, types and help texts.
+TEST(ServeHttpPaths, PrometheusAcceptsTheMetrics) {
+  const std::string promtool =
+      "PATH=$PATH:" TEST_SOURCES "/../../build/prometheus/usr/bin promtool ";
+  if (run({"sh", "-c", promtool + "--version"}).exitCode != 0) {
+    GTEST_SKIP() << "no promtool: metrics not checked";
+  }
+  Server server("http", {"--board", "imx"});
+  const Result result =
+      run({"sh", "-c", "curl -sS " + server.url() + "/metrics | " + promtool + "check metrics"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.err, "");
   server.stop();
 }
 

@@ -4,10 +4,9 @@
 class LivePlayer {
   // Seconds of the stream that are there and not yet shown.
   static target = 0.1;    // wanted: it absorbs what the network and the encoder vary
-  static most = 0.3;      // played faster from there on
+  static most = 0.3;      // played faster from there on, up to the target
   static tooMuch = 1;     // skipped from there on, as after a pause
   static kept = 10;       // before the picture, until it is removed
-  static fast = 1.1;
 
   constructor(video) {
     this.video = video;
@@ -68,7 +67,7 @@ class LivePlayer {
     if (ahead > LivePlayer.tooMuch || video.currentTime < buffered.start(last)) {
       video.currentTime = Math.max(buffered.start(last), buffered.end(last) - LivePlayer.target);
     }
-    if (ahead > LivePlayer.most) video.playbackRate = LivePlayer.fast;
+    if (ahead > LivePlayer.most) video.playbackRate = 1 + Math.ceil(10 * ahead) / 20;
     if (ahead < LivePlayer.target) video.playbackRate = 1;
   }
 }
