@@ -23,11 +23,17 @@ AudioFeed::AudioFeed(const AudioOptions& options) : options_(options) {
   if (options.isWanted()) {
     track_.emplace(options.track);
   }
+  if (!options.microphone.element.empty()) {
+    microphone_.emplace(options.microphone, *track_);
+  }
 }
 
 void AudioFeed::start(steady_clock::time_point time) {
   if (!packets_.empty()) {
     receiver_.emplace(std::move(packets_), options_.reception, *track_, time);
+  }
+  if (microphone_) {
+    microphone_->start(time);
   }
 }
 
@@ -40,6 +46,9 @@ void AudioFeed::push(Recorder& recorder, nanoseconds videoEnd) {
 void AudioFeed::finish(Recorder& recorder, nanoseconds end) {
   if (receiver_) {
     receiver_->stopAt(end);
+  }
+  if (microphone_) {
+    microphone_->stopAt(end);
   }
   if (track_) {
     pushBefore(recorder, end, track_->finish(end));

@@ -12,7 +12,7 @@ namespace station {
 // The audio of a recording: the track and its receiver. Does nothing for a recording without audio.
 class AudioFeed {
  public:
-  // Reads the file; throws StationError (Source).
+  // Reads the file or opens the microphone; throws StationError (Source).
   explicit AudioFeed(const AudioOptions& options);
 
   void start(std::chrono::steady_clock::time_point time);
@@ -28,6 +28,7 @@ class AudioFeed {
   std::vector<OpusPacket> packets_;
   std::optional<AudioTrack> track_;
   std::optional<AudioReceiver> receiver_;
+  std::optional<Microphone> microphone_;
   AudioTrack::Frames early_;  // ahead of the video; after finish(): not recorded
 };
 

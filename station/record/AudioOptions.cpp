@@ -41,7 +41,17 @@ void AudioOptions::addTo(CLI::App& command) {
           .add_option("--audio", file,
                       "Record audio: the Opus packets of this Ogg or Matroska file")
           ->type_name("FILE");
-  command.add_flag("--audio-silence", silence, "Record a silent audio track")->excludes(source);
+  CLI::Option* const live =
+      command
+          .add_option_function<std::string>(
+              "--mic",
+              [this](const std::string& text) { microphone = MicrophoneName::parse(text); },
+              "Record audio: of alsa:DEVICE, pulse:NAME, or a test tone")
+          ->type_name("alsa:DEVICE|pulse:NAME|test")
+          ->excludes(source);
+  command.add_flag("--audio-silence", silence, "Record a silent audio track")
+      ->excludes(source)
+      ->excludes(live);
   command
       .add_option_function<std::vector<std::string>>(
           "--drop",

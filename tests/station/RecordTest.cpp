@@ -150,6 +150,20 @@ TEST_F(Record, FillsWhatIsLostAtRandomAndAfterTheFile) {
   EXPECT_LE(std::stoi(lost[1]), 50);
 }
 
+// A tone of -5 dB; fallback frames are silent.
+TEST_F(Record, KeepsWhatTheMicrophoneHears) {
+  const Result result =
+      run(command({"--board", "imx", "--klv", "--mic", "test", "--duration", "2"}));
+  const Result verdict = judge(result, {"--seconds", "2", "--segment-seconds", "60"});
+  EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
+  const std::string hear =
+      "ffmpeg -i " + output().string() + "/*.ts -af volumedetect -f null - 2>&1";
+  std::smatch volume;
+  const std::string heard = run({"sh", "-c", hear}).out;
+  ASSERT_TRUE(std::regex_search(heard, volume, std::regex("mean_volume: (-[0-9.]+)"))) << heard;
+  EXPECT_GT(std::stod(volume[1]), -20);
+}
+
 TEST_F(Record, EndsWithTheFileWithoutLooping) {
   const Result result = run(command({"--board", "nvidia", "--no-loop"}));
   EXPECT_TRUE(hasRecorded(result)) << result.err;
@@ -183,6 +197,8 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--audio", clip_, "--drop", "1-1e10"}, 2, "not 1-1e10"},
       {{clip_, "-o", out, "--audio", clip_, "--loss", "nan"}, 2, "--loss: nan is no number"},
       {{clip_, "-o", out, "--drop", "3-4"}, 2, "--drop requires --audio"},
+      {{clip_, "-o", out, "--mic", "jack"}, 2, "alsa:DEVICE, pulse:NAME or test, not jack"},
+      {{clip_, "-o", out, "--mic", "test", "--audio", clip_}, 2, "--audio excludes --mic"},
       {{clip_, "-o", out, "--duration", "nan"}, 2, "--duration: nan is no number"},
       {{clip_, "-o", out, "--duration", "inf"}, 2, "--duration: Value inf not in"},
       {{clip_, "-o", out, "--fps", "0"}, 2, "--fps: Value 0 not in"},
