@@ -1,4 +1,4 @@
-# Shared by scripts/demo and scripts/test.
+# Shared by several scripts.
 # shellcheck shell=bash
 
 # Runs a command with its output in the file $1. Every 15 seconds, prints the time that it has taken and the
@@ -23,4 +23,11 @@ report_progress() {
   while ! read -rt 15 -u "$never" && kill -0 $$ 2>/dev/null; do
     printf '  %d s: %s\n' $((SECONDS - begin)) "$(tail -n 1 "$1" | tr -d '\r' | cut -c 1-90)"
   done
+}
+
+# The mirror of this machine's own packages.
+# shellcheck disable=SC2016  # apt's own variables
+mirror() {
+  apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Created-By: Packages' |
+    sed -n 's/ [a-z]*$//p' | head -n 1
 }
