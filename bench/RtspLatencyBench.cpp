@@ -72,8 +72,10 @@ double age(const std::uint8_t* luma, std::size_t stride) {
 
 class StampingCamera : public station::Camera {
  public:
-  StampingCamera() : Camera({"test picture", kWidth, kHeight, false, kFps}) {
+  explicit StampingCamera(const GstVideoBackend& backend)
+      : Camera({"test picture", kWidth, kHeight, false, kFps}) {
     format_ = {kWidth, kHeight, {static_cast<int>(kFps), 1}, ""};
+    feedInto(backend);
   }
 
   std::shared_ptr<lumora::LumoraPicture> next() override {
@@ -253,7 +255,7 @@ int main(int argc, char** argv) {
   const GstVideoBackend backend(nvidiaProfile());
   station::ServeOptions options;
   options.encoder = config();
-  station::LiveCamera camera(std::make_unique<StampingCamera>());
+  station::LiveCamera camera(std::make_unique<StampingCamera>(backend));
   int exitCode = EXIT_FAILURE;
   {
     station::RtspServer server(backend, camera, options);

@@ -77,6 +77,21 @@ std::vector<BoardElement> lookUpElements() {
   return elements;
 }
 
+Simulation simulationOf(Platform platform) {
+  bool anyReal = false;
+  bool anySimulated = false;
+  for (const BoardElement& element : lookUpElements()) {
+    // Parsers and JPEG encoders of software stand beside the hardware's elements.
+    const std::string name = element.name;
+    const bool isHardware =
+        name.rfind("nv", 0) == 0 || name.rfind("vpu", 0) == 0 || name.rfind("imx", 0) == 0;
+    if (element.present && element.platform == platform && isHardware) {
+      (simulated_board::isSimulated(element.name) ? anySimulated : anyReal) = true;
+    }
+  }
+  return !anySimulated ? Simulation::None : anyReal ? Simulation::Some : Simulation::All;
+}
+
 void requirePlatform(const GstVideoBackend& backend) {
   if (!backend.available()) {
     throw StationError(ExitCode::NoPlatform,

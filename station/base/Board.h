@@ -46,6 +46,10 @@ const media_backend::GstVideoBackend& openUsableBoard(const std::string& simulat
 // Every element that a platform may need, platform by platform, then those that all need.
 std::vector<BoardElement> lookUpElements();
 
+// How many of the platform's hardware elements that are here are simulated.
+enum class Simulation { None, Some, All };
+Simulation simulationOf(media_backend::GstVideoBackend::Platform platform);
+
 // Throws StationError (NoPlatform) if the backend offers none.
 void requirePlatform(const media_backend::GstVideoBackend& backend);
 

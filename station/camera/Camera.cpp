@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <utility>
 
 #include <gst/base/gsttypefindhelper.h>
 #include <media_backend/StillImageFrameSource.h>
@@ -10,6 +11,7 @@
 
 #include "base/Pipelines.h"
 #include "base/StationError.h"
+#include "camera/DriverCamera.h"
 #include "camera/MediaFile.h"
 #include "camera/MediaFormat.h"
 #include "camera/Playlists.h"
@@ -77,15 +79,9 @@ class StillImage : public Camera {
   Picture picture_;
 };
 
-}  // namespace
-
-Camera::Camera(const CameraOptions& options) : options_(options) {}
-
-Camera::~Camera() = default;
-
 // Without the place in GStreamer's source, which the library's messages contain: one line for
 // users.
-void Camera::failSource(const std::string& reason) {
+std::string withoutPlace(const std::string& reason) {
   static const std::regex kPlace(R"( \([^ ]+\(\d+\): \w+ \(\): [^\n]*(?:\)$|\n))");
   std::smatch place;
   std::string line = reason;
@@ -93,7 +89,17 @@ void Camera::failSource(const std::string& reason) {
     const std::string rest = place.suffix();
     line = place.prefix().str() + (rest.empty() ? "" : " (" + rest);
   }
-  throw StationError(ExitCode::Source, "source failed: " + line);
+  return line;
+}
+
+}  // namespace
+
+Camera::Camera(const CameraOptions& options) : options_(options) {}
+
+Camera::~Camera() = default;
+
+void Camera::failSource(const std::string& reason) {
+  throw StationError(ExitCode::Source, "source failed: " + withoutPlace(reason));
 }
 
 void Camera::failSilentSource(const std::string& source) {
@@ -110,14 +116,53 @@ std::string Camera::mediaType(const std::string& path) {
   return caps != nullptr ? gst_structure_get_name(gst_caps_get_structure(caps, 0)) : "";
 }
 
+bool Camera::isDevice(const std::string& source) {
+  std::error_code error;
+  // /dev/videoN is a device even while unplugged.
+  return std::filesystem::is_character_file(source, error) || source.rfind("/dev/video", 0) == 0;
+}
+
+void Camera::feedInto(const media_backend::GstVideoBackend& backend) {
+  begin(std::make_unique<FrameFeed>(backend, options_));
+}
+
+void Camera::begin(std::unique_ptr<FrameFeed> feed) {
+  feed->begin(format_);
+  feed_ = std::move(feed);
+}
+
+std::unique_ptr<Camera> Camera::openFor(const media_backend::GstVideoBackend& backend,
+                                        const CameraOptions& options) {
+  auto feed = std::make_unique<FrameFeed>(backend, options);
+  std::unique_ptr<Camera> camera;
+  std::string reason;
+  if (feed->isZeroCopy() && isDevice(options.source)) {
+    camera = DriverCamera::open(options, reason);
+    if (camera == nullptr && options.feed == Feed::ZeroCopy) {
+      failSource(reason);
+    }
+  }
+  const bool isOfDriver = camera != nullptr;
+  if (!isOfDriver) {
+    camera = open(options);
+  }
+  camera->begin(std::move(feed));
+  std::string& line = camera->format_.feed;
+  if (isOfDriver) {
+    line = "zero copy: buffers of " + options.source;
+  } else if (!reason.empty()) {
+    line += "; copied once, since " + withoutPlace(reason);
+  }
+  return camera;
+}
+
 std::unique_ptr<Camera> Camera::open(const CameraOptions& options) {
   std::error_code error;
   const std::filesystem::file_status status = std::filesystem::status(options.source, error);
   if (status.type() == std::filesystem::file_type::none) {
     failSource(error.message() + ": " + options.source);
   }
-  // /dev/videoN is a device even while unplugged.
-  if (std::filesystem::is_character_file(status) || options.source.rfind("/dev/video", 0) == 0) {
+  if (isDevice(options.source)) {
     return std::make_unique<DeviceCamera>(options);
   }
   const std::string type =

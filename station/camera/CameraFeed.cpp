@@ -23,18 +23,15 @@ CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera
         camera.format().setCaps(backend, source.get());
         return source;
       }()),
-      duration_(camera.format().rate.timeOf(1)),
+      format_(camera.format()),
       subscription_(camera, [this](const auto& frame) { push(frame); }) {}
 
 void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame) {
   if (!isPlaying(source_.get())) {
     return;
   }
-  GstBuffer* const buffer = backend_.wrapFrame(frame->handle(), frame);
-  if (buffer == nullptr) {
-    throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
-  }
-  GST_BUFFER_DURATION(buffer) = duration_;
+  GstBuffer* const buffer = format_.wrap(backend_, frame);
+  GST_BUFFER_DURATION(buffer) = format_.rate.timeOf(1);
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
 }
 

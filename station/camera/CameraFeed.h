@@ -22,7 +22,7 @@ class CameraFeed {
 
   const media_backend::GstVideoBackend& backend_;
   const GstPtr<GstElement> source_;
-  const GstClockTime duration_;                  // of a frame
+  const FrameFormat& format_;
   const LiveCamera::Subscription subscription_;  // after what it uses
 };
 

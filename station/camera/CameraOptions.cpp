@@ -1,5 +1,7 @@
 #include "camera/CameraOptions.h"
 
+#include <map>
+
 #include <media_backend/GstNv12Sample.h>
 #include <CLI/CLI.hpp>
 
@@ -29,6 +31,31 @@ void CameraOptions::addTo(CLI::App& command) {
   command.add_flag(
       "--allow-playlists", allowPlaylists,
       "Play a playlist (HLS, DASH), which reads the files and addresses that it names");
+}
+
+void CameraOptions::addFeedTo(CLI::App& command) {
+  using Kind = lumora::FrameMemoryKind;
+  static const std::map<std::string, Feed> kFeeds = {
+      {"auto", Feed::Auto}, {"zero-copy", Feed::ZeroCopy}, {"copy", Feed::Copy}};
+  static const std::map<std::string, std::optional<Kind>> kKinds = {{"auto", std::nullopt},
+                                                                    {"heap", Kind::Heap},
+                                                                    {"udmabuf", Kind::Udmabuf},
+                                                                    {"memfd", Kind::Memfd}};
+  command
+      .add_option_function<std::string>(
+          "--feed", [this](const std::string& name) { feed = kFeeds.at(name); },
+          "How frames get to the encoder: zero-copy or nothing, copied, or the best that works")
+      ->type_name("{auto,zero-copy,copy}")
+      ->check(CLI::IsMember(kFeeds))
+      ->default_str("auto");
+  command
+      .add_option_function<std::string>(
+          "--memory", [this](const std::string& name) { memory = kKinds.at(name); },
+          "Where frames are that the camera does not hold: a DMA heap, udmabuf, or memory files, "
+          "which only simulated elements take")
+      ->type_name("{auto,heap,udmabuf,memfd}")
+      ->check(CLI::IsMember(kKinds))
+      ->default_str("auto");
 }
 
 }  // namespace station

@@ -80,11 +80,7 @@ void LiveCamera::run() {
         due = std::max(due + interval, steady_clock::now() - interval);
         std::this_thread::sleep_until(due);
       }
-      auto frame = pool_.exportPicture(*picture_);
-      if (frame == nullptr) {
-        throw StationError(ExitCode::Pipeline, "no memory for a frame");
-      }
-      deliver(frame);
+      deliver(camera_->exportPicture(*picture_));
       if (!camera_->isLive()) {
         picture_ = nextPicture();
       }

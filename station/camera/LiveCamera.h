@@ -67,7 +67,6 @@ class LiveCamera {
   const std::unique_ptr<Camera> camera_;
   const std::function<void()> onChange_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
-  lumora::FramePool pool_;
   std::atomic<std::uint64_t> frames_{0};
 
   mutable std::mutex mutex_;

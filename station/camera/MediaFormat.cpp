@@ -173,14 +173,18 @@ std::string MediaFormat::colorimetryAt(unsigned int nv12Width, unsigned int nv12
 std::string readDeviceColorimetry(const media_backend::V4l2FrameSourceConfig& config) {
   MediaProbe probe(kDevice, {config.device, config.width, config.height, config.fps, false});
   const Sample sample = probe.next();
+  return sample != nullptr ? colorimetryOf(sample.get(), config.width, config.height) : "";
+}
+
+std::string colorimetryOf(GstSample* sample, unsigned int width, unsigned int height) {
   MediaFormat format;
   GstVideoInfo info;
-  GstCaps* const caps = sample != nullptr ? gst_sample_get_caps(sample.get()) : nullptr;
+  GstCaps* const caps = gst_sample_get_caps(sample);
   if (caps == nullptr || !gst_video_info_from_caps(&info, caps)) {
     return "";
   }
   readColorimetry(caps, info, nullptr, format);
-  return format.colorimetryAt(config.width, config.height);
+  return format.colorimetryAt(width, height);
 }
 
 std::optional<MediaFormat> readMediaFormat(const std::string& path) {

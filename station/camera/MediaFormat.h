@@ -26,6 +26,10 @@ struct MediaFormat {
 // Decodes the beginning of the file. Empty if that fails or takes longer than five seconds.
 std::optional<MediaFormat> readMediaFormat(const std::string& path);
 
+// Colorimetry, as in caps, of the NV12 pictures that the library makes in this size of a device's
+// sample; empty for a sample without a format.
+std::string colorimetryOf(GstSample* sample, unsigned int width, unsigned int height);
+
 // Captures a frame as the library's V4L2 source does, and returns its colorimetry, as in caps;
 // empty if that fails or takes longer than five seconds.
 std::string readDeviceColorimetry(const media_backend::V4l2FrameSourceConfig& config);

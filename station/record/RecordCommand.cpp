@@ -19,6 +19,7 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   addBoardOption(command, board_);
   addEncoderOptions(command, options_.recorder.encoder, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
+  options_.camera.addFeedTo(command);
   command.add_option("-o,--output", options_.folder, "Folder for the segments")
       ->type_name("FOLDER")
       ->required();

@@ -137,13 +137,9 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
   return g_strdup(path.c_str());
 }
 
-void Recorder::push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
+void Recorder::push(const std::shared_ptr<lumora::ExportedFrame>& frame, std::uint64_t index,
                     const std::vector<std::uint8_t>& klv) {
-  const lumora::FrameExportHandle& handle = frame->handle();
-  GstBuffer* const buffer = backend_.wrapFrame(handle, std::move(frame));
-  if (buffer == nullptr) {
-    throw StationError(ExitCode::Pipeline, "a frame could not be wrapped");
-  }
+  GstBuffer* const buffer = settings_.frames.wrap(backend_, frame);
   ++pushed_;
   end_ = index + 1;
   setTimestamps(buffer, index);

@@ -67,7 +67,7 @@ class Recorder {
 
   // Pushes frame number `index`, from 0 and growing, and its KLV packet, which is ignored when
   // recording without KLV.
-  void push(std::shared_ptr<lumora::ExportedFrame> frame, std::uint64_t index,
+  void push(const std::shared_ptr<lumora::ExportedFrame>& frame, std::uint64_t index,
             const std::vector<std::uint8_t>& klv);
 
   // Pushes an Opus packet; only when recording with audio.

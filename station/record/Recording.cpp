@@ -64,8 +64,8 @@ std::shared_ptr<lumora::LumoraPicture> firstFrame(Camera& camera) {
 Recording::Recording(const GstVideoBackend& backend, const RecordOptions& options)
     : options_(options),
       audio_(checked(backend, options)),
-      camera_(
-          callSource(options.camera.source, [&options] { return Camera::open(options.camera); })),
+      camera_(callSource(options.camera.source,
+                         [&] { return Camera::openFor(backend, options.camera); })),
       picture_(firstFrame(*camera_)),
       recorder_(backend,
                 {options.recorder.encoder, options.recorder.segmentSeconds, options.recorder.klv,
@@ -74,6 +74,7 @@ Recording::Recording(const GstVideoBackend& backend, const RecordOptions& option
 }
 
 void Recording::run() {
+  std::fprintf(stderr, "%s\n", camera_->format().feed.c_str());
   try {
     recordFrames();
   } catch (const StationError& error) {
@@ -116,12 +117,7 @@ void Recording::recordFrame() {
         *picture_, start_ + std::chrono::duration_cast<system_clock::duration>(elapsed), elapsed);
     klv = encodeMisbSt0601(*picture_);
   }
-  std::shared_ptr<lumora::ExportedFrame> frame = pool_.exportPicture(*picture_);
-  if (frame == nullptr) {
-    throw StationError(ExitCode::Pipeline,
-                       std::string("no memory for a frame: ") + g_strerror(errno));
-  }
-  recorder_.push(std::move(frame), index_, klv);
+  recorder_.push(camera_->exportPicture(*picture_), index_, klv);
 }
 
 void Recording::finish() {

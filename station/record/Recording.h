@@ -39,7 +39,6 @@ class Recording {
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to record; null after the last
   const StopSignal stop_;
   Recorder recorder_;
-  lumora::FramePool pool_;
   Progress progress_;
   const std::chrono::system_clock::time_point start_ = std::chrono::system_clock::now();
   std::chrono::steady_clock::time_point base_ = std::chrono::steady_clock::now();

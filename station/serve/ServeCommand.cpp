@@ -32,7 +32,7 @@ void ServeCommand::run() {
   const GstVideoBackend& backend = openUsableBoard(board_);
   MainLoop loop;
   LiveCamera camera(
-      callSource(options_.camera.source, [this] { return Camera::open(options_.camera); }),
+      callSource(options_.camera.source, [&] { return Camera::openFor(backend, options_.camera); }),
       [&loop] { loop.cameraChanged(); });
   serve(backend, camera, loop);
 }
@@ -44,6 +44,9 @@ void ServeCommand::announce(const Listener& listener, const std::string& path,
               path.c_str(), GstVideoBackend::codecName(options_.encoder.codec), frames.width,
               frames.height, frames.rate.perSecond(), backend.name());
   std::fflush(stdout);
+  if (!options_.quiet) {
+    std::fprintf(stderr, "%s\n", frames.feed.c_str());
+  }
   if (!listener.isLoopback() && !options_.credentials) {
     std::fprintf(stderr,
                  "note: whoever reaches this address can watch; --auth asks for a password\n");

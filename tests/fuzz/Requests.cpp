@@ -32,8 +32,9 @@ class Server {
     options_.encoder.codec = media_backend::GstVideoBackend::Codec::H264;
     std::ofstream(options_.camera.source) << "P6 64 48 255\n"
                                           << std::string(std::size_t{64} * 48 * 3, 'x');
-    camera_ = std::make_unique<station::LiveCamera>(station::Camera::open(options_.camera));
     const media_backend::GstVideoBackend& backend = station::openBoard("imx");
+    camera_ =
+        std::make_unique<station::LiveCamera>(station::Camera::openFor(backend, options_.camera));
     if (overRtsp) {
       rtsp_ = std::make_unique<station::RtspServer>(backend, *camera_, options_);
     } else {

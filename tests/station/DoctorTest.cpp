@@ -43,7 +43,7 @@ TEST(Doctor, FindsTheSimulatedBoardsUsable) {
 // One broken encoder: what is said of it, and whether other codecs keep the board usable.
 TEST(Doctor, SeesHowAnEncoderFailsToOpen) {
   const std::tuple<const char*, const char*, const char*> rows[] = {
-      {"no-open", "120", "Cannot open the device of nvv4l2h264enc"},
+      {"no-open", "120", "Cannot open the device of the encoder"},
       {"hang-open", "3", "did not open in 3 s"},
       {"crash-open", "120", "crashed: Segmentation fault"},
   };

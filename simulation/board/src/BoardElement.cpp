@@ -9,6 +9,7 @@
 #include "DmaBufMapCache.h"
 #include "Faults.h"
 #include "Guarded.h"
+#include "PaintFault.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -147,20 +148,46 @@ bool assemble(BoardElement* self) {
   if (const unsigned int times = faultNumber(model.name, "slow")) {
     slowDown(input, times);
   }
+  for (const char* const colour : {"black", "green"}) {
+    if (hasFault(model.name, colour)) {
+      paintOver(input, colour == std::string("black"));
+    }
+  }
   finishCodec(self, inside);
   setTarget(self, "sink", first != nullptr ? first : inside);
   setTarget(self, "src", last);
   return true;
 }
 
+// An error of opening a driver, in the words of the hardware's elements.
+struct OpenFault {
+  const char* name;
+  GstResourceError code;
+  const char* message;
+};
+
+constexpr OpenFault kOpenFaults[] = {
+    {"no-open", GST_RESOURCE_ERROR_OPEN_READ_WRITE, "Cannot open the device of the encoder."},
+    {"no-node", GST_RESOURCE_ERROR_NOT_FOUND, "Cannot identify device '/dev/v4l2-nvenc'."},
+    {"null-node", GST_RESOURCE_ERROR_SETTINGS,
+     "Error getting capabilities for device '/dev/null': It isn't a v4l2 driver. Check if it is a "
+     "v4l1 driver."},
+    {"no-v4l2", GST_RESOURCE_ERROR_SETTINGS,
+     "Error getting capabilities for device '/dev/zero': It isn't a v4l2 driver. Check if it is a "
+     "v4l1 driver."},
+};
+
 // Simulates the open call of a driver whose hardware is missing or broken. False if it fails.
 bool openDriver(BoardElement* self) {
   const std::string name = modelOf(self).name;
-  if (hasFault(name, "no-open")) {
-    GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ_WRITE,
-                      ("Cannot open the device of %s", name.c_str()),
-                      ("asked for by SIMULATED_BOARD_FAULTS"));
-    return false;
+  for (const OpenFault& fault : kOpenFaults) {
+    if (hasFault(name, fault.name)) {
+      gst_element_message_full(GST_ELEMENT(self), GST_MESSAGE_ERROR, GST_RESOURCE_ERROR, fault.code,
+                               g_strdup(fault.message),
+                               g_strdup("asked for by SIMULATED_BOARD_FAULTS"), __FILE__, __func__,
+                               __LINE__);
+      return false;
+    }
   }
   if (hasFault(name, "crash-open")) {
     std::signal(SIGSEGV, SIG_DFL);  // a sanitizer's handler would turn it into an exit
@@ -259,7 +286,7 @@ GType boardElementType(const Model& model) {
   info.class_data = &model;
   info.instance_size = sizeof(BoardElement);
   info.instance_init = initInstance;
-  return typeOnce(GST_TYPE_BIN, (std::string("SimulatedBoard-") + model.name).c_str(), info);
+  return typeOnce(GST_TYPE_BIN, (std::string(kBoardElementType) + model.name).c_str(), info);
 }
 
 }  // namespace simulated_board

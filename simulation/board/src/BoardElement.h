@@ -11,4 +11,7 @@ namespace simulated_board {
 // them before PAUSED if a property has changed, and removes them in NULL.
 GType boardElementType(const Model& model);
 
+// What the names of those types begin with.
+constexpr const char* kBoardElementType = "SimulatedBoard-";
+
 }  // namespace simulated_board

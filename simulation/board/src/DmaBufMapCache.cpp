@@ -1,10 +1,13 @@
 #include "DmaBufMapCache.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <vector>
 
 #include <gst/allocators/gstdmabuf.h>
+#include <linux/dma-buf.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -57,15 +60,42 @@ class DmaBufMapCache {
   std::vector<std::shared_ptr<Mapping>> mappings_;  // most recently used last
 };
 
-// Keeps a mapped frame's memory valid while it is in use.
-struct Source {
-  std::shared_ptr<Mapping> mapping;
-  std::unique_ptr<GstBuffer, void (*)(GstBuffer*)> frame;
+// Begins or ends the processor's reading of a dma-buf. Memory files have no caches to synchronise.
+void synchronise(int fd, guint64 begin) {
+  dma_buf_sync sync = {};
+  sync.flags = begin | DMA_BUF_SYNC_READ;
+  while (ioctl(fd, DMA_BUF_IOCTL_SYNC, &sync) != 0 && (errno == EINTR || errno == EAGAIN)) {
+  }
+}
+
+// Keeps a mapped frame's memory valid while it is in use, which is one access for reading.
+class Source {
+ public:
+  // `fd` is of the frame, whose reference it takes.
+  Source(std::shared_ptr<Mapping> mapping, GstBuffer* frame, int fd)
+      : mapping_(std::move(mapping)), frame_(frame), fd_(fd) {
+    synchronise(fd_, DMA_BUF_SYNC_START);
+  }
+  ~Source() {
+    synchronise(fd_, DMA_BUF_SYNC_END);
+    gst_buffer_unref(frame_);
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  static void destroy(gpointer source) { delete static_cast<Source*>(source); }
+
+ private:
+  const std::shared_ptr<Mapping> mapping_;
+  GstBuffer* const frame_;
+  const int fd_;
 };
 
 std::shared_ptr<Mapping> DmaBufMapCache::find(int fd) {
   struct stat status;
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+  // A dma-buf's inode has no file type before Linux 6.16.
+  if (fstat(fd, &status) != 0 || status.st_size == 0 ||
+      ((status.st_mode & S_IFMT) != 0 && !S_ISREG(status.st_mode))) {
     return nullptr;
   }
   const auto found = std::find_if(mappings_.begin(), mappings_.end(),
@@ -92,7 +122,8 @@ GstBuffer* DmaBufMapCache::map(GstBuffer* frame) {
   if (gst_buffer_n_memory(frame) != 1 || gst_is_dmabuf_memory(memory) == FALSE) {
     return nullptr;
   }
-  const std::shared_ptr<Mapping> mapping = find(gst_dmabuf_memory_get_fd(memory));
+  const int fd = gst_dmabuf_memory_get_fd(memory);
+  const std::shared_ptr<Mapping> mapping = find(fd);
   gsize offset = 0;
   const gsize size = gst_memory_get_sizes(memory, &offset, nullptr);
   if (mapping == nullptr || offset > mapping->size() || size > mapping->size() - offset) {
@@ -100,10 +131,9 @@ GstBuffer* DmaBufMapCache::map(GstBuffer* frame) {
   }
   GstBuffer* const mapped = gst_buffer_copy(frame);
   gst_buffer_replace_all_memory(
-      mapped,
-      gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, mapping->bytes(), mapping->size(), offset,
-                             size, new Source{mapping, {gst_buffer_ref(frame), gst_buffer_unref}},
-                             [](gpointer source) { delete static_cast<Source*>(source); }));
+      mapped, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, mapping->bytes(), mapping->size(),
+                                     offset, size, new Source(mapping, gst_buffer_ref(frame), fd),
+                                     Source::destroy));
   return mapped;
 }
 

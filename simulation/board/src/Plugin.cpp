@@ -24,7 +24,7 @@ gboolean initPlugin(GstPlugin* plugin) {
 
 }  // namespace
 
-GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, simulatedboard,
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, BOARD_PLUGIN,
                   "Video elements of camera boards, simulated in software",
                   simulated_board::guarded<initPlugin>, BOARD_VERSION, GST_LICENSE_UNKNOWN, PACKAGE,
                   "-")

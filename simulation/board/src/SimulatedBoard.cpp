@@ -61,6 +61,20 @@ bool isTaken(const char* name, GstPlugin* plugin) {
 
 }  // namespace
 
+bool isSimulated(const char* element) {
+  g_autoptr(GstElementFactory) factory = gst_element_factory_find(element);
+  if (factory == nullptr) {
+    return false;
+  }
+  const char* const owner = gst_plugin_feature_get_plugin_name(GST_PLUGIN_FEATURE(factory));
+  if (owner != nullptr) {
+    return std::string(owner) == "simulatedboard";
+  }
+  // Without a plugin, the factory has the type already.
+  const char* const type = g_type_name(gst_element_factory_get_element_type(factory));
+  return type != nullptr && std::string(type).rfind(kBoardElementType, 0) == 0;
+}
+
 bool registerElements(GstPlugin* plugin, const std::string& selection, std::string& error) {
   static std::once_flag once;
   std::call_once(once, [] {

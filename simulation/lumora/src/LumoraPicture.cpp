@@ -11,6 +11,7 @@ std::shared_ptr<LumoraPicture> LumoraPicture::fromNv12Host(const void* data, uns
     return {};
   }
   std::shared_ptr<LumoraPicture> picture(new LumoraPicture(width, height));
+  picture->pixels_.reset(new std::uint8_t[std::size_t{width} * (std::size_t{height} + height / 2)]);
   const auto* source = static_cast<const std::uint8_t*>(data);
   std::uint8_t* target = picture->pixels_.get();
   const std::size_t rows = std::size_t{height} + height / 2;
@@ -20,10 +21,15 @@ std::shared_ptr<LumoraPicture> LumoraPicture::fromNv12Host(const void* data, uns
   return picture;
 }
 
-LumoraPicture::LumoraPicture(unsigned width, unsigned height)
-    : width_(width),
-      height_(height),
-      pixels_(new std::uint8_t[std::size_t{width} * (std::size_t{height} + height / 2)]) {}
+std::shared_ptr<LumoraPicture> LumoraPicture::fromExportedFrame(
+    std::shared_ptr<ExportedFrame> frame) {
+  const FrameExportHandle& handle = frame->handle();
+  std::shared_ptr<LumoraPicture> picture(new LumoraPicture(handle.width, handle.height));
+  picture->exported_ = std::move(frame);
+  return picture;
+}
+
+LumoraPicture::LumoraPicture(unsigned width, unsigned height) : width_(width), height_(height) {}
 
 void LumoraPicture::setMetadata(const std::string& key, MetadataValue value) {
   metadata_.insert_or_assign(key, std::move(value));

@@ -16,4 +16,9 @@ namespace simulated_board {
 // Threads: any, one at a time.
 bool registerElements(GstPlugin* plugin, const std::string& selection, std::string& error);
 
+// Whether an element is simulated: it is of the plugin "simulatedboard", or registered for the
+// program by registerElements(). False if there is none of that name. Loads no plugin.
+// Threads: any.
+bool isSimulated(const char* element);
+
 }  // namespace simulated_board

@@ -63,56 +63,37 @@ struct StreamingFrameMemory {
 LUMORA_API bool prepareStreamingFrameMemory(const FrameExportHandle& handle,
                                             StreamingFrameMemory& memory);
 
-// A picture in memory of its own, in the layout of camera hardware: NV12 behind a file descriptor,
-// rows padded to a stride of 256 bytes, chroma after the luma rows.
+// A frame in memory that elements take without copying it.
 //
-// Ownership: owns the descriptor and the surface block; handles made from it are valid while it
-// exists. Not copyable.
+// Ownership: owns the surface block and shares the memory behind the descriptor; handles made from
+// it are valid while it exists. Not copyable.
 // Threads: immutable after construction; any thread may read it and release the last reference.
 class LUMORA_API ExportedFrame {
  public:
-  // Null with `errno` set if the allocation fails.
+  // Copies the picture into a memfd of its own, in the layout of a FramePool. Null with `errno` set
+  // if the allocation fails.
   static std::shared_ptr<ExportedFrame> fromPicture(const LumoraPicture& picture);
 
+  // A frame in memory that `owner` keeps alive, such as a buffer of a camera's driver. `handle` is
+  // valid and describes NV12; its surface is ignored. `pixels` is where the buffer is mapped, null
+  // if it is not.
+  ExportedFrame(const FrameExportHandle& handle, std::shared_ptr<void> owner,
+                const std::uint8_t* pixels = nullptr);
   ~ExportedFrame();
   ExportedFrame(const ExportedFrame&) = delete;
   ExportedFrame& operator=(const ExportedFrame&) = delete;
 
   const FrameExportHandle& handle() const { return handle_; }
+  // The mapped buffer, `handle().size` bytes; null if it is not mapped.
+  const std::uint8_t* pixels() const { return pixels_; }
 
  private:
-  friend class FramePool;
-  struct Memory;
   struct Surface;
-  struct Shelf;
-
-  static std::shared_ptr<ExportedFrame> make(const LumoraPicture& picture,
-                                             const std::shared_ptr<Shelf>& shelf);
-  explicit ExportedFrame(const LumoraPicture& picture);
 
   FrameExportHandle handle_;
-  std::unique_ptr<Memory> memory_;
+  std::shared_ptr<void> owner_;
+  const std::uint8_t* pixels_;
   std::unique_ptr<Surface> surface_;
-  std::weak_ptr<Shelf> shelf_;  // takes the memory on destruction
-};
-
-// Pool of a camera's frame memory: the memory of a destroyed frame is reused for a later picture.
-// Frames may outlive the pool. Fresh memory costs a page fault per page, which takes longer than
-// copying the picture.
-//
-// Threads: any.
-class LUMORA_API FramePool {
- public:
-  FramePool();
-  ~FramePool();
-  FramePool(const FramePool&) = delete;
-  FramePool& operator=(const FramePool&) = delete;
-
-  // As ExportedFrame::fromPicture(). Never blocks: allocates if all memory is in use.
-  std::shared_ptr<ExportedFrame> exportPicture(const LumoraPicture& picture);
-
- private:
-  std::shared_ptr<ExportedFrame::Shelf> shelf_;
 };
 
 }  // namespace lumora

@@ -13,11 +13,11 @@
 
 namespace lumora {
 
-// An NV12 picture in host memory with its metadata.
+// An NV12 picture, in host memory or in the memory of an exported frame, with its metadata.
 //
-// Ownership: owns a copy of its pixels; pointers from luma() and chroma() are valid while it
-// exists.
-// Threads: one at a time may change it, any number may read it while none does.
+// Ownership: owns a copy of its pixels, or shares the exported frame; pointers from luma() and
+// chroma() are valid while it exists. Threads: one at a time may change it, any number may read it
+// while none does.
 class LUMORA_API LumoraPicture {
  public:
   using MetadataValue = std::variant<bool, std::int64_t, double, std::string>;
@@ -81,11 +81,19 @@ class LUMORA_API LumoraPicture {
   static std::shared_ptr<LumoraPicture> fromNv12Host(const void* data, unsigned width,
                                                      unsigned height, unsigned stride);
 
+  // A picture that stays in the frame's memory, which nobody maps.
+  static std::shared_ptr<LumoraPicture> fromExportedFrame(std::shared_ptr<ExportedFrame> frame);
+
   unsigned width() const { return width_; }    // pixels
   unsigned height() const { return height_; }  // pixels
   unsigned stride() const { return width_; }   // bytes between rows of either plane
+  // Null if the picture is not in host memory, like chroma().
   const std::uint8_t* luma() const { return pixels_.get(); }
-  const std::uint8_t* chroma() const { return pixels_.get() + std::size_t{width_} * height_; }
+  const std::uint8_t* chroma() const {
+    return pixels_ != nullptr ? pixels_.get() + std::size_t{width_} * height_ : nullptr;
+  }
+  // The frame in whose memory it is; null for a picture in host memory.
+  const std::shared_ptr<ExportedFrame>& exportedFrame() const { return exported_; }
 
   void setMetadata(const std::string& key, MetadataValue value);
   // Null if the picture does not have the key.
@@ -96,7 +104,8 @@ class LUMORA_API LumoraPicture {
 
   unsigned width_;
   unsigned height_;
-  std::unique_ptr<std::uint8_t[]> pixels_;
+  std::unique_ptr<std::uint8_t[]> pixels_;   // null with an exported frame
+  std::shared_ptr<ExportedFrame> exported_;  // null with pixels
   std::map<std::string, MetadataValue> metadata_;
 };
 
