@@ -123,11 +123,11 @@ bool Camera::isDevice(const std::string& source) {
 }
 
 void Camera::feedInto(const media_backend::GstVideoBackend& backend) {
-  begin(std::make_unique<FrameFeed>(backend, options_));
+  begin(std::make_unique<FrameFeed>(backend, options_), false);
 }
 
-void Camera::begin(std::unique_ptr<FrameFeed> feed) {
-  feed->begin(format_);
+void Camera::begin(std::unique_ptr<FrameFeed> feed, bool hasOwnMemory) {
+  feed->begin(format_, hasOwnMemory);
   feed_ = std::move(feed);
 }
 
@@ -146,7 +146,7 @@ std::unique_ptr<Camera> Camera::openFor(const media_backend::GstVideoBackend& ba
   if (!isOfDriver) {
     camera = open(options);
   }
-  camera->begin(std::move(feed));
+  camera->begin(std::move(feed), isOfDriver);
   std::string& line = camera->format_.feed;
   if (isOfDriver) {
     line = "zero copy: buffers of " + options.source;

@@ -66,7 +66,7 @@ class Camera {
   FrameFormat format_;
 
  private:
-  void begin(std::unique_ptr<FrameFeed> feed);
+  void begin(std::unique_ptr<FrameFeed> feed, bool hasOwnMemory);
 
   std::unique_ptr<FrameFeed> feed_;
 };

@@ -20,9 +20,6 @@ using media_backend::SourcePipeline;
 constexpr const char* kSource = "simu_v4l_src";
 constexpr std::chrono::milliseconds kPoll{50};
 
-// Buffers that the chain up to the encoder and the encoder itself may hold.
-constexpr guint kBuffersInUse = 8;
-
 std::string describeDriver(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = media_backend::gst_source::fps_fraction(config.fps);
   return std::string("v4l2src name=") + kSource +
@@ -40,7 +37,6 @@ GstPadProbeReturn answerAllocation(GstPad* /*pad*/, GstPadProbeInfo* info, gpoin
     return GST_PAD_PROBE_OK;
   }
   gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
-  gst_query_add_allocation_pool(query, nullptr, 0, kBuffersInUse, 0);
   return GST_PAD_PROBE_HANDLED;
 }
 

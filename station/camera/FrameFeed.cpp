@@ -85,11 +85,11 @@ void FrameFeed::copyBecause(const std::string& reason, ExitCode otherwise) {
   reasonToCopy_ = reason;
 }
 
-void FrameFeed::begin(FrameFormat& format) {
+void FrameFeed::begin(FrameFormat& format, bool hasOwnMemory) {
   if (isZeroCopy()) {
     pool_ =
         std::make_unique<lumora::FramePool>(places_, lumora::FramePool::Layout(), reportFallback);
-    place_ = pool_->reserve(format.width, format.height);
+    place_ = hasOwnMemory ? "the camera" : pool_->reserve(format.width, format.height);
     if (place_.empty()) {
       copyBecause(places_.back() + ": " + std::strerror(errno), ExitCode::Pipeline);
     }

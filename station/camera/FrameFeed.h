@@ -26,9 +26,10 @@ class FrameFeed {
   // Whether the elements take frames without a copy, such as buffers of a camera's driver.
   bool isZeroCopy() const { return reasonToCopy_.empty(); }
 
-  // Allocates memory for frames of this format and sets how they are wrapped. Copies them if there
-  // is no memory that the elements take; throws StationError (Pipeline) if that is not allowed.
-  void begin(FrameFormat& format);
+  // Sets how frames of this format are wrapped, and allocates memory for a first one, unless the
+  // camera has its own. Copies frames if there is no memory that the elements take; throws
+  // StationError (Pipeline) if that is not allowed.
+  void begin(FrameFormat& format, bool hasOwnMemory = false);
 
   // Throws StationError (Pipeline) if there is no memory.
   std::shared_ptr<lumora::ExportedFrame> exportPicture(const lumora::LumoraPicture& picture);

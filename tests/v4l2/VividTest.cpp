@@ -5,26 +5,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gst/allocators/gstdmabuf.h>
-#include <gst/video/video.h>
 #include <gtest/gtest.h>
-#include <lumora/FrameExport.h>
-#include <media_backend/GstVideoBackend.h>
 #include <media_backend/V4l2FrameSource.h>
-#include <simulated_board/SimulatedBoard.h>
 
-#include "support/MovingPicture.h"
-#include "support/Pipeline.h"
 #include "support/ProcessState.h"
-#include "support/Profiles.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using media_backend::GstVideoBackend;
 using media_backend::V4l2FrameSource;
 using media_backend::V4l2FrameSourceConfig;
 using testing::StartsWith;
@@ -108,69 +98,6 @@ TEST_F(VividCamera, ComesBackAfterItWasUnplugged) {
   ASSERT_EQ(device(), config.device);
   EXPECT_NE(capture(config), nullptr) << error_;
   EXPECT_EQ(openDescriptors(), descriptors);
-}
-
-// What the driver exports, as a host's picture library would hand it on.
-lumora::FrameExportHandle exportHandle(const GstVideoFrame& frame) {
-  lumora::FrameExportHandle handle;
-  GstMemory* const memory = gst_buffer_peek_memory(frame.buffer, 0);
-  handle.valid = handle.isDmaBuf = gst_is_dmabuf_memory(memory) != FALSE;
-  handle.fd = handle.valid ? gst_dmabuf_memory_get_fd(memory) : -1;
-  handle.size = memory->maxsize;
-  handle.width = static_cast<std::uint32_t>(GST_VIDEO_FRAME_WIDTH(&frame));
-  handle.height = static_cast<std::uint32_t>(GST_VIDEO_FRAME_HEIGHT(&frame));
-  handle.planeCount = 2;
-  for (unsigned plane = 0; plane < 2; ++plane) {
-    handle.planes[plane] = {GST_VIDEO_FRAME_PLANE_OFFSET(&frame, plane),
-                            static_cast<std::uint32_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane)),
-                            handle.width, handle.height >> plane};
-  }
-  return handle;
-}
-
-TEST_F(VividCamera, ItsDmaBufsAreEncodedWithoutACopy) {
-  std::string error;
-  ASSERT_TRUE(simulated_board::registerElements(nullptr, "imx", error)) << error;
-  const GstVideoBackend backend(imxProfile());
-  Pipeline camera("v4l2src io-mode=dmabuf device=" + device() +
-                  " ! video/x-raw,format=NV12,width=640,height=360,framerate=10/1 "
-                  "! appsink name=out max-buffers=1 drop=true");
-  Pipeline encoder(
-      "appsrc name=in format=time " + backend.inputConversionChain("bt709") +
-      backend.transportEncoderChain({GstVideoBackend::Codec::H264, 4000000, 1, 1, 15, 15}, "-1") +
-      "! openh264dec ! videoconvert ! video/x-raw,format=NV12 ! appsink name=out "
-      "sync=false");
-  ASSERT_TRUE(backend.setInputCaps(encoder.source(), 640, 360, 10, true, nullptr));
-
-  std::vector<std::shared_ptr<lumora::LumoraPicture>> sent;
-  for (int i = 0; i < 3; ++i) {
-    const std::shared_ptr<GstSample> sample(camera.pull(), gst_sample_unref);
-    ASSERT_NE(sample, nullptr);
-    GstVideoInfo info;
-    GstVideoFrame frame;
-    gst_video_info_from_caps(&info, gst_sample_get_caps(sample.get()));
-    ASSERT_TRUE(
-        gst_video_frame_map(&frame, &info, gst_sample_get_buffer(sample.get()), GST_MAP_READ));
-    const lumora::FrameExportHandle handle = exportHandle(frame);
-    sent.push_back(lumora::LumoraPicture::fromNv12Host(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0), 640,
-                                                       360, handle.planes[0].stride));
-    gst_video_frame_unmap(&frame);
-    EXPECT_EQ(fs::read_symlink("/proc/self/fd/" + std::to_string(handle.fd)), "/dmabuf:");
-    GstBuffer* const buffer = backend.wrapFrame(handle, sample);
-    ASSERT_NE(buffer, nullptr);
-    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(i) * GST_SECOND / 10;
-    encoder.push(buffer);
-  }
-  encoder.finish();
-  for (const auto& picture : sent) {
-    g_autoptr(GstSample) sample = encoder.pull();
-    ASSERT_NE(sample, nullptr);
-    GstMapInfo map;
-    ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(sample), &map, GST_MAP_READ));
-    ASSERT_EQ(map.size, 640U * 360 * 3 / 2);
-    EXPECT_GT(psnr(map.data, *picture), 30);
-    gst_buffer_unmap(gst_sample_get_buffer(sample), &map);
-  }
 }
 
 }  // namespace
