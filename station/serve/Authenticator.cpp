@@ -46,7 +46,12 @@ Authenticator::Authenticator(Credentials credentials, Protocol protocol, bool is
     : credentials_(std::move(credentials)),
       protocol_(protocol),
       isEncrypted_(isEncrypted),
-      secret_(randomBytes()) {}
+      secret_(randomBytes()) {
+  if (!isEncrypted && !credentials_.hasDigestUsers()) {
+    throw StationError(ExitCode::Usage,
+                       "passwords as htpasswd writes them need --tls; those of htdigest do not");
+  }
+}
 
 Authenticator::Verdict Authenticator::check(const Request& request) {
   const std::lock_guard lock(mutex_);
@@ -81,8 +86,9 @@ Authenticator::Answer Authenticator::judge(const Request& request) const {
   if (base64 == nullptr) {
     return {Result::NoPassword, ""};
   }
-  return {credentials_.matchBasic(base64) ? Result::Admitted : Result::Wrong,
-          md5(base64 + request.address)};
+  const std::string proof = md5(base64 + request.address);  // spares the slow hash
+  return {isProven(proof) || credentials_.matchBasic(base64) ? Result::Admitted : Result::Wrong,
+          proof};
 }
 
 Authenticator::Answer Authenticator::judgeDigest(const Request& request,
@@ -139,11 +145,15 @@ std::string Authenticator::makeNonce(const std::string& begin, const std::string
 
 std::vector<std::string> Authenticator::challenges(const std::string& address, bool isStale) {
   const std::string realm = "realm=\"" + std::string(Credentials::kRealm) + "\"";
-  const std::string begin = std::to_string(nowSeconds()) + "-" + std::to_string(++challenges_);
-  std::vector<std::string> result = {
-      "Digest " + realm + ", nonce=\"" + makeNonce(begin, address) + "\", algorithm=MD5" +
-      // Players compute without it.
-      (protocol_ == Protocol::Http ? ", qop=\"auth\"" : "") + (isStale ? ", stale=true" : "")};
+  std::vector<std::string> result;
+  // A client takes the first that it knows, and any user can use basic authentication.
+  if (!isEncrypted_ || !credentials_.hasBasicUsers()) {
+    const std::string begin = std::to_string(nowSeconds()) + "-" + std::to_string(++challenges_);
+    result.push_back(
+        "Digest " + realm + ", nonce=\"" + makeNonce(begin, address) + "\", algorithm=MD5" +
+        // Players compute without it.
+        (protocol_ == Protocol::Http ? ", qop=\"auth\"" : "") + (isStale ? ", stale=true" : ""));
+  }
   if (isEncrypted_) {
     result.push_back("Basic " + realm);
   }

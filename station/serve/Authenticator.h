@@ -40,6 +40,7 @@ class Authenticator {
   // Seconds until the next guess after too many.
   static constexpr const char* kRetryAfter = "10";
 
+  // Throws StationError (Usage) if no user can come in.
   Authenticator(Credentials credentials, Protocol protocol, bool isEncrypted);
 
   Verdict check(const Request& request);

@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <system_error>
 #include <vector>
 
+#include <crypt.h>
 #include <glib.h>
 
 #include "base/StationError.h"
@@ -62,25 +64,11 @@ std::string readPassword(const std::string& file) {
   return lines.front();
 }
 
-// What htdigest writes.
-std::map<std::string, std::string> readHashes(const std::string& file) {
-  std::map<std::string, std::string> hashes;
-  for (const std::string& line : readLines(file)) {
-    const std::size_t realm = line.find(':') + 1;
-    const std::size_t hash = line.find(':', realm) + 1;
-    if (realm <= 1 || hash == 0 || hash + 32 != line.size() ||
-        line.find_first_not_of("0123456789abcdef", hash) != std::string::npos) {
-      throw StationError(ExitCode::Usage, file + " has a line that is not USER:REALM:HASH");
-    }
-    if (line.compare(realm, hash - 1 - realm, Credentials::kRealm) == 0) {
-      hashes[line.substr(0, realm - 1)] = line.substr(hash);
-    }
-  }
-  if (hashes.empty()) {
-    throw StationError(ExitCode::Usage,
-                       "no user of the realm " + std::string(Credentials::kRealm) + " in " + file);
-  }
-  return hashes;
+// By the library of the system's own passwords.
+bool matchSlowHash(const std::string& password, const std::string& hash) {
+  const auto work = std::make_unique<crypt_data>();
+  const char* const result = crypt_r(password.c_str(), hash.c_str(), work.get());
+  return result != nullptr && isEqual(result, hash);
 }
 
 }  // namespace
@@ -99,13 +87,39 @@ Credentials Credentials::fromOption(const std::string& option) {
     throw StationError(ExitCode::Usage, "--auth takes [USER:]FILE, not \"" + option + "\"");
   }
   if (colon == std::string::npos) {
-    credentials.hashes_ = readHashes(file);
+    credentials.readHashes(file);
   } else {
     const std::string user = option.substr(0, colon);
     credentials.hashes_[user] = hashOf(user, readPassword(file));
   }
   warnIfReadableByOthers(file);
   return credentials;
+}
+
+void Credentials::readHashes(const std::string& file) {
+  for (const std::string& line : readLines(file)) {
+    const std::size_t realm = line.find(':') + 1;
+    const std::size_t hash = line.find(':', realm) + 1;
+    const bool isSlow = realm > 1 && line.compare(realm, 1, "$") == 0 && hash == 0;
+    if (isSlow && crypt_checksalt(line.c_str() + realm) == CRYPT_SALT_OK) {
+      slowHashes_[line.substr(0, realm - 1)] = line.substr(realm);
+      continue;
+    }
+    if (realm <= 1 || hash == 0 || hash + 32 != line.size() ||
+        line.find_first_not_of("0123456789abcdef", hash) != std::string::npos) {
+      throw StationError(ExitCode::Usage,
+                         file +
+                             " has a line that is neither USER:REALM:HASH, as htdigest writes "
+                             "it, nor USER:HASH, as htpasswd -B does");
+    }
+    if (line.compare(realm, hash - 1 - realm, kRealm) == 0) {
+      hashes_[line.substr(0, realm - 1)] = line.substr(hash);
+    }
+  }
+  if (hashes_.empty() && slowHashes_.empty()) {
+    throw StationError(ExitCode::Usage,
+                       "no user of the realm " + std::string(kRealm) + " in " + file);
+  }
 }
 
 bool Credentials::matchBasic(const char* base64) const {
@@ -117,8 +131,12 @@ bool Credentials::matchBasic(const char* base64) const {
     return false;
   }
   const std::string user = text.substr(0, colon);
+  const std::string password = text.substr(colon + 1);
+  if (const auto slow = slowHashes_.find(user); slow != slowHashes_.end()) {
+    return matchSlowHash(password, slow->second);
+  }
   const auto found = hashes_.find(user);
-  return found != hashes_.end() && isEqual(hashOf(user, text.substr(colon + 1)), found->second);
+  return found != hashes_.end() && isEqual(hashOf(user, password), found->second);
 }
 
 bool Credentials::matchDigest(const std::string& user, const std::string& rest,

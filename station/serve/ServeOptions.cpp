@@ -16,8 +16,8 @@ void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
       .add_option_function<std::string>(
           "--auth",
           [this](const std::string& text) { credentials = Credentials::fromOption(text); },
-          "Ask for a password: of the users in FILE, by htdigest (realm media-station), or of "
-          "USER, the first line of FILE")
+          "Ask for a password: of the users in FILE, by htdigest (realm media-station) or, with "
+          "--tls, htpasswd -B; or of USER, the first line of FILE")
       ->type_name("[USER:]FILE");
   command
       .add_option_function<std::string>(

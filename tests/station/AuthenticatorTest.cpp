@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "base/StationError.h"
 #include "serve/Authenticator.h"
 #include "support/TempFolder.h"
 
@@ -17,6 +18,11 @@ const std::string kDigest =
     "opaque=\"5ccc069c403ebaf9f0171e9517f40e41\", response=";
 // Of "me" and "secret", by md5sum.
 constexpr const char* kOther = "me:media-station:aa62ff7e409d5223d90c878afd3ea0de\n";
+
+// Of "they" and "secret", by htpasswd -B and mkpasswd -m yescrypt.
+constexpr const char* kSlow[] = {
+    "they:$2y$05$AxkjN/45aPBSHJSY/QUm.uHd7q86XtADzTXJHQxg4HgMSJ1jdHmrO\n",
+    "they:$y$j9T$SVeWf9gtr/Cb2lPNKYoO4.$fHDAbF.ZZ/w8AohFaYYL3Am3jcawoKyesp1i7oBq0J9\n"};
 
 // Right digests with the nonce of somebody else are asked for again; basic authentication is for
 // TLS.
@@ -40,6 +46,28 @@ TEST(Authenticator, TakesWhatTheStandardsSay) {
     EXPECT_EQ(verdict.isAdmitted, isAdmitted) << authorization;
     EXPECT_EQ(verdict.challenges.size(), isEncrypted ? 2U : 1U);
     EXPECT_EQ(verdict.challenges[0].find("stale=true") != std::string::npos, isStale);
+  }
+}
+
+// Beside one that is for digests, too; a second request is admitted by its proof.
+TEST(Authenticator, TakesSlowHashesUnderTlsOnly) {
+  const TempFolder folder;
+  for (const char* const slow : kSlow) {
+    std::ofstream(folder / "users") << kOther << slow;
+    Authenticator authenticator(station::Credentials::fromOption(folder / "users"),
+                                Authenticator::Protocol::Rtsp, true);
+    for (const auto& [authorization, isAdmitted] :
+         {std::pair("Basic dGhleTpzZWNyZXQ=", true), std::pair("Basic dGhleTpzZWNyZXQ=", true),
+          std::pair("Basic dGhleTpzZWNyZXQx", false), std::pair("Basic bWU6c2VjcmV0", true)}) {
+      const auto verdict =
+          authenticator.check({nullptr, "192.0.2.7", authorization, "OPTIONS", nullptr});
+      EXPECT_EQ(verdict.isAdmitted, isAdmitted) << authorization;
+      EXPECT_EQ(verdict.challenges, std::vector<std::string>{"Basic realm=\"media-station\""});
+    }
+    std::ofstream(folder / "users") << slow;
+    EXPECT_THROW(Authenticator(station::Credentials::fromOption(folder / "users"),
+                               Authenticator::Protocol::Rtsp, false),
+                 station::StationError);
   }
 }
 
