@@ -66,11 +66,7 @@ gboolean check(GstRTSPAuth* auth, GstRTSPContext* context, const gchar* what) {
     refuse(*context, verdict.challenges);
     return FALSE;
   }
-#if GST_CHECK_VERSION(1, 22, 0)
-  gst_rtsp_context_set_token(context, entry->token);
-#else
-  context->token = entry->token;  // borrowed, as the library's own
-#endif
+  context->token = entry->token;  // borrowed: a reference would never be given back
   return TRUE;
 }
 

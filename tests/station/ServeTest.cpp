@@ -29,7 +29,7 @@ TEST(Serve, FailuresAreOneLine) {
       {{"/nowhere/clip.mkv"}, 5, "source failed: "},
       {{clip, "--bind", "localhost"}, 2, "not a numeric address: localhost"},
       {{clip, "--auth", ":me"}, 2, "--auth takes [USER:]FILE, not \":me\""},
-      {{clip, "--auth", folder / "empty"}, 2, folder / "empty" + " has a line that is not USER"},
+      {{clip, "--auth", folder / "empty"}, 2, folder / "empty" + " has a line that is neither USER"},
       {{clip, "--auth", folder / "other"}, 2, "no user of the realm media-station in "},
       {{clip, "--auth", "/nowhere"}, 2, "password file /nowhere: No such file or directory"},
       {{clip, "--auth", "me:/nowhere"}, 2, "password file /nowhere: No such file or directory"},
