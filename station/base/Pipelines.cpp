@@ -15,13 +15,7 @@ constexpr const char* kAppSource =
     "appsrc name=camera is-live=true format=time do-timestamp=true max-buffers=2 "
     "leaky-type=downstream ";
 
-// Small enough for any encoder, large enough for those with a minimum size. The identity is there
-// because GStreamer does not parse caps after caps.
-constexpr const char* kTestSource =
-    "videotestsrc num-buffers=10 ! video/x-raw,format=NV12,width=640,height=480,framerate=30/1,"
-    "interlace-mode=progressive,pixel-aspect-ratio=1/1 ! identity ";
-
-const char* nameOf(Use use) {
+const char* displayName(Use use) {
   switch (use) {
     case Use::Record:
       return "recording";
@@ -58,6 +52,10 @@ std::string usableCodecs(const GstVideoBackend& backend, Use use, DescriptionSet
 
 }  // namespace
 
+const char* nameOf(Use use) {
+  return use == Use::Record ? "record" : use == Use::Rtsp ? "rtsp" : "http";
+}
+
 std::string describe(const GstVideoBackend& backend, Use use, const DescriptionSettings& settings) {
   const GstVideoBackend::EncoderConfig& encoder = settings.encoder;
   if (use == Use::Record) {
@@ -79,22 +77,12 @@ std::string requireDescription(const GstVideoBackend& backend, Use use,
   std::string description = describe(backend, use, settings);
   if (description.empty()) {
     throw StationError(ExitCode::CodecNotUsable,
-                       std::string("codec not usable for ") + nameOf(use) + " on " +
+                       std::string("codec not usable for ") + displayName(use) + " on " +
                            backend.name() + ": " +
                            GstVideoBackend::codecName(settings.encoder.codec) +
                            "; usable: " + usableCodecs(backend, use, settings));
   }
   return description;
-}
-
-std::string describeTestEncode(const GstVideoBackend& backend,
-                               const GstVideoBackend::EncoderConfig& encoder) {
-  const std::string transport = backend.transportEncoderChain(encoder, kConfigInterval);
-  if (transport.empty()) {
-    return kTestSource + upload(backend, {encoder}) + backend.httpEncoderChain(encoder);
-  }
-  return kTestSource + backend.inputConversionChain(nullptr) + transport +
-         "! appsink name=sink sync=false";
 }
 
 PipelinePtr buildPipeline(const std::string& description, const std::string& what) {

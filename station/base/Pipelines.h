@@ -16,6 +16,7 @@ namespace station {
 // What a whole description is for.
 enum class Use { Record, Rtsp, Http };
 constexpr Use kUses[] = {Use::Record, Use::Rtsp, Use::Http};
+const char* nameOf(Use use);  // "record", "rtsp" or "http"
 
 struct DescriptionSettings {
   media_backend::GstVideoBackend::EncoderConfig encoder;
@@ -41,9 +42,6 @@ std::string describe(const media_backend::GstVideoBackend& backend, Use use,
 // The same; throws StationError (CodecNotUsable) instead of returning nothing.
 std::string requireDescription(const media_backend::GstVideoBackend& backend, Use use,
                                const DescriptionSettings& settings);
-// A test source and the backend's encoder, up to an appsink named "sink".
-std::string describeTestEncode(const media_backend::GstVideoBackend& backend,
-                               const media_backend::GstVideoBackend::EncoderConfig& encoder);
 
 // Builds `description`; `what` names it in the error. Throws StationError (Pipeline).
 PipelinePtr buildPipeline(const std::string& description, const std::string& what);

@@ -1,12 +1,15 @@
 #include "doctor/Advice.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace station {
 namespace {
 
 using Codec = media_backend::GstVideoBackend::Codec;
 using Platform = media_backend::GstVideoBackend::Platform;
+
+constexpr std::uint64_t kPoolKb = 8 * 1280 * 736 * 3 / 2 / 1024;  // frames in use at once
 
 // Whether two elements are alternatives of a platform.
 bool areAlternatives(const BoardElement& one, const BoardElement& other) {
@@ -23,8 +26,11 @@ class Advice {
     adviseOnPlugins();
     if (!board_.available()) {
       adviseOnPlatforms();
+      adviseOnOtherEncoders();
     }
     adviseOnOpening();
+    adviseOnTrials();
+    adviseOnMemory();
     adviseOnDescriptions();
     if (board_.available()) {
       adviseOnMissing();
@@ -117,7 +123,10 @@ class Advice {
 
   void adviseOnOpening() {
     for (const ElementDiagnosis& row : board_.elements) {
-      if (!row.opens()) {
+      const std::string remedy = row.opens() ? "" : remedyFor(row.opening->error);
+      if (!remedy.empty()) {
+        add(remedy);
+      } else if (!row.opens()) {
         const std::string name = row.element.name;
         add(std::string("does this chip have what ")
                 .append(name)
@@ -127,11 +136,53 @@ class Advice {
                 .append(" ! fakesink"));
       }
     }
+  }
+
+  void adviseOnTrials() {
     for (const CodecDiagnosis& codec : board_.codecs) {
-      if (codec.testEncode && !codec.testEncode->ok) {
-        add(std::string("see what the drivers say of the test encode of ") + codec.name() +
-            ", below, and dmesg");
+      for (const DescriptionDiagnosis& description : codec.descriptions) {
+        if (description.trial && !description.trial->ok) {
+          adviseOnTrial(codec, description);
+        } else if (description.trial && !description.trial->value["compared"].get<bool>()) {
+          add(std::string("to compare pictures of ") + codec.name() +
+              ", install a decoder of software (Debian: gstreamer1.0-libav)");
+        }
       }
+    }
+  }
+
+  // The uses differ in their converters.
+  void adviseOnTrial(const CodecDiagnosis& codec, const DescriptionDiagnosis& description) {
+    const std::string& error = description.trial->error;
+    const std::string remedy = remedyFor(error);
+    const std::string name = std::string(codec.name()) + ", " + description.name();
+    if (!remedy.empty()) {
+      add(remedy);
+    } else if (error.find("pictures come back") == std::string::npos) {
+      add("see what the drivers say of the trial of " + name + ", below, and dmesg");
+    } else {
+      add(error + " (" + name +
+          "). If another use of the codec works, its converter is at fault (" +
+          (board_.platform == Platform::Nvidia ? "nvvideoconvert on some releases, where nvvidconv "
+                                                 "works"
+                                               : "imxvideoconvert_g2d") +
+          "): update the board maker's release, or take that element out of GStreamer's path");
+    }
+  }
+
+  void adviseOnMemory() {
+    const Machine& machine = board_.machine;
+    if (machine.contiguousFreeKb && *machine.contiguousFreeKb < kPoolKb) {
+      add("give the kernel more contiguous memory (cma=256M on its command line): " +
+          std::to_string(*machine.contiguousFreeKb) +
+          " kB are free, and frames of 1280 x 720 take " + std::to_string(kPoolKb));
+    }
+  }
+
+  void adviseOnOtherEncoders() {
+    for (const OtherEncoder& encoder : board_.otherEncoders) {
+      add(std::string(encoder.name) + " is of " + encoder.boards +
+          "; the library does not use it: it takes the elements of NVIDIA's or NXP's own plugins");
     }
   }
 

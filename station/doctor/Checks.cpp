@@ -71,9 +71,24 @@ void nameProblems(CodecDiagnosis& codec) {
   }
 }
 
+// Sends pictures through every description that is in order.
+void tryOut(CodecDiagnosis& codec, const CheckRunner& runner) {
+  for (DescriptionDiagnosis& description : codec.descriptions) {
+    if (!description.ok()) {
+      continue;
+    }
+    const int frames = description.use == Use::Record ? 30 : 10;
+    description.trial = runner.run(Check::Trial, std::string(description.name()) + " " +
+                                                     codec.name() + " " + std::to_string(frames));
+    if (!description.trial->ok) {
+      codec.problems.push_back(description.name() + (": " + description.trial->error));
+    }
+  }
+}
+
 CodecDiagnosis diagnoseCodec(const GstVideoBackend& backend, Codec codec, const Diagnosis& board,
                              const CheckRunner& runner) {
-  CodecDiagnosis diagnosis{codec, backend.supports(codec), {}, std::nullopt, {}};
+  CodecDiagnosis diagnosis{codec, backend.supports(codec), {}, {}};
   if (!diagnosis.supported) {
     nameMissing(diagnosis, board);
     return diagnosis;
@@ -85,18 +100,14 @@ CodecDiagnosis diagnoseCodec(const GstVideoBackend& backend, Codec codec, const 
     const std::string description = describe(backend, use, settings);
     if (!description.empty()) {
       diagnosis.descriptions.push_back(
-          {use, description, runner.run(Check::Description, description)});
+          {use, description, runner.run(Check::Description, description), std::nullopt});
     }
   }
   nameUnopened(diagnosis, board);
   const bool opens = diagnosis.problems.empty();
   nameProblems(diagnosis);
-  const auto isOk = [](const DescriptionDiagnosis& description) { return description.ok(); };
-  if (opens && std::any_of(diagnosis.descriptions.begin(), diagnosis.descriptions.end(), isOk)) {
-    diagnosis.testEncode = runner.run(Check::Encode, describeTestEncode(backend, settings.encoder));
-    if (!diagnosis.encodes()) {
-      diagnosis.problems.push_back("test encode: " + diagnosis.testEncode->error);
-    }
+  if (opens) {
+    tryOut(diagnosis, runner);
   }
   return diagnosis;
 }
@@ -119,10 +130,6 @@ std::vector<FailedPlugin> findFailedPlugins(const CheckRunner& runner) {
 
 }  // namespace
 
-const char* DescriptionDiagnosis::name() const {
-  return use == Use::Record ? "record" : use == Use::Rtsp ? "rtsp" : "http";
-}
-
 nlohmann::ordered_json DescriptionDiagnosis::problems() const {
   return check.ok ? check.value["problems"] : nlohmann::ordered_json::array();
 }
@@ -133,6 +140,22 @@ bool DescriptionDiagnosis::hasElement(const std::string& name) const {
   }
   const nlohmann::ordered_json& elements = check.value["elements"];
   return std::find(elements.begin(), elements.end(), name) != elements.end();
+}
+
+bool CodecDiagnosis::encodes() const {
+  return std::any_of(descriptions.begin(), descriptions.end(),
+                     [](const DescriptionDiagnosis& description) { return description.works(); });
+}
+
+const CheckResult* Diagnosis::feed() const {
+  for (const CodecDiagnosis& codec : codecs) {
+    for (const DescriptionDiagnosis& description : codec.descriptions) {
+      if (description.works()) {
+        return &*description.trial;
+      }
+    }
+  }
+  return nullptr;
 }
 
 Diagnosis diagnose(const GstVideoBackend& backend, const CheckRunner& runner) {
@@ -149,6 +172,8 @@ Diagnosis diagnose(const GstVideoBackend& backend, const CheckRunner& runner) {
   for (const std::string& node : listDeviceNodes()) {
     board.devices.push_back({node, runner.run(Check::Device, node)});
   }
+  board.machine = describeMachine();
+  board.otherEncoders = findOtherEncoders();
   return board;
 }
 

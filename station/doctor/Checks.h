@@ -9,7 +9,9 @@
 #include "base/Board.h"
 #include "base/Pipelines.h"
 #include "doctor/CheckRunner.h"
+#include "doctor/Machine.h"
 #include "doctor/PluginOrigin.h"
+#include "doctor/Traps.h"
 
 namespace station {
 
@@ -27,21 +29,23 @@ struct DescriptionDiagnosis {
   std::string description;
   CheckResult check;
 
-  const char* name() const;  // "record", "rtsp" or "http"
+  std::optional<CheckResult> trial;  // none if it was not made
+
+  const char* name() const { return nameOf(use); }
   nlohmann::ordered_json problems() const;
   bool hasElement(const std::string& name) const;
   bool ok() const { return check.ok && problems().empty(); }
+  bool works() const { return ok() && trial && trial->ok; }
 };
 
 struct CodecDiagnosis {
   media_backend::GstVideoBackend::Codec codec;
   bool supported = false;                          // by the profile
   std::vector<DescriptionDiagnosis> descriptions;  // that the library has for the codec
-  std::optional<CheckResult> testEncode;           // none if it was not tried
   std::vector<std::string> problems;               // a line each
 
   const char* name() const { return media_backend::GstVideoBackend::codecName(codec); }
-  bool encodes() const { return testEncode && testEncode->ok; }
+  bool encodes() const;  // for any use
   bool works() const { return supported && problems.empty(); }
 };
 
@@ -63,7 +67,11 @@ struct Diagnosis {
   std::vector<CodecDiagnosis> codecs;
   std::vector<FailedPlugin> failedPlugins;
   std::vector<DeviceDiagnosis> devices;
+  Machine machine;
+  std::vector<OtherEncoder> otherEncoders;
 
+  // Of the first use that works, how its frames got to the elements; null without one.
+  const CheckResult* feed() const;
   bool available() const { return platform != media_backend::GstVideoBackend::Platform::None; }
 };
 

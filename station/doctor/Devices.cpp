@@ -12,6 +12,7 @@
 #include <glib.h>
 #include <grp.h>
 #include <linux/videodev2.h>
+#include <simulated_board/Faults.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
@@ -28,11 +29,14 @@ struct NodeKind {
   const char* kind;  // null: see askV4l2()
 };
 
-constexpr std::array<NodeKind, 3> kNodeKinds = {{
+constexpr std::array<NodeKind, 4> kNodeKinds = {{
     {"/dev", "video", nullptr},
+    {"/dev", "udmabuf", "dma-bufs of memory files"},
     {"/dev/dma_heap", "", "dma heap"},
     {"/dev/dri", "renderD", "drm render"},
 }};
+
+constexpr const char* kRootOnly = "/dev/dma_heap/root-only";  // simulated
 
 std::string groupOf(const struct stat& status) {
   const struct group* const group = getgrgid(status.st_gid);
@@ -42,15 +46,18 @@ std::string groupOf(const struct stat& status) {
 void explainRefusal(Device& device, int number) {
   device.error = std::strerror(number);
   struct stat status = {};
-  if (number != EACCES || stat(device.node.c_str(), &status) != 0) {
+  const bool isKnown = device.node == kRootOnly || stat(device.node.c_str(), &status) == 0;
+  if (number != EACCES || !isKnown) {
     return;
   }
   const std::string group = groupOf(status);
   device.error += "; it takes the group " + group;
-  if (group != "root") {
-    device.remedy = "sudo usermod -aG " + group + " " + g_get_user_name() +
-                    "  (and log in again), to open " + device.node;
-  }
+  device.remedy =
+      group != "root"
+          ? "sudo usermod -aG " + group + " " + g_get_user_name() +
+                "  (and log in again), to open " + device.node
+          : "only root may open " + device.node + ": a udev rule gives it to a group, KERNEL==\"" +
+                fs::path(device.node).filename().string() + "\", GROUP=\"video\", MODE=\"0660\"";
 }
 
 std::string fourcc(std::uint32_t code) {
@@ -125,8 +132,9 @@ std::string drmDriver(const fs::path& node) {
 }
 
 NodeKind kindOf(const fs::path& node) {
-  return *std::find_if(kNodeKinds.begin(), kNodeKinds.end() - 1,
-                       [&node](const NodeKind& kind) { return node.parent_path() == kind.folder; });
+  return *std::find_if(kNodeKinds.begin(), kNodeKinds.end() - 1, [&node](const NodeKind& kind) {
+    return node.parent_path() == kind.folder && node.filename().string().rfind(kind.prefix, 0) == 0;
+  });
 }
 
 }  // namespace
@@ -141,6 +149,9 @@ std::vector<std::string> listDeviceNodes() {
       }
     }
   }
+  if (simulated_board::hasFault("board", "root-only")) {
+    nodes.emplace_back(kRootOnly);
+  }
   std::sort(nodes.begin(), nodes.end());
   return nodes;
 }
@@ -152,6 +163,10 @@ Device describeDevice(const std::string& node) {
   device.kind = kind.kind != nullptr ? kind.kind : "";
   if (device.kind == "drm render") {
     device.driver = drmDriver(node);
+  }
+  if (node == kRootOnly && simulated_board::hasFault("board", "root-only")) {
+    explainRefusal(device, EACCES);
+    return device;
   }
   const UniqueFd descriptor(open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
   if (descriptor.get() < 0) {

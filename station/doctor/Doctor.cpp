@@ -39,7 +39,7 @@ std::string codecsFor(const Diagnosis& board, Use use) {
   std::string names;
   for (const CodecDiagnosis& codec : board.codecs) {
     for (const DescriptionDiagnosis& row : codec.descriptions) {
-      if (row.use == use && row.ok() && codec.encodes()) {
+      if (row.use == use && row.works()) {
         names += std::string(" ") + codec.name();
       }
     }
@@ -83,17 +83,26 @@ ordered_json toJson(const std::optional<CheckResult>& result) {
   return {{"ok", result->ok}, {"error", orNull(result->error)}, {"said", result->log}};
 }
 
+ordered_json trialJson(const DescriptionDiagnosis& description) {
+  ordered_json trial = toJson(description.trial);
+  if (description.works()) {
+    trial.update(description.trial->value);
+  }
+  return trial;
+}
+
 ordered_json toJson(const CodecDiagnosis& codec) {
   ordered_json uses = ordered_json::object();
   for (const DescriptionDiagnosis& description : codec.descriptions) {
     uses[description.name()] = {{"ok", description.ok()},
                                 {"description", description.description},
                                 {"error", orNull(description.check.error)},
-                                {"problems", description.problems()}};
+                                {"problems", description.problems()},
+                                {"trial", trialJson(description)}};
   }
   return {{"works", codec.works()},
           {"supported", codec.supported},
-          {"encoding", toJson(codec.testEncode)},
+          {"encodes", codec.encodes()},
           {"problems", codec.problems},
           {"uses", uses}};
 }
@@ -110,6 +119,23 @@ ordered_json toJson(const ElementDiagnosis& row) {
           {"opening", toJson(row.opening)}};
 }
 
+ordered_json orNull(const std::optional<std::uint64_t>& number) {
+  return number ? ordered_json(*number) : ordered_json();
+}
+
+ordered_json toJson(const Machine& machine) {
+  return {{"model", orNull(machine.model)},
+          {"release", orNull(machine.release)},
+          {"kernel", orNull(machine.kernel)},
+          {"contiguousKb", orNull(machine.contiguousKb)},
+          {"contiguousFreeKb", orNull(machine.contiguousFreeKb)}};
+}
+
+ordered_json feedJson(const Diagnosis& board) {
+  const CheckResult* const feed = board.feed();
+  return feed != nullptr ? feed->value : ordered_json();
+}
+
 void printJson(const Diagnosis& board, const std::vector<std::string>& next,
                const Verdict& verdict) {
   ordered_json report = {{"usable", verdict.code == ExitCode::Ok},
@@ -117,12 +143,18 @@ void printJson(const Diagnosis& board, const std::vector<std::string>& next,
                          {"verdict", verdict.line},
                          {"next", next},
                          {"profile", board.profile},
+                         {"board", toJson(board.machine)},
+                         {"frames", feedJson(board)},
+                         {"otherEncoders", ordered_json::array()},
                          {"codecs", ordered_json::object()},
                          {"elements", ordered_json::array()},
                          {"failedPlugins", ordered_json::array()},
                          {"devices", ordered_json::array()}};
   for (const CodecDiagnosis& codec : board.codecs) {
     report["codecs"][codec.name()] = toJson(codec);
+  }
+  for (const OtherEncoder& encoder : board.otherEncoders) {
+    report["otherEncoders"].push_back({{"name", encoder.name}, {"boards", encoder.boards}});
   }
   for (const ElementDiagnosis& row : board.elements) {
     report["elements"].push_back(toJson(row));
@@ -161,8 +193,10 @@ void printCodec(const CodecDiagnosis& codec) {
   for (const std::string& problem : codec.problems) {
     std::printf("           %s\n", problem.c_str());
   }
-  if (codec.testEncode && !codec.testEncode->ok) {
-    printLog(*codec.testEncode);
+  for (const DescriptionDiagnosis& description : codec.descriptions) {
+    if (description.trial && !description.trial->ok) {
+      printLog(*description.trial);
+    }
   }
 }
 
@@ -230,12 +264,34 @@ void printDevice(const DeviceDiagnosis& diagnosis) {
   std::printf("%s%s\n", error.empty() ? "" : "\n    cannot be opened: ", error.c_str());
 }
 
+void printMachine(const Diagnosis& board) {
+  const Machine& machine = board.machine;
+  std::printf("\nboard\n");
+  std::printf("  model    %s\n", machine.model.empty() ? "unknown" : machine.model.c_str());
+  std::printf("  release  %s, Linux %s\n", machine.release.c_str(), machine.kernel.c_str());
+  if (machine.contiguousKb && machine.contiguousFreeKb) {
+    std::printf("  memory   contiguous %llu kB, %llu kB of it free\n",
+                static_cast<unsigned long long>(*machine.contiguousKb),
+                static_cast<unsigned long long>(*machine.contiguousFreeKb));
+  }
+  if (const CheckResult* const feed = board.feed()) {
+    const auto& trial = feed->value;
+    std::printf("  frames   %s; %u of %u came back%s\n", trial["feed"].get<std::string>().c_str(),
+                trial["encoded"].get<unsigned int>(), trial["sent"].get<unsigned int>(),
+                trial["compared"].get<bool>() ? " as they were sent" : ", not compared");
+  }
+  for (const OtherEncoder& encoder : board.otherEncoders) {
+    std::printf("  %s is not supported: it is of %s\n", encoder.name, encoder.boards);
+  }
+}
+
 void printText(const Diagnosis& board, const std::vector<std::string>& next,
                const Verdict& verdict) {
   std::printf("%s\n", verdict.line.c_str());
   for (const std::string& line : next) {
     std::printf("next: %s\n", line.c_str());
   }
+  printMachine(board);
   if (!board.codecs.empty()) {
     std::printf("\ncodecs\n");
     std::for_each(board.codecs.begin(), board.codecs.end(), printCodec);

@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 
-#include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <sys/prctl.h>
 #include <CLI/CLI.hpp>
@@ -21,10 +21,12 @@
 #include "doctor/Child.h"
 #include "doctor/DescriptionCheck.h"
 #include "doctor/Devices.h"
+#include "doctor/Trial.h"
 
 namespace station {
 namespace {
 
+using media_backend::GstVideoBackend;
 using nlohmann::ordered_json;
 
 // With what the element adds, as drivers' errors need.
@@ -68,29 +70,23 @@ ordered_json check(const std::string& description) {
   return {{"problems", problems}, {"elements", check.elements}};
 }
 
-// Counts frames until the end of the stream.
-ordered_json encode(const std::string& description) {
-  const PipelinePtr pipeline = buildPipeline(description, "the test encode");
-  const GstPtr<GstElement> sink = findElement(pipeline.get(), "sink");
-  const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
-  gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-  unsigned int pictures = 0;
-  gsize bytes = 0;
-  while (gst_app_sink_is_eos(GST_APP_SINK(sink.get())) == FALSE) {
-    g_autoptr(GstSample) sample =
-        gst_app_sink_try_pull_sample(GST_APP_SINK(sink.get()), 100 * GST_MSECOND);
-    if (sample != nullptr) {
-      ++pictures;
-      bytes += gst_buffer_get_size(gst_sample_get_buffer(sample));
-    }
-    if (const std::optional<BusError> error = BusError::take(bus.get())) {
-      fail(*error);
-    }
+// "USE CODEC FRAMES"
+ordered_json tryPictures(const std::string& argument) {
+  std::istringstream words(argument);
+  std::string use;
+  std::string codec;
+  unsigned int frames = 0;
+  words >> use >> codec >> frames;
+  const GstVideoBackend& backend = GstVideoBackend::instance();
+  const auto isIt = [&use](Use other) { return use == nameOf(other); };
+  const Trial trial = tryOut(backend, *std::find_if(std::begin(kUses), std::end(kUses) - 1, isIt),
+                             GstVideoBackend::codecFromString(codec), frames);
+  if (!trial.fault.empty()) {
+    throw std::runtime_error(trial.fault);
   }
-  if (pictures == 0 || bytes == 0) {
-    throw std::runtime_error("the encoder takes pictures and gives none");
-  }
-  return {{"pictures", pictures}, {"bytes", bytes}};
+  return {{"feed", trial.feed},       {"zeroCopy", trial.isZeroCopy},
+          {"sent", trial.sent},       {"encoded", trial.encoded},
+          {"decoder", trial.decoder}, {"compared", !trial.decoder.empty()}};
 }
 
 ordered_json load(const std::string& file) {
@@ -114,8 +110,8 @@ constexpr struct {
   const char* name;
   ordered_json (*run)(const std::string& argument);
 } kChecks[] = {
-    {Check::Open, "open", openElement}, {Check::Description, "description", check},
-    {Check::Encode, "encode", encode},  {Check::Load, "load", load},
+    {Check::Open, "open", openElement},   {Check::Description, "description", check},
+    {Check::Trial, "trial", tryPictures}, {Check::Load, "load", load},
     {Check::Device, "device", device},
 };
 

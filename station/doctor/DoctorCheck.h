@@ -10,7 +10,7 @@ namespace station {
 enum class Check {
   Open,         // an element: does it reach READY?
   Description,  // a description: what is wrong with it, and which elements are in it?
-  Encode,       // a description that ends in the appsink "sink": does it encode?
+  Trial,        // a use and a codec: do pictures come back as they were sent?
   Load,         // a plugin's file: why does it not load?
   Device,       // a device node: what is it?
 };

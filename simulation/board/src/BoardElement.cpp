@@ -5,9 +5,10 @@
 #include <string>
 #include <utility>
 
+#include <simulated_board/Faults.h>
+
 #include "Debug.h"
 #include "DmaBufMapCache.h"
-#include "Faults.h"
 #include "Guarded.h"
 #include "PaintFault.h"
 #include "SurfaceBridge.h"

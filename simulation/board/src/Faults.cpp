@@ -1,4 +1,4 @@
-#include "Faults.h"
+#include <simulated_board/Faults.h>
 
 #include <cstdlib>
 #include <sstream>

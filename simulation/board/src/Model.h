@@ -9,7 +9,7 @@ namespace simulated_board {
 
 // A hardware element and its software replacement.
 struct Model {
-  enum class Board { Nvidia, Imx };
+  enum class Board { Nvidia, Imx, Other };
   using Property = GParamSpec* (*)();
 
   const char* name;  // as on the hardware

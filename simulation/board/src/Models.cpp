@@ -321,6 +321,18 @@ Model nvidiaConverter(const char* name, const char* title) {
   return model;
 }
 
+// An encoder of boards that the library does not support.
+Model otherEncoder(const char* name) {
+  return {name,
+          Model::Board::Other,
+          "Simulated encoder of another board",
+          kEncoder,
+          kVpuInput,
+          kH264,
+          {gopSize, vpuBitrate},
+          vpuH264};
+}
+
 Model nvidiaJpegEncoder() {
   Model model = {"nvjpegenc",
                  Model::Board::Nvidia,
@@ -371,6 +383,8 @@ const std::vector<Model>& models() {
        false,
        false,
        finishConverter},
+      otherEncoder("imxvpuenc_h264"),
+      otherEncoder("omxh264enc"),
   };
   return table;
 }

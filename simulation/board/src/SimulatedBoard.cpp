@@ -37,8 +37,10 @@ Selection allElements() {
 bool select(const std::string& name, Selection& selected, std::string& error) {
   const std::size_t before = selected.size();
   for (const Element& element : allElements()) {
-    const char* const board = element.board == Model::Board::Nvidia ? "nvidia" : "imx";
-    if (name == element.name || name == board) {
+    const char* const board = element.board == Model::Board::Nvidia ? "nvidia"
+                              : element.board == Model::Board::Imx  ? "imx"
+                                                                    : nullptr;
+    if (name == element.name || (board != nullptr && name == board)) {
       selected.push_back(element);
     }
   }
