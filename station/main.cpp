@@ -4,6 +4,7 @@
 #include "grab/Grab.h"
 #include "http/ServeHttp.h"
 #include "inspect/Inspect.h"
+#include "klv/KlvCommand.h"
 #include "record/RecordCommand.h"
 #include "rtsp/ServeRtsp.h"
 
@@ -13,8 +14,9 @@ int main(int argc, char** argv) {
   station::DoctorCheck doctorCheck;
   station::RecordCommand record;
   station::Grab grab;
+  station::KlvCommand klv;
   station::ServeRtsp serveRtsp;
   station::ServeHttp serveHttp;
   return station::runCommandLine(
-      argc, argv, {&inspect, &doctor, &doctorCheck, &record, &grab, &serveRtsp, &serveHttp});
+      argc, argv, {&inspect, &doctor, &doctorCheck, &record, &grab, &klv, &serveRtsp, &serveHttp});
 }

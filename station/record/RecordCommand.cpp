@@ -26,7 +26,10 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   command.add_option("--segment-seconds", options_.recorder.segmentSeconds, "Longest segment")
       ->check(CLI::Range(1U, 86400U))
       ->capture_default_str();
-  command.add_flag("--klv", options_.recorder.klv, "Record a KLV track (MISB ST 0601)");
+  CLI::Option* const klv =
+      command.add_flag("--klv", options_.recorder.klv, "Record a KLV track (MISB ST 0601)");
+  options_.metadata.addTo(command);
+  command.get_option("--telemetry")->needs(klv);
   command
       .add_option("--duration", options_.durationSeconds,
                   "Seconds to record; until Ctrl-C if not given")

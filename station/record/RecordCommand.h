@@ -6,6 +6,7 @@
 #include "base/Command.h"
 #include "base/Pipelines.h"
 #include "camera/CameraOptions.h"
+#include "metadata/MetadataOptions.h"
 #include "record/AudioOptions.h"
 
 namespace station {
@@ -16,6 +17,7 @@ struct RecordOptions {
   DescriptionSettings recorder;
   double durationSeconds = 0;  // 0: until stopped
   AudioOptions audio;
+  MetadataOptions metadata;
 };
 
 // The command "record": frames of a camera, paced at the frame rate, into MPEG-TS segments, until

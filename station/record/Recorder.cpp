@@ -10,6 +10,7 @@
 #include "base/Pipelines.h"
 #include "base/StationError.h"
 #include "base/WriteError.h"
+#include "metadata/MisbSt0604.h"
 #include "record/SegmentFiles.h"
 
 namespace station {
@@ -96,6 +97,11 @@ void Recorder::watchEncoder() {
   const GstPtr<GstElement> encoder = findElement(pipeline_.get(), "enc");
   const GstPtr<GstPad> input(gst_element_get_static_pad(encoder.get(), "sink"));
   const GstPtr<GstPad> output(gst_element_get_static_pad(encoder.get(), "src"));
+  const GstPtr<GstElement> parser = findElement(pipeline_.get(), "vparse");
+  const GstPtr<GstPad> parsed(gst_element_get_static_pad(parser.get(), "src"));
+  MisbSt0604::insertAt(parsed.get(), [this](GstClockTime elapsed) {
+    return timeOf(settings_.frames.rate.frameAt(elapsed));
+  });
   gst_pad_add_probe(input.get(), GST_PAD_PROBE_TYPE_BUFFER, guarded<onEncoderInput>, this, nullptr);
   gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, guarded<onEncoderOutput>, this,
                     nullptr);
@@ -135,6 +141,11 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
   recorder->segmentName_ = path.filename().string();
   ++recorder->segments_;
   return g_strdup(path.c_str());
+}
+
+std::chrono::system_clock::time_point Recorder::timeOf(std::uint64_t index) const {
+  return start_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                      std::chrono::nanoseconds(settings_.frames.rate.timeOf(index)));
 }
 
 void Recorder::push(const std::shared_ptr<lumora::ExportedFrame>& frame, std::uint64_t index,

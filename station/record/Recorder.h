@@ -65,6 +65,9 @@ class Recorder {
   // Time of the first frame by the wall clock; segment names count from it. Before the first push.
   void setStart(std::chrono::system_clock::time_point start) { start_ = start; }
 
+  // The same clock's time of frame number `index`, which the video has in it, too.
+  std::chrono::system_clock::time_point timeOf(std::uint64_t index) const;
+
   // Pushes frame number `index`, from 0 and growing, and its KLV packet, which is ignored when
   // recording without KLV.
   void push(const std::shared_ptr<lumora::ExportedFrame>& frame, std::uint64_t index,

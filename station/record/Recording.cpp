@@ -12,8 +12,6 @@
 
 #include "base/StationError.h"
 #include "camera/CallSource.h"
-#include "record/KlvEncoder.h"
-#include "record/SensorModel.h"
 
 namespace station {
 namespace {
@@ -21,7 +19,6 @@ namespace {
 using media_backend::GstVideoBackend;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
-using std::chrono::system_clock;
 
 constexpr std::chrono::milliseconds kEncoderTimeout{3000};
 
@@ -64,6 +61,8 @@ std::shared_ptr<lumora::LumoraPicture> firstFrame(Camera& camera) {
 Recording::Recording(const GstVideoBackend& backend, const RecordOptions& options)
     : options_(options),
       audio_(checked(backend, options)),
+      metadata_(options.metadata.open()),
+      encoder_(options.metadata.labels),
       camera_(callSource(options.camera.source,
                          [&] { return Camera::openFor(backend, options.camera); })),
       picture_(firstFrame(*camera_)),
@@ -113,9 +112,12 @@ void Recording::recordFrame() {
   const nanoseconds elapsed = timeOf(index_);
   std::vector<std::uint8_t> klv;
   if (options_.recorder.klv) {
-    writeSensorMetadata(
-        *picture_, start_ + std::chrono::duration_cast<system_clock::duration>(elapsed), elapsed);
-    klv = encodeMisbSt0601(*picture_);
+    const auto time = recorder_.timeOf(index_);
+    if (metadata_ != nullptr) {
+      metadata_->annotate(*picture_, time);
+    }
+    writeTimes(*picture_, time, elapsed);
+    klv = encoder_.encode(*picture_);
   }
   recorder_.push(camera_->exportPicture(*picture_), index_, klv);
 }

@@ -35,6 +35,8 @@ class Recording {
 
   const RecordOptions& options_;
   AudioFeed audio_;
+  const std::unique_ptr<MetadataSource> metadata_;  // null for none
+  const MisbSt0601 encoder_;
   const std::unique_ptr<Camera> camera_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to record; null after the last
   const StopSignal stop_;

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include <lumora/LumoraPicture.h>
+
+#include "metadata/Geometry.h"
+#include "metadata/MetadataKeys.h"
+#include "metadata/MetadataSource.h"
+
+namespace station {
+
+// Values of metadata keys over time, from whoever measures them.
+//
+// Between two values, the one asked for is in between, as KeyKind says. A value stays until the
+// next, but never for longer than the timeout; then it is unknown.
+//
+// Threads: any, for add() and writeTo().
+class Telemetry {
+ public:
+  using Time = MetadataSource::Time;
+  using Value = lumora::LumoraPicture::MetadataValue;
+  // Values of one time by their keys; nothing for what is not known from then on. Positions come as
+  // pairs of latitude and longitude.
+  using Sample = std::map<std::string, std::optional<Value>>;
+
+  // Keeps at most `capacity` values of a key, and drops the oldest for others.
+  Telemetry(std::chrono::nanoseconds timeout, std::size_t capacity)
+      : timeout_(timeout), capacity_(capacity) {}
+
+  // Every value has the type of its key: double, std::int64_t, bool or std::string.
+  void add(Time time, const Sample& sample);
+
+  // Writes the values of `time` into the picture's header.
+  void writeTo(lumora::LumoraPicture& picture, Time time) const;
+
+ private:
+  using Entry = std::variant<std::monostate, Value, GeoPoint>;
+  using Track = std::map<Time, Entry>;
+
+  Entry valueAt(const Track& track, KeyKind kind, Time time) const;
+
+  const std::chrono::nanoseconds timeout_;
+  const std::size_t capacity_;
+  mutable std::mutex mutex_;
+  std::map<std::string, Track> tracks_;  // positions under the name of the latitude
+};
+
+}  // namespace station
