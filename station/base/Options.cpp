@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <iterator>
 #include <vector>
@@ -41,15 +40,6 @@ void addCodecOption(CLI::App& command, GstVideoBackend::Codec& codec, const Code
   if (codec != GstVideoBackend::Codec::Unknown) {
     option->default_str(GstVideoBackend::codecName(codec));
   }
-}
-
-void addEncoderOptions(CLI::App& command, GstVideoBackend::EncoderConfig& encoder,
-                       const Codecs& choices) {
-  encoder.codec = GstVideoBackend::Codec::H264;
-  addCodecOption(command, encoder.codec, choices, "What to encode, if the board can");
-  command.add_option("--bitrate", encoder.bitrateBps, "Video bit rate in bits per second")
-      ->check(CLI::Range(std::uint32_t{1000}, std::uint32_t{1000000000}))
-      ->capture_default_str();
 }
 
 std::string refuseNan(const std::string& text) {

@@ -23,10 +23,6 @@ Codecs allCodecs();
 void addCodecOption(CLI::App& command, media_backend::GstVideoBackend::Codec& codec,
                     const Codecs& choices, const char* help);
 
-// --codec, H.264 by default, and --bitrate.
-void addEncoderOptions(CLI::App& command, media_backend::GstVideoBackend::EncoderConfig& encoder,
-                       const Codecs& choices);
-
 // Refuses "nan", which CLI::Range accepts: it is neither below nor above.
 std::string refuseNan(const std::string& text);
 

@@ -15,17 +15,6 @@ constexpr const char* kAppSource =
     "appsrc name=camera is-live=true format=time do-timestamp=true max-buffers=2 "
     "leaky-type=downstream ";
 
-const char* displayName(Use use) {
-  switch (use) {
-    case Use::Record:
-      return "recording";
-    case Use::Rtsp:
-      return "RTSP";
-    default:
-      return "HTTP";
-  }
-}
-
 // JPEG encoders take samples as they are. videoconvert is exact by way of 16 bits of RGB only.
 std::string upload(const GstVideoBackend& backend, const DescriptionSettings& settings) {
   if (settings.encoder.codec != GstVideoBackend::Codec::Mjpeg) {
@@ -51,6 +40,17 @@ std::string usableCodecs(const GstVideoBackend& backend, Use use, DescriptionSet
 }
 
 }  // namespace
+
+const char* displayName(Use use) {
+  switch (use) {
+    case Use::Record:
+      return "recording";
+    case Use::Rtsp:
+      return "RTSP";
+    default:
+      return "HTTP";
+  }
+}
 
 const char* nameOf(Use use) {
   return use == Use::Record ? "record" : use == Use::Rtsp ? "rtsp" : "http";

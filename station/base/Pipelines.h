@@ -17,6 +17,7 @@ namespace station {
 enum class Use { Record, Rtsp, Http };
 constexpr Use kUses[] = {Use::Record, Use::Rtsp, Use::Http};
 const char* nameOf(Use use);  // "record", "rtsp" or "http"
+const char* displayName(Use use);
 
 struct DescriptionSettings {
   media_backend::GstVideoBackend::EncoderConfig encoder;

@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "base/Pipelines.h"
 #include "http/Server.h"
 
 namespace station {
@@ -19,13 +18,11 @@ CLI::App& ServeHttp::addOptions(CLI::App& program) {
                   "repeated")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  command.get_option("--bitrate")->each([this](const std::string& /*text*/) {
-    isBitRateGiven_ = true;
-  });
   return command;
 }
 
 void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, MainLoop& loop) {
+  options_.encoderOptions.refuseUnused(backend, Use::Http, {options_.encoder});
   HttpServer server(backend, camera, options_,
                     [&loop](const StationError& error) { loop.fail(error); });
   announce(server.listener(), "/", backend, camera.format());
@@ -35,11 +32,7 @@ void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, MainLo
 
 // Over HTTP, some encoders run without any setting: the library leaves them theirs.
 void ServeHttp::noteUnusedBitRate(const GstVideoBackend& backend) const {
-  DescriptionSettings settings;
-  settings.encoder = options_.encoder;
-  settings.encoder.bitrateBps *= 2;
-  if (isBitRateGiven_ &&
-      describe(backend, Use::Http, settings) == describe(backend, Use::Http, {options_.encoder})) {
+  if (options_.encoderOptions.isBitRateUnused(backend, Use::Http, {options_.encoder})) {
     std::fprintf(stderr,
                  "note: --bitrate has no effect: over HTTP, this board's encoder of %s keeps its "
                  "own bit rate\n",

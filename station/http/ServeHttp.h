@@ -16,8 +16,6 @@ class ServeHttp : public ServeCommand {
   void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
              MainLoop& loop) override;
   void noteUnusedBitRate(const media_backend::GstVideoBackend& backend) const;
-
-  bool isBitRateGiven_ = false;
 };
 
 }  // namespace station

@@ -11,7 +11,6 @@
 #include <nlohmann/json.hpp>
 
 #include "base/Board.h"
-#include "base/Options.h"
 
 namespace station {
 namespace {
@@ -109,7 +108,7 @@ CLI::App& Inspect::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "inspect", "Show the board's video platform, its codecs, and what the library makes of it");
   addBoardOption(command, board_);
-  addEncoderOptions(command, settings_.encoder, allCodecs());
+  encoder_.addTo(command, settings_.encoder, allCodecs());
   command.add_option("--segment-seconds", settings_.segmentSeconds, "Longest segment")
       ->check(CLI::Range(1U, 86400U))
       ->capture_default_str();

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "base/Command.h"
+#include "base/EncoderOptions.h"
 #include "base/Pipelines.h"
 
 namespace station {
@@ -18,6 +19,7 @@ class Inspect : public Command {
  private:
   std::string board_;
   DescriptionSettings settings_;
+  EncoderOptions encoder_;
   bool json_ = false;
   std::string graph_;  // SVG file for a drawing of the recorder's pipeline; empty for none
 };

@@ -25,6 +25,11 @@ void addTrackOptions(CLI::App& command, AudioTrack::Settings& track) {
       ->check(CLI::IsMember({"silence", "noise", "disabled"}))
       ->default_str("silence");
   command
+      .add_option("--fallback-bitrate", track.fallbackBitRate,
+                  "Bits per second of what fills gaps in the audio")
+      ->check(CLI::Range(6000, 256000))
+      ->capture_default_str();
+  command
       .add_option_function<std::int64_t>(
           "--watchdog",
           [&track](std::int64_t timeout) { track.watchdog = std::chrono::milliseconds(timeout); },

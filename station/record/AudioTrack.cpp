@@ -36,6 +36,7 @@ AudioTrack::AudioTrack(const Settings& settings)
             {"fallback_frames", kCounter, "Frames made to fill gaps.", now.fallback}};
       }) {
   guard_.setFallbackMode(settings.fallback);
+  guard_.setFallbackBitrate(settings.fallbackBitRate);
   guard_.setWatchdogTimeout(settings.watchdog);
   guard_.prime(48000, 1, frameNs_);
 }

@@ -26,6 +26,7 @@ class AudioTrack {
     media_backend::AudioContinuityGuard::FallbackMode fallback =
         media_backend::AudioContinuityGuard::FallbackMode::Silence;
     std::chrono::milliseconds watchdog{40};
+    int fallbackBitRate = 64000;  // bits per second, 6000 to 256000
   };
 
   struct Statistics {

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 
 #include "base/Board.h"
-#include "base/Options.h"
 #include "record/Recording.h"
 
 namespace station {
@@ -17,7 +16,7 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "record", "Record a camera, or a file played as one, into MPEG-TS segments");
   addBoardOption(command, board_);
-  addEncoderOptions(command, options_.recorder.encoder, {Codec::H264, Codec::H265});
+  encoder_.addTo(command, options_.recorder.encoder, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
   options_.camera.addFeedTo(command);
   command.add_option("-o,--output", options_.folder, "Folder for the segments")
@@ -42,7 +41,9 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
 }
 
 void RecordCommand::run() {
-  Recording(openUsableBoard(board_), options_).run();
+  const auto& backend = openUsableBoard(board_);
+  encoder_.refuseUnused(backend, Use::Record, options_.recorder);
+  Recording(backend, options_).run();
 }
 
 }  // namespace station

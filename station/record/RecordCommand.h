@@ -4,6 +4,7 @@
 #include <string>
 
 #include "base/Command.h"
+#include "base/EncoderOptions.h"
 #include "base/Pipelines.h"
 #include "camera/CameraOptions.h"
 #include "metadata/MetadataOptions.h"
@@ -29,6 +30,7 @@ class RecordCommand : public Command {
 
  private:
   std::string board_;
+  EncoderOptions encoder_;
   RecordOptions options_;
 };
 

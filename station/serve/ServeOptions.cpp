@@ -5,7 +5,7 @@
 namespace station {
 
 void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
-  addEncoderOptions(command, encoder, codecs);
+  encoderOptions.addTo(command, encoder, codecs);
   camera.addTo(command);
   camera.addFeedTo(command);
   command.add_option("--port", port, "TCP port; 0 for any free one")

@@ -8,7 +8,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "base/Command.h"
-#include "base/Options.h"
+#include "base/EncoderOptions.h"
 #include "camera/CameraOptions.h"
 #include "serve/Credentials.h"
 #include "serve/Tls.h"
@@ -18,6 +18,7 @@ namespace station {
 struct ServeOptions {
   CameraOptions camera;
   media_backend::GstVideoBackend::EncoderConfig encoder;
+  EncoderOptions encoderOptions;      // that set it
   std::string address = "127.0.0.1";  // numeric
   std::uint16_t port = 0;             // 0: any free one
   std::optional<Credentials> credentials;

@@ -165,12 +165,18 @@ TEST_F(Record, KeepsWhatTheMicrophoneHears) {
 }
 
 TEST_F(Record, EndsWithTheFileWithoutLooping) {
-  const Result result = run(command({"--board", "nvidia", "--no-loop"}));
+  const Result result = run(command({"--board", "nvidia", "--no-loop", "--key-distance", "10",
+                                     "--rate-control", "variable", "--preset", "2"}));
   EXPECT_TRUE(hasRecorded(result)) << result.err;
   int recorded = 0;
   int dropped = 0;
   std::sscanf(result.out.c_str(), "recorded %d frames, %d dropped", &recorded, &dropped);
   EXPECT_EQ(recorded + dropped, 60) << result.out;
+  const std::string keys =
+      "ffprobe -v error -select_streams v -skip_frame nokey -show_entries "
+      "frame=pts -of default " +
+      filesIn(output()).front().string() + " | grep -c pts=";
+  EXPECT_EQ(std::stoi(run({"sh", "-c", keys}).out), (recorded + 9) / 10);
 }
 
 TEST_F(Record, RefusesInOneLineWhatCannotWork) {
@@ -187,6 +193,9 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--board", "nvv4l2h265enc,nvvidconv"}, 4, "h264; usable: h265"},
       {{"/nowhere.mp4", "-o", out}, 5, "does not exist: /nowhere.mp4"},
       {{clip_, "-o", text}, 6, "output folder "},
+      {{clip_, "-o", out, "--preset", "1"}, 2, "--preset has no effect on dmabuf-nv12-vpu for rec"},
+      {{clip_, "-o", out, "--rate-control", "constant"}, 2, "--rate-control has no effect"},
+      {{clip_, "-o", out, "--key-distance", "0"}, 2, "--key-distance: Value 0 not in"},
       {{clip_, "-o", out, "--audio", stereo}, 5, "this is 2 channels at 48000 Hz"},
       {{clip_, "-o", out, "--audio", clip_}, 5, "no Opus track"},
       {{clip_, "-o", out, "--audio", "/nowhere.ogg"}, 5, "/nowhere.ogg: No such file"},
