@@ -18,6 +18,8 @@ class GpsdClient : public MetadataSource {
   // Connects to "HOST" or "HOST:PORT". Throws StationError (Source).
   GpsdClient(const std::string& place, std::chrono::nanoseconds timeout);
   ~GpsdClient() override;
+  GpsdClient(const GpsdClient&) = delete;
+  GpsdClient& operator=(const GpsdClient&) = delete;
 
   void annotate(lumora::LumoraPicture& picture, Time time) override;
 

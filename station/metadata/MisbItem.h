@@ -37,7 +37,7 @@ struct MisbItem {
   // Nothing for a value that the item cannot say.
   std::optional<Bytes> encode(const Value& value) const;
   // Nothing for "out of range" and not a number. Throws std::out_of_range for a wrong size.
-  std::optional<Value> decode(const Bytes& bytes) const;
+  std::optional<Value> decode(const Bytes& content) const;
 
  private:
   std::optional<Bytes> encodeNumber(double value) const;

@@ -19,6 +19,8 @@ class TelemetryStream : public MetadataSource {
   // Takes a descriptor over and reads from it on a thread of its own.
   TelemetryStream(int input, std::chrono::nanoseconds timeout);
   ~TelemetryStream() override;
+  TelemetryStream(const TelemetryStream&) = delete;
+  TelemetryStream& operator=(const TelemetryStream&) = delete;
 
   void annotate(lumora::LumoraPicture& picture, Time time) override;
 
