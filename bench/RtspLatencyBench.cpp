@@ -258,7 +258,7 @@ int main(int argc, char** argv) {
   station::LiveCamera camera(std::make_unique<StampingCamera>(backend));
   int exitCode = EXIT_FAILURE;
   {
-    station::RtspServer server(backend, camera, options);
+    station::RtspServer server(backend, camera, nullptr, options);
     const PeerServer peer(backend);
     g_stationUrl = "rtsp://" + server.listener().authority() + options.path;
     g_peerUrl = peer.url();

@@ -105,6 +105,12 @@ GstPtr<GstElement> findElement(GstElement* bin, const char* name) {
   return element;
 }
 
+bool isPlaying(GstElement* element) {
+  GstState state = GST_STATE_NULL;
+  gst_element_get_state(element, &state, nullptr, 0);
+  return state == GST_STATE_PLAYING;
+}
+
 BusError BusError::parse(GstMessage* message) {
   g_autoptr(GError) error = nullptr;
   g_autofree gchar* debug = nullptr;

@@ -50,6 +50,10 @@ PipelinePtr buildPipeline(const std::string& description, const std::string& wha
 // The element of that name, at any depth. Throws StationError (Pipeline) if there is none.
 GstPtr<GstElement> findElement(GstElement* bin, const char* name);
 
+// Whether its state is PLAYING. Before that, a live source has no base time: do-timestamp would
+// write the absolute clock time, and the pipeline wait for it.
+bool isPlaying(GstElement* element);
+
 // An error message of a pipeline's bus.
 struct BusError {
   GQuark domain;

@@ -3,17 +3,6 @@
 #include "base/Pipelines.h"
 
 namespace station {
-namespace {
-
-// Before PLAYING the element may have a clock but no base time; do-timestamp would write the
-// absolute clock time, and the pipeline wait for it.
-bool isPlaying(GstElement* source) {
-  GstState state = GST_STATE_NULL;
-  gst_element_get_state(source, &state, nullptr, 0);
-  return state == GST_STATE_PLAYING;
-}
-
-}  // namespace
 
 CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
                        GstElement* bin)

@@ -16,7 +16,7 @@ namespace station {
 // Threads: any.
 class AccessUnitBuffer {
  public:
-  static constexpr std::size_t kMaxAccessUnits = 120;
+  static constexpr std::size_t kMaxAccessUnits = 480;
   static constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
   static constexpr std::size_t kMaxAccessUnitBytes = std::size_t{8} << 20;
 

@@ -14,7 +14,8 @@ namespace {
 using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 
-constexpr std::size_t kBoxHead = 8;  // size and type
+constexpr guint32 kSampleRate = 48000;  // of all Opus
+constexpr std::size_t kBoxHead = 8;     // size and type
 
 const char* parserOf(Codec codec) {
   switch (codec) {
@@ -28,11 +29,14 @@ const char* parserOf(Codec codec) {
 }
 
 // Fragments of 1 ms hold one frame each.
-std::string describeMuxer(Codec codec) {
+std::string describeMuxer(Codec codec, bool hasAudio) {
   return std::string("appsrc name=video format=time max-buffers=60 leaky-type=downstream ! ") +
          parserOf(codec) +
          " ! mp4mux name=muxer fragment-duration=1 streamable=true ! "
-         "appsink name=fragments sync=false emit-signals=true";
+         "appsink name=fragments sync=false emit-signals=true " +
+         (hasAudio ? "appsrc name=sound format=time max-buffers=100 leaky-type=downstream "
+                     "caps=audio/x-opus,channel-mapping-family=0,channels=1,rate=48000 ! muxer."
+                   : "");
 }
 
 std::uint32_t numberAt(const std::string& bytes, std::size_t offset) {
@@ -48,48 +52,77 @@ bool isKeyFragment(const std::string& moof) {
   return numberAt(moof, kTrack) == 1 && (numberAt(moof, end - 4) & kNonSync) == 0;
 }
 
+// Workaround for GStreamer's mp4mux, up to 1.22 at least: it writes Opus's sample rate
+// little-endian, and browsers refuse the track.
+void correctOpusRate(std::string& header) {
+  const std::size_t box = header.find("dOps");
+  constexpr std::size_t kRate = 8;  // after type, version, channels and pre-skip
+  if (box != std::string::npos && box + kRate + 4 <= header.size()) {
+    char* const rate = header.data() + box + kRate;
+    GST_WRITE_UINT32_BE(rate, kSampleRate);
+  }
+}
+
 }  // namespace
 
 bool Mp4Muxer::supports(Codec codec) {
   return parserOf(codec) != nullptr;
 }
 
-Mp4Muxer::Mp4Muxer(Codec codec, std::function<void()> onFragment,
+Mp4Muxer::Mp4Muxer(Codec codec, LiveAudio* audio, std::function<void()> onFragment,
                    std::function<void(const StationError& error)> onFailure)
     : onFragment_(std::move(onFragment)),
       onFailure_(std::move(onFailure)),
-      pipeline_(buildPipeline(describeMuxer(codec), "the MP4 muxer")),
+      pipeline_(buildPipeline(describeMuxer(codec, audio != nullptr), "the MP4 muxer")),
       video_(findElement(pipeline_.get(), "video")) {
   g_signal_connect(findElement(pipeline_.get(), "fragments").get(), "new-sample",
                    G_CALLBACK(guarded<onSample>), this);
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
   gst_bus_add_watch(bus.get(), guarded<onMessage>, this);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);  // the bus reports a failure
+  if (audio != nullptr) {
+    sound_ = findElement(pipeline_.get(), "sound");
+    audio_.emplace(*audio, [this](const auto& packet, auto begin) {
+      pushAudio(packet, static_cast<GstClockTime>(begin.time_since_epoch().count()));
+    });
+  }
 }
 
 Mp4Muxer::~Mp4Muxer() {
+  audio_.reset();
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
   gst_bus_remove_watch(bus.get());
 }
 
-void Mp4Muxer::push(GstSample* sample) {
+void Mp4Muxer::push(GstSample* sample, GstClockTime baseTime) {
   GstBuffer* const accessUnit = gst_sample_get_buffer(sample);
-  const GstClockTime time = gst_segment_to_running_time(
-      gst_sample_get_segment(sample), GST_FORMAT_TIME, GST_BUFFER_PTS(accessUnit));
-  {
-    const std::lock_guard lock(mutex_);
-    if (!origin_) {
-      if (GST_BUFFER_FLAG_IS_SET(accessUnit, GST_BUFFER_FLAG_DELTA_UNIT)) {
-        return;
-      }
-      origin_ = time;
-      g_object_set(video_.get(), "caps", gst_sample_get_caps(sample), nullptr);
+  const GstClockTime time =
+      baseTime + gst_segment_to_running_time(gst_sample_get_segment(sample), GST_FORMAT_TIME,
+                                             GST_BUFFER_PTS(accessUnit));
+  const std::lock_guard lock(mutex_);
+  if (!origin_) {
+    if (GST_BUFFER_FLAG_IS_SET(accessUnit, GST_BUFFER_FLAG_DELTA_UNIT)) {
+      return;
     }
-    // Deep, as the muxer must not exhaust the encoder's buffer pool.
-    GstBuffer* const copy = gst_buffer_copy_deep(accessUnit);
-    GST_BUFFER_PTS(copy) = GST_BUFFER_DTS(copy) = time - *origin_;
-    gst_app_src_push_buffer(GST_APP_SRC(video_.get()), copy);
+    origin_ = time;
+    g_object_set(video_.get(), "caps", gst_sample_get_caps(sample), nullptr);
   }
+  // Deep, as the muxer must not exhaust the encoder's buffer pool.
+  GstBuffer* const copy = gst_buffer_copy_deep(accessUnit);
+  GST_BUFFER_PTS(copy) = GST_BUFFER_DTS(copy) = time - *origin_;
+  gst_app_src_push_buffer(GST_APP_SRC(video_.get()), copy);
+}
+
+void Mp4Muxer::pushAudio(const media_backend::EncodedAudioFrame& packet, GstClockTime time) {
+  const std::lock_guard lock(mutex_);
+  if (!origin_ || time < *origin_) {
+    return;
+  }
+  GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.payload.size(), nullptr);
+  gst_buffer_fill(buffer, 0, packet.payload.data(), packet.payload.size());
+  GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = time - *origin_;
+  GST_BUFFER_DURATION(buffer) = packet.durationNs;
+  gst_app_src_push_buffer(GST_APP_SRC(sound_.get()), buffer);
 }
 
 std::optional<Mp4Muxer::Header> Mp4Muxer::header() const {
@@ -137,7 +170,8 @@ void Mp4Muxer::takeBoxes() {
   }
 }
 
-void Mp4Muxer::keepHeader(const std::string& bytes) {
+void Mp4Muxer::keepHeader(std::string bytes) {
+  correctOpusRate(bytes);
   const GstPtr<GstElement> muxer = findElement(pipeline_.get(), "muxer");
   std::string codecs;
   g_autoptr(GstIterator) pads = gst_element_iterate_sink_pads(muxer.get());
@@ -151,7 +185,7 @@ void Mp4Muxer::keepHeader(const std::string& bytes) {
       },
       &codecs);
   const std::lock_guard lock(mutex_);
-  header_ = {bytes, "video/mp4; codecs=\"" + codecs + "\""};
+  header_ = {std::move(bytes), "video/mp4; codecs=\"" + codecs + "\""};
 }
 
 gboolean Mp4Muxer::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {

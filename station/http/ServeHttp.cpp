@@ -21,9 +21,10 @@ CLI::App& ServeHttp::addOptions(CLI::App& program) {
   return command;
 }
 
-void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, MainLoop& loop) {
+void ServeHttp::serve(const GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
+                      MainLoop& loop) {
   options_.encoderOptions.refuseUnused(backend, Use::Http, {options_.encoder});
-  HttpServer server(backend, camera, options_,
+  HttpServer server(backend, camera, audio, options_,
                     [&loop](const StationError& error) { loop.fail(error); });
   announce(server.listener(), "/", backend, camera.format());
   noteUnusedBitRate(backend);

@@ -13,7 +13,7 @@ class ServeHttp : public ServeCommand {
   CLI::App& addOptions(CLI::App& program) override;
 
  private:
-  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
              MainLoop& loop) override;
   void noteUnusedBitRate(const media_backend::GstVideoBackend& backend) const;
 };

@@ -68,10 +68,11 @@ void dropSource(gpointer source) {
 
 }  // namespace
 
-HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera,
+HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
                        const ServeOptions& options, HttpStream::OnFailure onFailure)
     : backend_(backend),
       camera_(camera),
+      audio_(audio),
       options_(options),
       onFailure_(std::move(onFailure)),
       guard_(options),
@@ -103,7 +104,7 @@ void HttpServer::addStream(Codec codec) {
   GstVideoBackend::EncoderConfig config = options_.encoder;
   config.codec = codec;
   streams_.emplace_back(
-      backend_, camera_, config, [this] { wakeUp_.signal(); }, onFailure_);
+      backend_, camera_, audio_, config, [this] { wakeUp_.signal(); }, onFailure_);
 }
 
 void HttpServer::setUpServer() {

@@ -6,6 +6,7 @@
 #include <libsoup/soup.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "audio/LiveAudio.h"
 #include "base/Handles.h"
 #include "base/Metrics.h"
 #include "camera/LiveCamera.h"
@@ -28,7 +29,7 @@ class HttpServer {
  public:
   // Begins to listen. Throws StationError (CodecNotUsable, and as Listener does). `onFailure` is
   // called with an encoder's failure (Pipeline).
-  HttpServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+  HttpServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
              const ServeOptions& options, HttpStream::OnFailure onFailure);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
@@ -56,6 +57,7 @@ class HttpServer {
 
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
+  LiveAudio* const audio_;
   const ServeOptions options_;
   const HttpStream::OnFailure onFailure_;
   const gint64 begin_ = g_get_monotonic_time();

@@ -54,11 +54,12 @@ void repeatParameterSets(GstElement* bin) {
 
 }  // namespace
 
-HttpStream::HttpStream(const GstVideoBackend& backend, LiveCamera& camera,
+HttpStream::HttpStream(const GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
                        const GstVideoBackend::EncoderConfig& config,
                        std::function<void()> onAccessUnit, OnFailure onFailure)
     : backend_(backend),
       camera_(camera),
+      audio_(audio),
       codec_(config.codec),
       description_(requireDescription(backend, Use::Http,
                                       {config, 0, false, false, 0, camera.format().colorimetry})),
@@ -81,7 +82,9 @@ std::string HttpStream::mp4Path() const {
 std::shared_ptr<const Mp4Muxer> HttpStream::mp4() {
   const std::lock_guard lock(muxerMutex_);
   if (muxer_ == nullptr) {
-    muxer_ = std::make_shared<Mp4Muxer>(codec_, onAccessUnit_, onFailure_);
+    muxer_ = std::make_shared<Mp4Muxer>(codec_,
+                                        audio_ != nullptr && audio_->isGapless() ? audio_ : nullptr,
+                                        onAccessUnit_, onFailure_);
   }
   return muxer_;
 }
@@ -94,13 +97,11 @@ std::shared_ptr<Mp4Muxer> HttpStream::muxer() const {
 std::optional<double> HttpStream::mp4Time() const {
   const std::shared_ptr<const Mp4Muxer> mp4 = muxer();
   const std::optional<GstClockTime> origin = mp4 != nullptr ? mp4->origin() : std::nullopt;
-  const GstPtr<GstClock> clock(pipeline_ != nullptr ? gst_element_get_clock(pipeline_.get())
-                                                    : nullptr);
-  if (!origin || clock == nullptr) {
+  if (!origin) {
     return std::nullopt;
   }
-  const GstClockTime start = gst_element_get_base_time(pipeline_.get()) + *origin;
-  return static_cast<double>(GST_CLOCK_DIFF(start, gst_clock_get_time(clock.get()))) / GST_SECOND;
+  const auto now = static_cast<GstClockTime>(g_get_monotonic_time()) * GST_USECOND;
+  return static_cast<double>(GST_CLOCK_DIFF(*origin, now)) / GST_SECOND;
 }
 
 void HttpStream::addReader() {
@@ -178,7 +179,7 @@ GstFlowReturn HttpStream::onSample(GstElement* sink, gpointer self) {
   stream->oversized_ += kept ? 0 : 1;
   gst_buffer_unmap(buffer, &map);
   if (const std::shared_ptr<Mp4Muxer> muxer = stream->muxer()) {
-    muxer->push(sample);
+    muxer->push(sample, gst_element_get_base_time(sink));
   }
   stream->onAccessUnit_();
   return GST_FLOW_OK;

@@ -13,6 +13,7 @@
 #include <gst/gst.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "audio/LiveAudio.h"
 #include "base/Handles.h"
 #include "camera/CameraFeed.h"
 #include "camera/LiveCamera.h"
@@ -42,9 +43,10 @@ class HttpStream {
     double bitsPerSecond;
   };
 
-  // `onAccessUnit` is called on the encoder's thread after the buffer has got one, `onFailure`
-  // after the encoder has failed (Pipeline). Throws StationError (CodecNotUsable).
-  HttpStream(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+  // `audio`, null for none, goes into the MP4. `onAccessUnit` is called on the encoder's thread
+  // after the buffer has got one, `onFailure` after the encoder has failed (Pipeline). Throws
+  // StationError (CodecNotUsable).
+  HttpStream(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
              const media_backend::GstVideoBackend::EncoderConfig& config,
              std::function<void()> onAccessUnit, OnFailure onFailure);
   ~HttpStream() { stop(); }
@@ -89,6 +91,7 @@ class HttpStream {
 
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
+  LiveAudio* const audio_;
   const Codec codec_;
   const std::string description_;
   const std::function<void()> onAccessUnit_;

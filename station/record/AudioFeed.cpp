@@ -23,7 +23,7 @@ AudioFeed::AudioFeed(const AudioOptions& options) : options_(options) {
   if (options.isWanted()) {
     track_.emplace(options.track);
   }
-  if (!options.microphone.element.empty()) {
+  if (options.hasMicrophone()) {
     microphone_.emplace(options.microphone, *track_);
   }
 }

@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "record/AudioOptions.h"
+#include "audio/AudioOptions.h"
 #include "record/Recorder.h"
 
 namespace station {

@@ -3,12 +3,12 @@
 #include <filesystem>
 #include <string>
 
+#include "audio/AudioOptions.h"
 #include "base/Command.h"
 #include "base/EncoderOptions.h"
 #include "base/Pipelines.h"
 #include "camera/CameraOptions.h"
 #include "metadata/MetadataOptions.h"
-#include "record/AudioOptions.h"
 
 namespace station {
 

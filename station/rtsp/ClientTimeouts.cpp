@@ -35,13 +35,22 @@ bool hasSession(GstRTSPClient* client) {
   return any;
 }
 
-// Whether the stream has dropped it; true for a moment during its TEARDOWN, too.
-bool isStalled(GstRTSPSessionMedia* media) {
-  GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(media, 0);
+// Whether its stream has dropped it; true for a moment during its TEARDOWN, too.
+bool isStalled(GstRTSPStreamTransport* transport) {
   GList* const served = gst_rtsp_stream_transport_filter(
       gst_rtsp_stream_transport_get_stream(transport), nullptr, nullptr);
   const bool stalled = g_list_find(served, transport) == nullptr;
   g_list_free_full(served, g_object_unref);
+  return stalled;
+}
+
+bool isStalled(GstRTSPSessionMedia* media) {
+  const guint streams = gst_rtsp_media_n_streams(gst_rtsp_session_media_get_media(media));
+  bool stalled = false;
+  for (guint i = 0; i < streams; ++i) {
+    GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(media, i);
+    stalled = stalled || (transport != nullptr && isStalled(transport));
+  }
   return stalled;
 }
 
@@ -52,7 +61,7 @@ bool checkMedia(GstRTSPSession* session) {
   for (const GList* item = all; item != nullptr; item = item->next) {
     auto* const media = GST_RTSP_SESSION_MEDIA(item->data);
     if (gst_rtsp_session_media_get_rtsp_state(media) == GST_RTSP_STATE_PLAYING) {
-      updateNullTransport(media);
+      updateNullTransports(gst_rtsp_session_media_get_media(media));
       stalled = stalled || isStalled(media);
     }
   }

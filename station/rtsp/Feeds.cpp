@@ -38,6 +38,13 @@ class RtspFeeds::Key {
   std::atomic<bool> isEnding_{false};
 };
 
+RtspFeeds::Feed::Feed(RtspFeeds& feeds, GstElement* bin)
+    : camera(feeds.backend_, feeds.camera_, bin) {
+  if (feeds.audio_ != nullptr) {
+    audio.emplace(*feeds.audio_, bin);
+  }
+}
+
 void RtspFeeds::add(GstRTSPMedia* media) {
   const GstPtr<GstElement> bin(gst_rtsp_media_get_element(media));
   {
@@ -45,7 +52,7 @@ void RtspFeeds::add(GstRTSPMedia* media) {
     if (closed_) {
       return;
     }
-    feeds_[media] = std::make_unique<CameraFeed>(backend_, camera_, bin.get());
+    feeds_[media] = std::make_unique<Feed>(*this, bin.get());
   }
   g_object_set_data_full(G_OBJECT(media), kFeedKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });

@@ -4,10 +4,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include <gst/rtsp-server/rtsp-server.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "audio/AudioSource.h"
 #include "camera/CameraFeed.h"
 #include "camera/LiveCamera.h"
 
@@ -19,9 +21,9 @@ namespace station {
 // Threads: any.
 class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
  public:
-  // `backend` and `camera` are used until close().
-  RtspFeeds(const media_backend::GstVideoBackend& backend, LiveCamera& camera)
-      : backend_(backend), camera_(camera) {}
+  // `backend`, `camera` and `audio`, null for none, are used until close().
+  RtspFeeds(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio)
+      : backend_(backend), camera_(camera), audio_(audio) {}
 
   // Feeds this media until it is unprepared; does nothing after close().
   void add(GstRTSPMedia* media);
@@ -32,15 +34,21 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
 
  private:
   class Key;
+  struct Feed {
+    CameraFeed camera;
+    std::optional<AudioSource> audio;
+    Feed(RtspFeeds& feeds, GstElement* bin);
+  };
   static void onTargetState(GstRTSPMedia* media, int state, gpointer unused);
   static void onUnprepared(GstRTSPMedia* media, gpointer unused);
 
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
+  LiveAudio* const audio_;
   std::mutex mutex_;
   bool closed_ = false;
   std::atomic<unsigned int> ending_{0};
-  std::map<GstRTSPMedia*, std::unique_ptr<CameraFeed>> feeds_;
+  std::map<GstRTSPMedia*, std::unique_ptr<Feed>> feeds_;
 };
 
 }  // namespace station

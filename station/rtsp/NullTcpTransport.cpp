@@ -1,5 +1,7 @@
 #include "rtsp/NullTcpTransport.h"
 
+#include <string>
+
 namespace station {
 namespace {
 
@@ -15,11 +17,15 @@ gboolean acknowledgeList(GstBufferList* /*packets*/, guint8 channel, gpointer tr
   return acknowledge(nullptr, channel, transport);
 }
 
+GstRTSPStreamTransport* nullOf(GstRTSPStream* stream) {
+  return static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(stream), kTransportKey));
+}
+
 // A stream with a transport cannot be unprepared.
-void onTargetState(GstRTSPMedia* media, int state, gpointer transport) {
-  if (state == GST_STATE_NULL) {
-    gst_rtsp_stream_remove_transport(gst_rtsp_media_get_stream(media, 0),
-                                     GST_RTSP_STREAM_TRANSPORT(transport));
+void onTargetState(GstRTSPMedia* media, int state, gpointer /*unused*/) {
+  for (guint i = 0; state == GST_STATE_NULL && i < gst_rtsp_media_n_streams(media); ++i) {
+    GstRTSPStream* const stream = gst_rtsp_media_get_stream(media, i);
+    gst_rtsp_stream_remove_transport(stream, nullOf(stream));
   }
 }
 
@@ -39,28 +45,21 @@ GstRTSPFilterResult note(GstRTSPStream* /*stream*/, GstRTSPStreamTransport* tran
   return GST_RTSP_FILTER_KEEP;
 }
 
-}  // namespace
-
-void addNullTransport(GstRTSPMedia* media) {
+void addNullTransport(GstRTSPStream* stream) {
   GstRTSPTransport* settings = nullptr;
   gst_rtsp_transport_new(&settings);
   settings->trans = GST_RTSP_TRANS_RTP;
   settings->lower_transport = GST_RTSP_LOWER_TRANS_TCP;
   settings->destination = g_strdup("");  // the stream compares it with RTCP's source address
-  GstRTSPStreamTransport* const null =
-      gst_rtsp_stream_transport_new(gst_rtsp_media_get_stream(media, 0), settings);
+  GstRTSPStreamTransport* const null = gst_rtsp_stream_transport_new(stream, settings);
   gst_rtsp_stream_transport_set_callbacks(null, acknowledge, acknowledge, null, nullptr);
   gst_rtsp_stream_transport_set_list_callbacks(null, acknowledgeList, acknowledgeList, null,
                                                nullptr);
-  g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), null);
-  g_object_set_data_full(G_OBJECT(media), kTransportKey, null, g_object_unref);
+  g_object_set_data(G_OBJECT(stream), kTransportKey, null);
 }
 
-void updateNullTransport(GstRTSPSessionMedia* media) {
-  GstRTSPMedia* const pipeline = gst_rtsp_session_media_get_media(media);
-  GstRTSPStream* const stream = gst_rtsp_media_get_stream(pipeline, 0);
-  auto* const null =
-      static_cast<GstRTSPStreamTransport*>(g_object_get_data(G_OBJECT(pipeline), kTransportKey));
+void updateNullTransport(GstRTSPStream* stream) {
+  GstRTSPStreamTransport* const null = nullOf(stream);
   Transports transports{null};
   // Returns a list of those that note() picks: none.
   g_list_free(gst_rtsp_stream_transport_filter(stream, note, &transports));
@@ -69,6 +68,26 @@ void updateNullTransport(GstRTSPSessionMedia* media) {
   } else if (transports.hasUdp && !transports.hasNull) {
     gst_rtsp_stream_add_transport(stream, null);
     gst_rtsp_stream_transport_message_sent(null);  // the thread may be asleep already
+  }
+}
+
+}  // namespace
+
+void addNullTransports(GstRTSPMedia* media) {
+  for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
+    GstRTSPStream* const stream = gst_rtsp_media_get_stream(media, i);
+    addNullTransport(stream);
+    // A transport holds its stream, so the media owns it.
+    g_object_set_data_full(G_OBJECT(media),
+                           (std::string(kTransportKey) + std::to_string(i)).c_str(), nullOf(stream),
+                           g_object_unref);
+  }
+  g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), nullptr);
+}
+
+void updateNullTransports(GstRTSPMedia* media) {
+  for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
+    updateNullTransport(gst_rtsp_media_get_stream(media, i));
   }
 }
 

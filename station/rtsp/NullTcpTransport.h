@@ -19,11 +19,11 @@ namespace station {
 //
 // Threads: any.
 
-// Makes the null transport of a media, detached. Call it in media-configure.
-void addNullTransport(GstRTSPMedia* media);
+// Makes a null transport for each stream of a media, detached. Call it in media-configure.
+void addNullTransports(GstRTSPMedia* media);
 
-// Attaches the media's null transport if a UDP client plays, and detaches it otherwise. Call it
-// when a client begins to play and a few times a second; the caller holds a reference to `media`.
-void updateNullTransport(GstRTSPSessionMedia* media);
+// Attaches the null transport of each stream that a UDP client plays, and detaches the others. Call
+// it when a client begins to play; the caller holds a reference to `media`.
+void updateNullTransports(GstRTSPMedia* media);
 
 }  // namespace station

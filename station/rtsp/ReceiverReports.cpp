@@ -40,7 +40,7 @@ GstPadProbeReturn onPacket(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer stre
   return GST_PAD_PROBE_DROP;
 }
 
-// By then its stream is linked to the pipeline's rtpbin.
+// By then its streams are linked to the pipeline's rtpbin.
 void onMediaPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
   const GstPtr<GstElement> element(gst_rtsp_media_get_element(media));
   const GstPtr<GstObject> pipeline(gst_object_get_parent(GST_OBJECT(element.get())));
@@ -50,12 +50,16 @@ void onMediaPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
   if (gst_iterator_next(bins, &bin) != GST_ITERATOR_OK) {
     return;
   }
-  g_autoptr(GstPad) pad =
-      gst_element_get_static_pad(GST_ELEMENT(g_value_get_object(&bin)), "recv_rtcp_sink_0");
-  GstRTSPStream* const stream = gst_rtsp_media_get_stream(media, 0);
-  gst_pad_add_probe(
-      pad, static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-      guarded<onPacket>, g_object_ref(stream), g_object_unref);
+  constexpr auto kPackets =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
+  for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(
+        GST_ELEMENT(g_value_get_object(&bin)), ("recv_rtcp_sink_" + std::to_string(i)).c_str());
+    if (pad != nullptr) {
+      gst_pad_add_probe(pad, kPackets, guarded<onPacket>,
+                        g_object_ref(gst_rtsp_media_get_stream(media, i)), g_object_unref);
+    }
+  }
 }
 
 }  // namespace

@@ -20,9 +20,9 @@ CLI::App& ServeRtsp::addOptions(CLI::App& program) {
 }
 
 void ServeRtsp::serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
-                      MainLoop& loop) {
+                      LiveAudio* audio, MainLoop& loop) {
   options_.encoderOptions.refuseUnused(backend, Use::Rtsp, {options_.encoder});
-  RtspServer server(backend, camera, options_);
+  RtspServer server(backend, camera, audio, options_);
   announce(server.listener(), options_.path, backend, camera.format());
   loop.run(camera, options_.quiet);
 }

@@ -14,7 +14,7 @@ class ServeRtsp : public ServeCommand {
  private:
   using Codec = media_backend::GstVideoBackend::Codec;
 
-  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+  void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
              MainLoop& loop) override;
 };
 

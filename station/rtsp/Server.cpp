@@ -1,5 +1,6 @@
 #include "rtsp/Server.h"
 
+#include "audio/AudioSource.h"
 #include "base/Callback.h"
 #include "base/Pipelines.h"
 #include "rtsp/Auth.h"
@@ -22,30 +23,43 @@ constexpr unsigned int kAnsweredConnections = 16;  // that are answered with 503
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
 
-// Workaround for rtsp-client.c of gst-rtsp-server, up to 1.22 at least: a second SETUP in a session
-// replaces the stream's transport. send_func() may be using it, or the stream counts it for the
+// Workaround for rtsp-client.c of gst-rtsp-server, up to 1.22 at least: a second SETUP of a stream
+// in a session replaces its transport. send_func() may be using it, or the stream counts it for the
 // other protocol after a PLAY that failed; either way the process ends.
 GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
   GList* const all = context->session != nullptr
                          ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
                          : nullptr;
-  const bool isSetUp = all != nullptr;
+  bool isSetUp = false;
+  for (const GList* item = all; item != nullptr; item = item->next) {
+    auto* const media = GST_RTSP_SESSION_MEDIA(item->data);
+    const guint streams = gst_rtsp_media_n_streams(gst_rtsp_session_media_get_media(media));
+    for (guint i = 0; i < streams; ++i) {
+      GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(media, i);
+      isSetUp = isSetUp || (transport != nullptr &&
+                            gst_rtsp_stream_transport_get_stream(transport) == context->stream);
+    }
+  }
   g_list_free_full(all, g_object_unref);
   return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
 void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
-  updateNullTransport(context->sessmedia);
-  // Wakes the stream's sending thread: it may still wait for a TCP client that has left.
-  gst_rtsp_stream_transport_message_sent(
-      gst_rtsp_session_media_get_transport(context->sessmedia, 0));
+  GstRTSPMedia* const media = gst_rtsp_session_media_get_media(context->sessmedia);
+  updateNullTransports(media);
+  // Wakes the streams' sending threads: they may still wait for a TCP client that has left.
+  for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
+    if (auto* const transport = gst_rtsp_session_media_get_transport(context->sessmedia, i)) {
+      gst_rtsp_stream_transport_message_sent(transport);
+    }
+  }
 }
 
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
   (*static_cast<FeedsPtr*>(feeds))->add(media);
-  addNullTransport(media);
+  addNullTransports(media);
   dropReceiverReports(media);
 }
 
@@ -60,14 +74,17 @@ GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*cli
 
 }  // namespace
 
-RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera,
+RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
                        const ServeOptions& options)
     : options_(options),
       description_(
           "( " +
           requireDescription(backend, Use::Rtsp, {options.encoder, 0, false, false, options.mtu}) +
+          (audio != nullptr ? describeAudioSource("rtpopuspay name=pay1 pt=97 mtu=" +
+                                                  std::to_string(options.mtu) + " ")
+                            : "") +
           ")"),
-      feeds_(std::make_shared<RtspFeeds>(backend, camera)),
+      feeds_(std::make_shared<RtspFeeds>(backend, camera, audio)),
       server_(gst_rtsp_server_new()),
       sessions_(newSessionPool(options.maxClients)),
       listener_(options.address, options.port,

@@ -8,6 +8,7 @@
 #include <gst/rtsp-server/rtsp-server.h>
 #include <media_backend/GstVideoBackend.h>
 
+#include "audio/LiveAudio.h"
 #include "base/Metrics.h"
 #include "camera/LiveCamera.h"
 #include "rtsp/ClientStream.h"
@@ -24,7 +25,7 @@ namespace station {
 class RtspServer {
  public:
   // Begins to listen. Throws StationError (CodecNotUsable, and as Listener does).
-  RtspServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
+  RtspServer(const media_backend::GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
              const ServeOptions& options);
   ~RtspServer();
   RtspServer(const RtspServer&) = delete;

@@ -34,7 +34,11 @@ void ServeCommand::run() {
   LiveCamera camera(
       callSource(options_.camera.source, [&] { return Camera::openFor(backend, options_.camera); }),
       [&loop] { loop.cameraChanged(); });
-  serve(backend, camera, loop);
+  std::optional<LiveAudio> audio;
+  if (options_.audio.isWanted()) {
+    audio.emplace(options_.audio);
+  }
+  serve(backend, camera, audio ? &*audio : nullptr, loop);
 }
 
 void ServeCommand::announce(const Listener& listener, const std::string& path,

@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "audio/LiveAudio.h"
 #include "base/Command.h"
 #include "serve/Listener.h"
 #include "serve/MainLoop.h"
@@ -22,9 +23,9 @@ class ServeCommand : public Command {
     options_.port = port;
   }
 
-  // Makes the server, calls announce() and runs the loop.
+  // `audio` is null for none. Makes the server, calls announce() and runs the loop.
   virtual void serve(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
-                     MainLoop& loop) = 0;
+                     LiveAudio* audio, MainLoop& loop) = 0;
   void announce(const Listener& listener, const std::string& path,
                 const media_backend::GstVideoBackend& backend, const FrameFormat& frames) const;
 

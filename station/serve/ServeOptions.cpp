@@ -7,6 +7,7 @@ namespace station {
 void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
   encoderOptions.addTo(command, encoder, codecs);
   camera.addTo(command);
+  audio.addTo(command);
   camera.addFeedTo(command);
   command.add_option("--port", port, "TCP port; 0 for any free one")
       ->check(CLI::Range(0U, 65535U))

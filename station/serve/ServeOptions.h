@@ -7,6 +7,7 @@
 
 #include <media_backend/GstVideoBackend.h>
 
+#include "audio/AudioOptions.h"
 #include "base/Command.h"
 #include "base/EncoderOptions.h"
 #include "camera/CameraOptions.h"
@@ -17,6 +18,7 @@ namespace station {
 
 struct ServeOptions {
   CameraOptions camera;
+  AudioOptions audio;
   media_backend::GstVideoBackend::EncoderConfig encoder;
   EncoderOptions encoderOptions;      // that set it
   std::string address = "127.0.0.1";  // numeric

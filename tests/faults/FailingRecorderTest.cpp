@@ -18,7 +18,7 @@
 
 #include "Torture.h"
 #include "base/StationError.h"
-#include "record/OpusFile.h"
+#include "audio/OpusFile.h"
 #include "record/Recorder.h"
 #include "support/Command.h"
 #include "support/InterposedParse.h"

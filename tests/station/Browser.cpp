@@ -51,6 +51,11 @@ std::string Browser::awaitTexts(const std::vector<std::string>& texts) {
       })();)");
 }
 
+void Browser::click(const std::string& selector) {
+  const json element = request("/element", {{"using", "css selector"}, {"value", selector}});
+  request("/element/" + element.begin()->get<std::string>() + "/click", json::object());
+}
+
 json Browser::request(const std::string& path, const json& body, const std::string& method) {
   const Result result =
       run({"curl", "-sS", "-X", method, "-d", body.is_null() ? "" : body.dump(), session_ + path});

@@ -21,6 +21,8 @@ class Browser {
   void open(const std::string& url);
   // Runs JavaScript in the page until it calls done(value), and returns the value.
   nlohmann::json evaluate(const std::string& script);
+  // As a user does, who thereby allows sound.
+  void click(const std::string& selector);
   // The page's HTML when it contains all of these, or after 15 s.
   std::string awaitTexts(const std::vector<std::string>& texts);
 

@@ -67,7 +67,8 @@ std::string makeNumberedClip(const TempFolder& folder) {
 }
 
 // Watches for two seconds. Returns the median delay by the number in the picture and the count of
-// the camera's frames, that by the page, and how near to the newest frame the video comes, in ms.
+// the camera's frames, that by the page, how near to the newest frame the video comes, in ms, and
+// decoded bytes of sound.
 constexpr const char* kWatch = R"(
   const video = document.getElementById("video");
   const canvas = Object.assign(document.createElement("canvas"), { width: 320, height: 180 });
@@ -94,15 +95,19 @@ constexpr const char* kWatch = R"(
       if (!given.has(number)) given.set(number, performance.now());
       await new Promise((resolve) => setTimeout(resolve, 10));
     }
-    done({ frames: delays.length, delay: median(delays), page: median(paged), ahead: Math.min(...ahead) });
+    done({ frames: delays.length, delay: median(delays), page: median(paged), ahead: Math.min(...ahead),
+           sound: video.webkitAudioDecodedByteCount });
   })();)";
 
 TEST_F(ServeHttpPage, StaysAtTheLiveEdgeAndSaysHowFarBehindTheCamera) {
   const TempFolder folder;
-  Server server("http", {"--board", "imx", "--codec", "h264"}, makeNumberedClip(folder));
+  Server server("http", {"--board", "imx", "--codec", "h264", "--mic", "test"},
+                makeNumberedClip(folder));
   Browser browser;
   browser.open(server.url());
-  browser.awaitTexts({"0 shown", " ms<"});
+  const Words begun = {"0 shown", " ms<", "<button id=\"sound\" type=\"button\">Sound on<"};
+  expectTexts(browser.awaitTexts(begun), begun);
+  browser.click("#sound");
   const json before = browser.evaluate(kWatch);
   browser.evaluate("find('pause').click(); setTimeout(() => done(find('pause').click()), 2000);");
   const json after = browser.evaluate(kWatch);
@@ -110,6 +115,7 @@ TEST_F(ServeHttpPage, StaysAtTheLiveEdgeAndSaysHowFarBehindTheCamera) {
     EXPECT_GT(watched["frames"], 10) << watched;
     EXPECT_NEAR(watched["delay"], watched["page"], 150) << watched;
     EXPECT_LT(watched["ahead"], 300) << watched;
+    EXPECT_GT(watched["sound"], 0) << watched;
   }
   EXPECT_LT(std::abs(after["delay"].get<double>() - before["delay"].get<double>()), 1000) << after;
   server.stop();

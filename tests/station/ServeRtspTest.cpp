@@ -73,6 +73,26 @@ INSTANTIATE_TEST_SUITE_P(Codecs, ServeRtsp,
                                          std::tuple{"nvidia", "h265", "hevc"}),
                          [](const auto& instance) { return std::get<1>(instance.param); });
 
+// A tone of -5 dB, whose fallback would be silent. A client may take the sound alone.
+TEST(ServeRtspSound, ArrivesBesideTheVideoOrAlone) {
+  Server server("rtsp", {"--board", "imx", "--mic", "test"});
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"tcp", "video+audio", "Video: h264"},
+      {"udp", "video+audio", "Video: h264"},
+      {"tcp", "audio", "Audio: opus, 48000 Hz"}};
+  for (const auto& [transport, media, expected] : rows) {
+    const Result result = run({"ffmpeg", "-nostdin", "-hide_banner", "-rtsp_transport", transport,
+                               "-allowed_media_types", media, "-i", server.url(), "-t", "1.5",
+                               "-af", "volumedetect", "-f", "null", "-"});
+    EXPECT_NE(result.err.find(expected), std::string::npos) << result.err;
+    std::smatch volume;
+    ASSERT_TRUE(std::regex_search(result.err, volume, std::regex("mean_volume: (-[0-9.]+)")))
+        << result.err;
+    EXPECT_GT(std::stod(volume[1]), -20);
+  }
+  server.stop();
+}
+
 // Status line of one request over a connection of its own.
 std::string statusOf(const std::string& url, const std::string& method) {
   const std::string request = method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";

@@ -73,6 +73,7 @@ function showDelay(now, frame) {
     const delay = clock + frame.expectedDisplayTime / 1000 - frame.mediaTime;
     find("delay").textContent = `${Math.round(delay * 1000)} ms`;
   }
+  find("sound").hidden = !player?.hasSound;
   const quality = video.getVideoPlaybackQuality();
   find("frames").textContent = `${quality.totalVideoFrames} shown, ${quality.droppedVideoFrames} dropped`;
   video.requestVideoFrameCallback(showDelay);
@@ -135,6 +136,5 @@ find("sound").onclick = () => { video.muted = !video.muted; };
 video.onpause = () => { find("pause").textContent = "Play"; };
 video.onplay = () => { find("pause").textContent = "Pause"; };
 video.onvolumechange = () => { find("sound").textContent = video.muted ? "Sound on" : "Sound off"; };
-video.onloadedmetadata = () => { find("sound").hidden = !(video.audioTracks?.length ?? false); };
 video.requestVideoFrameCallback?.(showDelay);
 poll();

@@ -26,6 +26,7 @@ class LivePlayer {
       this.stop();
       throw new Error(response.ok ? `this browser does not play ${type}` : response.statusText);
     }
+    this.hasSound = type.includes("opus");
     await opened;
     URL.revokeObjectURL(this.video.src);
     this.buffer = this.source.addSourceBuffer(type);

@@ -1,4 +1,4 @@
-#include "record/Microphone.h"
+#include "audio/Microphone.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "record/AudioOptions.h"
+#include "audio/AudioOptions.h"
 
 #include <chrono>
 #include <cstdint>
@@ -42,19 +42,17 @@ void addTrackOptions(CLI::App& command, AudioTrack::Settings& track) {
 
 void AudioOptions::addTo(CLI::App& command) {
   CLI::Option* const source =
-      command
-          .add_option("--audio", file,
-                      "Record audio: the Opus packets of this Ogg or Matroska file")
+      command.add_option("--audio", file, "Sound: the Opus packets of this Ogg or Matroska file")
           ->type_name("FILE");
   CLI::Option* const live =
       command
           .add_option_function<std::string>(
               "--mic",
               [this](const std::string& text) { microphone = MicrophoneName::parse(text); },
-              "Record audio: of alsa:DEVICE, pulse:NAME, or a test tone")
+              "Sound: of alsa:DEVICE, pulse:NAME, or a test tone")
           ->type_name("alsa:DEVICE|pulse:NAME|test")
           ->excludes(source);
-  command.add_flag("--audio-silence", silence, "Record a silent audio track")
+  command.add_flag("--audio-silence", silence, "Sound: a silent track")
       ->excludes(source)
       ->excludes(live);
   command

@@ -1,4 +1,4 @@
-#include "record/OpusFile.h"
+#include "audio/OpusFile.h"
 
 #include <atomic>
 #include <cerrno>

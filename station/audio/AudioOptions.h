@@ -2,10 +2,10 @@
 
 #include <string>
 
+#include "audio/AudioReceiver.h"
+#include "audio/AudioTrack.h"
+#include "audio/Microphone.h"
 #include "base/Command.h"
-#include "record/AudioReceiver.h"
-#include "record/AudioTrack.h"
-#include "record/Microphone.h"
 
 namespace station {
 
@@ -16,7 +16,8 @@ struct AudioOptions {
   AudioReceiver::Settings reception;
   AudioTrack::Settings track;
 
-  bool isWanted() const { return silence || !file.empty() || !microphone.element.empty(); }
+  bool hasMicrophone() const { return !microphone.element.empty(); }
+  bool isWanted() const { return silence || !file.empty() || hasMicrophone(); }
   void addTo(CLI::App& command);
 };
 

@@ -1,4 +1,4 @@
-#include "record/AudioReceiver.h"
+#include "audio/AudioReceiver.h"
 
 #include <algorithm>
 #include <cstdio>

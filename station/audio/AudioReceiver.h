@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "record/AudioTrack.h"
-#include "record/OpusFile.h"
+#include "audio/AudioTrack.h"
+#include "audio/OpusFile.h"
 
 namespace station {
 

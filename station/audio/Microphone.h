@@ -9,8 +9,8 @@
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 
+#include "audio/AudioTrack.h"
 #include "base/Handles.h"
-#include "record/AudioTrack.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "record/AudioTrack.h"
+#include "audio/AudioTrack.h"
 
 #include <iterator>
 #include <limits>
