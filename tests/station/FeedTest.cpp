@@ -20,6 +20,7 @@ class OwnBoard : public testing::Test {
                        "-u",
                        "GST_REGISTRY_UPDATE",
                        "ASAN_OPTIONS=detect_leaks=0",
+                       "GST_REGISTRY_FORK=no",
                        "GST_PLUGIN_PATH=" OTHER_BOARD,
                        "GST_REGISTRY=" + folder_ / "registry",
                        "SIMULATED_BOARD=" + own,
