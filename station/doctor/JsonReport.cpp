@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::ordered_json;
 
-ordered_json orNull(const std::string& text) {
+ordered_json valueOrNull(const std::string& text) {
   return text.empty() ? ordered_json() : ordered_json(text);
 }
 
@@ -18,7 +18,7 @@ ordered_json toJson(const std::optional<CheckResult>& result) {
   if (!result) {
     return nullptr;
   }
-  return {{"ok", result->ok}, {"error", orNull(result->error)}, {"said", result->log}};
+  return {{"ok", result->ok}, {"error", valueOrNull(result->error)}, {"said", result->log}};
 }
 
 ordered_json trialJson(const DescriptionDiagnosis& description) {
@@ -34,7 +34,7 @@ ordered_json toJson(const CodecDiagnosis& codec) {
   for (const DescriptionDiagnosis& description : codec.descriptions) {
     uses[description.name()] = {{"ok", description.ok()},
                                 {"description", description.description},
-                                {"error", orNull(description.check.error)},
+                                {"error", valueOrNull(description.check.error)},
                                 {"problems", description.problems()},
                                 {"trial", trialJson(description)}};
   }
@@ -50,23 +50,23 @@ ordered_json toJson(const ElementDiagnosis& row) {
           {"role", row.element.role},
           {"name", row.element.name},
           {"present", row.element.present},
-          {"plugin", orNull(row.origin.plugin)},
-          {"version", orNull(row.origin.version)},
-          {"file", orNull(row.origin.file)},
-          {"package", orNull(row.origin.package)},
+          {"plugin", valueOrNull(row.origin.plugin)},
+          {"version", valueOrNull(row.origin.version)},
+          {"file", valueOrNull(row.origin.file)},
+          {"package", valueOrNull(row.origin.package)},
           {"opening", toJson(row.opening)}};
 }
 
-ordered_json orNull(const std::optional<std::uint64_t>& number) {
+ordered_json valueOrNull(const std::optional<std::uint64_t>& number) {
   return number ? ordered_json(*number) : ordered_json();
 }
 
 ordered_json toJson(const Machine& machine) {
-  return {{"model", orNull(machine.model)},
-          {"release", orNull(machine.release)},
-          {"kernel", orNull(machine.kernel)},
-          {"contiguousKb", orNull(machine.contiguousKb)},
-          {"contiguousFreeKb", orNull(machine.contiguousFreeKb)}};
+  return {{"model", valueOrNull(machine.model)},
+          {"release", valueOrNull(machine.release)},
+          {"kernel", valueOrNull(machine.kernel)},
+          {"contiguousKb", valueOrNull(machine.contiguousKb)},
+          {"contiguousFreeKb", valueOrNull(machine.contiguousFreeKb)}};
 }
 
 ordered_json feedJson(const Diagnosis& board) {

@@ -27,8 +27,8 @@ using Codec = GstVideoBackend::Codec;
 // Small enough for any encoder, large enough for those with a minimum size.
 constexpr unsigned int kWidth = 640;
 constexpr unsigned int kHeight = 480;
-constexpr int kRate = 30;
-constexpr GstClockTime kInterval = GST_SECOND / kRate;
+constexpr int kFramesPerSecond = 30;
+constexpr GstClockTime kInterval = GST_SECOND / kFramesPerSecond;
 constexpr std::size_t kLumaSize = std::size_t{kWidth} * kHeight;
 constexpr double kMostDifference = 12;                     // of 255, on average
 constexpr GstClockTime kEndTimeout = GST_CLOCK_TIME_NONE;  // the check's own limit ends it
@@ -236,7 +236,7 @@ Trial tryOut(const GstVideoBackend& backend, Use use, Codec codec, unsigned int 
   FrameFormat format;
   format.width = kWidth;
   format.height = kHeight;
-  format.rate = {kRate, 1};
+  format.rate = {kFramesPerSecond, 1};
   format.colorimetry = codec == Codec::Mjpeg ? kJpegColorimetry : "bt709";
   FrameFeed feed(backend, {});
   feed.begin(format);
