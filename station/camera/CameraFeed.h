@@ -11,17 +11,19 @@
 
 namespace station {
 
-// Pushes a live camera's frames into a pipeline's appsrc, without copying, while this object lives.
+// Pushes a live camera's frames into a pipeline's appsrc, without copying, and its KLV packets into
+// the appsrc "klv" if there is one, while this object lives.
 class CameraFeed {
  public:
   // `bin` holds the appsrc "camera"; throws StationError (Pipeline) otherwise.
   CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera, GstElement* bin);
 
  private:
-  void push(const std::shared_ptr<lumora::ExportedFrame>& frame);
+  void push(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv);
 
   const media_backend::GstVideoBackend& backend_;
   const GstPtr<GstElement> source_;
+  const GstPtr<GstElement> klv_;  // or null
   const FrameFormat& format_;
   const LiveCamera::Subscription subscription_;  // after what it uses
 };

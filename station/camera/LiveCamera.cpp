@@ -31,9 +31,11 @@ LiveCamera::Subscription::~Subscription() {
   camera_.onChange_();
 }
 
-LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange)
+LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange,
+                       Annotate annotate)
     : camera_(std::move(camera)),
       onChange_(std::move(onChange)),
+      annotate_(std::move(annotate)),
       picture_(nextPicture()),
       metrics_("camera", [this] {
         return Metrics::Figures{{"frames", Metrics::Kind::Counter, "Frames delivered.", frames_}};
@@ -80,7 +82,8 @@ void LiveCamera::run() {
         due = std::max(due + interval, steady_clock::now() - interval);
         std::this_thread::sleep_until(due);
       }
-      deliver(camera_->exportPicture(*picture_));
+      const Bytes klv = annotate_(*picture_);
+      deliver(camera_->exportPicture(*picture_), klv);
       if (!camera_->isLive()) {
         picture_ = nextPicture();
       }
@@ -104,10 +107,10 @@ bool LiveCamera::waitForConsumers() {
   return !stop_;
 }
 
-void LiveCamera::deliver(const std::shared_ptr<lumora::ExportedFrame>& frame) {
+void LiveCamera::deliver(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv) {
   const std::lock_guard lock(mutex_);
   for (const Consumer& consumer : consumers_) {
-    consumer(frame);
+    consumer(frame, klv);
   }
   ++frames_;
 }

@@ -16,6 +16,7 @@
 #include "base/Metrics.h"
 #include "base/StationError.h"
 #include "camera/Camera.h"
+#include "metadata/Klv.h"
 
 namespace station {
 
@@ -25,9 +26,14 @@ namespace station {
 // Threads: any.
 class LiveCamera {
  public:
-  // Called on the camera's thread for every frame; must not block, subscribe or unsubscribe. A
-  // StationError that it throws stops the camera.
-  using Consumer = std::function<void(const std::shared_ptr<lumora::ExportedFrame>& frame)>;
+  // Called on the camera's thread for every frame, with its KLV packet, which is empty without
+  // metadata; must not block, subscribe or unsubscribe. A StationError that it throws stops the
+  // camera.
+  using Consumer =
+      std::function<void(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv)>;
+  // Writes the metadata of a picture that was just captured into its header, and returns the KLV
+  // packet. Called on the camera's thread, once a picture.
+  using Annotate = std::function<Bytes(lumora::LumoraPicture& picture)>;
 
   // Frames are delivered while it lives. Its destructor waits for a running call of the consumer.
   class Subscription {
@@ -46,7 +52,8 @@ class LiveCamera {
   // StationError (Source). `onChange` is called on any thread after isRunning() or failure() has
   // changed.
   explicit LiveCamera(
-      std::unique_ptr<Camera> camera, std::function<void()> onChange = [] {});
+      std::unique_ptr<Camera> camera, std::function<void()> onChange = [] {},
+      Annotate annotate = [](lumora::LumoraPicture& /*picture*/) { return Bytes(); });
   ~LiveCamera();  // after every subscription
   LiveCamera(const LiveCamera&) = delete;
   LiveCamera& operator=(const LiveCamera&) = delete;
@@ -62,10 +69,11 @@ class LiveCamera {
   void run();
   bool waitForConsumers();
   std::shared_ptr<lumora::LumoraPicture> nextPicture();
-  void deliver(const std::shared_ptr<lumora::ExportedFrame>& frame);
+  void deliver(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv);
 
   const std::unique_ptr<Camera> camera_;
   const std::function<void()> onChange_;
+  const Annotate annotate_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
   std::atomic<std::uint64_t> frames_{0};
 

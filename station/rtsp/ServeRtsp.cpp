@@ -16,6 +16,10 @@ CLI::App& ServeRtsp::addOptions(CLI::App& program) {
   command.add_option("--mtu", options_.mtu, "Most bytes of an RTP packet")
       ->check(CLI::Range(64U, 65535U))
       ->capture_default_str();
+  CLI::Option* const klv =
+      command.add_flag("--klv", options_.klv, "Serve a KLV track (MISB ST 0601)");
+  options_.metadata.addTo(command);
+  command.get_option("--telemetry")->needs(klv);
   return command;
 }
 

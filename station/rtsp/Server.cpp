@@ -67,6 +67,29 @@ void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
   delete static_cast<FeedsPtr*>(feeds);
 }
 
+// The library's description, and behind it the station's own streams: metadata, then sound.
+std::string describeTracks(const GstVideoBackend& backend, const ServeOptions& options,
+                           bool hasAudio) {
+  std::string text = "( " + requireDescription(backend, Use::Rtsp,
+                                               {options.encoder, 0, false, false, options.mtu});
+  int stream = 0;
+  const auto payloader = [&](const char* element) {
+    ++stream;
+    return std::string(element) + " name=pay" + std::to_string(stream) +
+           " pt=" + std::to_string(96 + stream) + " mtu=" + std::to_string(options.mtu) + " ";
+  };
+  if (options.klv) {
+    text +=
+        " appsrc name=klv is-live=true format=time do-timestamp=true max-buffers=10 "
+        "leaky-type=downstream caps=meta/x-klv,parsed=true ! " +
+        payloader("rtpklvpay");
+  }
+  if (hasAudio) {
+    text += describeAudioSource(payloader("rtpopuspay"));
+  }
+  return text + ")";
+}
+
 GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*client*/,
                                  gpointer /*unused*/) {
   return GST_RTSP_FILTER_REMOVE;
@@ -77,13 +100,7 @@ GstRTSPFilterResult removeClient(GstRTSPServer* /*server*/, GstRTSPClient* /*cli
 RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera, LiveAudio* audio,
                        const ServeOptions& options)
     : options_(options),
-      description_(
-          "( " +
-          requireDescription(backend, Use::Rtsp, {options.encoder, 0, false, false, options.mtu}) +
-          (audio != nullptr ? describeAudioSource("rtpopuspay name=pay1 pt=97 mtu=" +
-                                                  std::to_string(options.mtu) + " ")
-                            : "") +
-          ")"),
+      description_(describeTracks(backend, options, audio != nullptr)),
       feeds_(std::make_shared<RtspFeeds>(backend, camera, audio)),
       server_(gst_rtsp_server_new()),
       sessions_(newSessionPool(options.maxClients)),

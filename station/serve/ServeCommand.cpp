@@ -33,12 +33,31 @@ void ServeCommand::run() {
   MainLoop loop;
   LiveCamera camera(
       callSource(options_.camera.source, [&] { return Camera::openFor(backend, options_.camera); }),
-      [&loop] { loop.cameraChanged(); });
+      [&loop] { loop.cameraChanged(); }, annotator());
   std::optional<LiveAudio> audio;
   if (options_.audio.isWanted()) {
     audio.emplace(options_.audio);
   }
   serve(backend, camera, audio ? &*audio : nullptr, loop);
+}
+
+// Called once: a source of metadata may be a socket.
+LiveCamera::Annotate ServeCommand::annotator() const {
+  if (!options_.klv) {
+    return [](lumora::LumoraPicture& /*picture*/) { return Bytes(); };
+  }
+  const std::shared_ptr<MetadataSource> source = options_.metadata.open();
+  std::optional<MetadataSource::Time> first;
+  return [source, encoder = MisbSt0601(options_.metadata.labels),
+          first](lumora::LumoraPicture& picture) mutable {
+    const MetadataSource::Time now = std::chrono::system_clock::now();
+    first = first.value_or(now);
+    if (source != nullptr) {
+      source->annotate(picture, now);
+    }
+    writeTimes(picture, now, now - *first);
+    return encoder.encode(picture);
+  };
 }
 
 void ServeCommand::announce(const Listener& listener, const std::string& path,

@@ -5,6 +5,7 @@
 
 #include "audio/LiveAudio.h"
 #include "base/Command.h"
+#include "camera/LiveCamera.h"
 #include "serve/Listener.h"
 #include "serve/MainLoop.h"
 #include "serve/ServeOptions.h"
@@ -32,6 +33,8 @@ class ServeCommand : public Command {
   ServeOptions options_;
 
  private:
+  LiveCamera::Annotate annotator() const;
+
   const char* const name_;
   const char* const help_;
   const Codecs codecs_;

@@ -11,6 +11,7 @@
 #include "base/Command.h"
 #include "base/EncoderOptions.h"
 #include "camera/CameraOptions.h"
+#include "metadata/MetadataOptions.h"
 #include "serve/Credentials.h"
 #include "serve/Tls.h"
 
@@ -30,6 +31,8 @@ struct ServeOptions {
   // HTTP only
   std::vector<std::string> hosts;  // further names and addresses that clients may ask for
   // RTSP only
+  bool klv = false;  // a stream of metadata
+  MetadataOptions metadata;
   std::string path = "/camera";
   unsigned int mtu = 1400;  // bytes of an RTP packet
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <regex>
 #include <thread>
@@ -90,6 +91,29 @@ TEST(ServeRtspSound, ArrivesBesideTheVideoOrAlone) {
         << result.err;
     EXPECT_GT(std::stod(volume[1]), -20);
   }
+  server.stop();
+}
+
+// All three streams at once, over both transports; each packet decodes, and names the mission.
+TEST(ServeRtspKlv, ArrivesWholeBesideVideoAndSound) {
+  Server server("rtsp", {"--board", "imx", "--mic", "test", "--klv", "--telemetry", "demo",
+                         "--mission", "North ridge"});
+  Program reader(station({"klv", server.url()}));
+  for (int i = 0; i < 20; ++i) {
+    const std::string packet = reader.readLine();
+    EXPECT_NE(packet.find("North ridge"), std::string::npos) << packet;
+    EXPECT_EQ(packet.find("\"error\""), std::string::npos) << packet;
+  }
+  for (const char* const transport : {"tcp", "udp"}) {
+    const Result result =
+        run({"ffprobe", "-v", "error", "-rtsp_transport", transport, "-read_intervals", "%+2",
+             "-count_packets", "-show_entries", "stream=codec_type,nb_read_packets", "-of",
+             "csv=p=0", server.url()});
+    const std::regex all("video,\\d{2,}\ndata,\\d{2,}\naudio,\\d{2,}\n");
+    EXPECT_TRUE(std::regex_match(result.out, all)) << result.out << result.err;
+  }
+  reader.signal(SIGTERM);
+  reader.wait();
   server.stop();
 }
 
