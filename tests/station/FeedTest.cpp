@@ -21,7 +21,7 @@ class OwnBoard : public testing::Test {
                        "GST_REGISTRY_UPDATE",
                        "ASAN_OPTIONS=detect_leaks=0",
                        "GST_REGISTRY_FORK=no",
-                       "GST_PLUGIN_PATH=" OTHER_BOARD,
+                       std::string("GST_PLUGIN_PATH=") + OTHER_BOARD,
                        "GST_REGISTRY=" + folder_ / "registry",
                        "SIMULATED_BOARD=" + own,
                        MEDIA_STATION,
