@@ -37,6 +37,7 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   command.add_flag_callback(
       "--no-loop", [this] { options_.camera.loop = false; }, "End with the file, do not repeat it");
   options_.audio.addTo(command);
+  options_.segments.addTo(command);
   return command;
 }
 

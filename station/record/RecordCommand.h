@@ -9,6 +9,7 @@
 #include "base/Pipelines.h"
 #include "camera/CameraOptions.h"
 #include "metadata/MetadataOptions.h"
+#include "record/SegmentOptions.h"
 
 namespace station {
 
@@ -18,6 +19,7 @@ struct RecordOptions {
   DescriptionSettings recorder;
   double durationSeconds = 0;  // 0: until stopped
   AudioOptions audio;
+  SegmentOptions segments;
   MetadataOptions metadata;
 };
 

@@ -58,6 +58,7 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   settings.frames.setCaps(backend, video_.get());
   watchEncoder();
   setUnbuffered(segmentSink_.get());
+  gst_bus_set_sync_handler(bus_.get(), guarded<onMessage>, this, nullptr);
   g_signal_connect(segmentSink_.get(), "format-location-full", G_CALLBACK(guarded<onSegment>),
                    this);
 
@@ -123,6 +124,14 @@ GstPadProbeReturn Recorder::onEncoderOutput(GstPad* /*pad*/, GstPadProbeInfo* /*
   return GST_PAD_PROBE_REMOVE;
 }
 
+GstBusSyncReply Recorder::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {
+  SegmentStore* const segments = static_cast<Recorder*>(self)->settings_.segments;
+  if (segments != nullptr && gst_message_has_name(message, "splitmuxsink-fragment-closed")) {
+    segments->close(gst_structure_get_string(gst_message_get_structure(message), "location"));
+  }
+  return GST_BUS_PASS;
+}
+
 gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* first,
                            gpointer self) {
   auto* const recorder = static_cast<Recorder*>(self);
@@ -137,6 +146,9 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
       recorder->start_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                              std::chrono::nanoseconds(elapsed));
   const std::filesystem::path path = segmentPath(recorder->settings_.folder, time);
+  if (recorder->settings_.segments != nullptr) {
+    recorder->settings_.segments->begin(path);
+  }
   const std::lock_guard lock(recorder->mutex_);
   recorder->segmentName_ = path.filename().string();
   ++recorder->segments_;

@@ -21,6 +21,7 @@
 #include "camera/FrameFormat.h"
 #include "record/MuxerInput.h"
 #include "record/PacketTrack.h"
+#include "record/SegmentStore.h"
 
 namespace station {
 
@@ -38,6 +39,7 @@ class Recorder {
     bool audio;
     FrameFormat frames;
     std::filesystem::path folder;
+    SegmentStore* segments = nullptr;  // outlives the recorder; null for none
   };
 
   // What is in the files: what has reached the muxer.
@@ -100,6 +102,7 @@ class Recorder {
 
   static GstPadProbeReturn onEncoderInput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onEncoderOutput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
+  static GstBusSyncReply onMessage(GstBus* bus, GstMessage* message, gpointer self);
   static gchar* onSegment(GstElement* sink, guint fragment, GstSample* first, gpointer self);
 
   const media_backend::GstVideoBackend& backend_;

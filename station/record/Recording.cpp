@@ -66,9 +66,10 @@ Recording::Recording(const GstVideoBackend& backend, const RecordOptions& option
       camera_(callSource(options.camera.source,
                          [&] { return Camera::openFor(backend, options.camera); })),
       picture_(firstFrame(*camera_)),
+      segments_(options.folder, options.segments, options.recorder.encoder.bitrateBps),
       recorder_(backend,
                 {options.recorder.encoder, options.recorder.segmentSeconds, options.recorder.klv,
-                 options.audio.isWanted(), camera_->format(), options.folder}) {
+                 options.audio.isWanted(), camera_->format(), options.folder, &segments_}) {
   recorder_.setStart(start_);
 }
 

@@ -40,6 +40,7 @@ class Recording {
   const std::unique_ptr<Camera> camera_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to record; null after the last
   const StopSignal stop_;
+  SegmentStore segments_;
   Recorder recorder_;
   Progress progress_;
   const std::chrono::system_clock::time_point start_ = std::chrono::system_clock::now();

@@ -1,6 +1,7 @@
 #include "record/SegmentFiles.h"
 
 #include <cerrno>
+#include <regex>
 #include <string>
 #include <system_error>
 
@@ -28,16 +29,28 @@ void prepareOutputFolder(const std::filesystem::path& folder) {
   g_unlink(probe.c_str());
 }
 
-std::filesystem::path segmentPath(const std::filesystem::path& folder,
-                                  std::chrono::system_clock::time_point start) {
+std::optional<SegmentName> SegmentName::parse(const std::string& fileName) {
+  static const std::regex kName("(\\d{8}T\\d{6}\\.\\d{3}Z)(-([2-9]|[1-9]\\d{1,5}))?\\.ts");
+  std::smatch match;
+  if (!std::regex_match(fileName, match, kName)) {
+    return std::nullopt;
+  }
+  return SegmentName{match[1], match[3].matched ? std::stoi(match[3]) : 1};
+}
+
+std::string segmentStem(std::chrono::system_clock::time_point start) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(start.time_since_epoch()).count();
   g_autoptr(GDateTime) time = g_date_time_new_from_unix_utc(milliseconds / 1000);
   g_autofree gchar* seconds = g_date_time_format(time, "%Y%m%dT%H%M%S");
   std::string fraction = std::to_string(1000 + milliseconds % 1000);
   fraction[0] = '.';
-  const std::string stem = seconds + fraction + "Z";
+  return seconds + fraction + "Z";
+}
 
+std::filesystem::path segmentPath(const std::filesystem::path& folder,
+                                  std::chrono::system_clock::time_point start) {
+  const std::string stem = segmentStem(start);
   std::filesystem::path path = folder / (stem + ".ts");
   std::error_code error;  // a folder that cannot be searched: opening the file says why
   for (int i = 2; std::filesystem::exists(path, error); ++i) {

@@ -196,6 +196,9 @@ TEST_F(Record, RefusesInOneLineWhatCannotWork) {
       {{clip_, "-o", out, "--preset", "1"}, 2, "--preset has no effect on dmabuf-nv12-vpu for rec"},
       {{clip_, "-o", out, "--rate-control", "constant"}, 2, "--rate-control has no effect"},
       {{clip_, "-o", out, "--key-distance", "0"}, 2, "--key-distance: Value 0 not in"},
+      {{clip_, "-o", out, "--keep-hours", "nan"}, 2, "--keep-hours: nan is no number"},
+      {{clip_, "-o", out, "--on-segment", "nowhere -x"}, 2, "--on-segment: no program nowhere"},
+      {{clip_, "-o", out, "--on-segment", "a 'b"}, 2, "--on-segment: Text ended before matching"},
       {{clip_, "-o", out, "--audio", stereo}, 5, "this is 2 channels at 48000 Hz"},
       {{clip_, "-o", out, "--audio", clip_}, 5, "no Opus track"},
       {{clip_, "-o", out, "--audio", "/nowhere.ogg"}, 5, "/nowhere.ogg: No such file"},
@@ -290,6 +293,60 @@ TEST_F(Record, SaysThatTheDiskIsFull) {
     EXPECT_NE(result.err.find("is full"), std::string::npos) << result.err;
     EXPECT_EQ(decodedFrames(filesIn(output()).front()), 30);
     umount(output().c_str());
+  }
+}
+
+TEST_F(Record, MakesRoomOnAFullDisk) {
+  fs::create_directories(output());
+  if (mount("none", output().c_str(), "tmpfs", 0, "size=2m") != 0) {
+    GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
+  }
+  const Result result = run(command({"--board", "nvidia", "--segment-seconds", "1", "--bitrate",
+                                     "4000000", "--duration", "8", "--keep-hours", "1"}));
+  EXPECT_TRUE(hasRecorded(result)) << result.exitCode << result.err;
+  EXPECT_GE(decodedFrames(filesIn(output()).front()), 20);
+  umount(output().c_str());
+}
+
+TEST_F(Record, DeletesItsOldestSegmentsAndHandsOnTheOthers) {
+  const char* const theirs[] = {"holiday.ts", "20200101T000000.000Z-copy.ts",
+                                "20200101T000000.000Z.mp4", "x20200101T000000.000Z.ts"};
+  const char* const olds[] = {"20200101T000000.000Z.ts", "20200101T000000.000Z-2.ts"};
+  const std::string link = folder_ / "out/20200103T000000.000Z.ts";
+  for (const auto& [option, value] : {std::pair{"--keep-hours", "1"}, {"--keep-size", "250kB"}}) {
+    fs::create_directories(output() / "20200102T000000.000Z.ts");
+    fs::create_symlink("holiday.ts", link);
+    for (const auto& names : {std::vector(theirs, theirs + 4), std::vector(olds, olds + 2)}) {
+      for (const char* const name : names) {
+        std::ofstream(output() / name) << std::string(300000, 'x');
+      }
+    }
+    const Result result =
+        run(command({"--board", "imx", "--segment-seconds", "1", "--duration", "4", "--bitrate",
+                     "800000", option, value, "--on-segment",
+                     "sh -c 'ffprobe -v error \"$1\" && echo \"whole $1\"; exit 3' sh"}));
+    EXPECT_TRUE(hasRecorded(result)) << result.err;
+    EXPECT_TRUE(fs::is_directory(output() / "20200102T000000.000Z.ts"));
+    EXPECT_TRUE(fs::is_symlink(link));
+    fs::remove(link);
+    for (const char* const name : theirs) {
+      EXPECT_TRUE(fs::remove(output() / name)) << option << name;
+    }
+    for (const char* const name : olds) {
+      EXPECT_FALSE(fs::exists(output() / name)) << option << name;
+    }
+    fs::remove(output() / "20200102T000000.000Z.ts");
+    std::uintmax_t bytes = 0;
+    for (const fs::path& file : filesIn(output())) {
+      bytes += fs::file_size(file);
+      EXPECT_NE(result.err.find("\nwhole " + file.string()), std::string::npos) << result.err;
+      EXPECT_NE(result.err.find(file.string() + ": Child process exited with code 3"),
+                std::string::npos)
+          << result.err;
+    }
+    EXPECT_EQ(bytes < 250000, option == std::string("--keep-size")) << bytes;
+    EXPECT_GT(bytes, 0U);
+    fs::remove_all(output());
   }
 }
 
