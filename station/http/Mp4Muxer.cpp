@@ -56,9 +56,9 @@ bool isKeyFragment(const std::string& moof) {
 // little-endian, and browsers refuse the track.
 void correctOpusRate(std::string& header) {
   const std::size_t box = header.find("dOps");
-  constexpr std::size_t kRate = 8;  // after type, version, channels and pre-skip
-  if (box != std::string::npos && box + kRate + 4 <= header.size()) {
-    char* const rate = header.data() + box + kRate;
+  constexpr std::size_t kRateOffset = 8;  // after type, version, channels and pre-skip
+  if (box != std::string::npos && box + kRateOffset + 4 <= header.size()) {
+    char* const rate = header.data() + box + kRateOffset;
     GST_WRITE_UINT32_BE(rate, kSampleRate);
   }
 }
