@@ -1,8 +1,15 @@
 #include "camera/CameraFeed.h"
 
+#include <gst/video/video.h>
+
 #include "base/Pipelines.h"
 
 namespace station {
+namespace {
+
+constexpr GstClockTime kKeyInterval = 250 * GST_MSECOND;
+
+}  // namespace
 
 CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera,
                        GstElement* bin)
@@ -20,6 +27,7 @@ void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame, const
   if (!isPlaying(source_.get())) {
     return;
   }
+  sendKeyRequest();
   GstBuffer* const buffer = format_.wrap(backend_, frame);
   GST_BUFFER_DURATION(buffer) = format_.rate.timeOf(1);
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
@@ -27,6 +35,16 @@ void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame, const
     GstBuffer* const packet = gst_buffer_new_allocate(nullptr, klv.size(), nullptr);
     gst_buffer_fill(packet, 0, klv.data(), klv.size());
     gst_app_src_push_buffer(GST_APP_SRC(klv_.get()), packet);
+  }
+}
+
+// In order with the frames, so that it reaches the encoder with the next one.
+void CameraFeed::sendKeyRequest() {
+  if (++sinceKey_ > format_.rate.framesUntil(kKeyInterval) && isKeyWanted_.exchange(false)) {
+    gst_element_send_event(source_.get(), gst_video_event_new_downstream_force_key_unit(
+                                              GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE,
+                                              GST_CLOCK_TIME_NONE, /*all_headers=*/TRUE, 0));
+    sinceKey_ = 0;
   }
 }
 

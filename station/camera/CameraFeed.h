@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include <gst/app/gstappsrc.h>
@@ -18,13 +20,20 @@ class CameraFeed {
   // `bin` holds the appsrc "camera"; throws StationError (Pipeline) otherwise.
   CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera& camera, GstElement* bin);
 
+  // Asks the encoder for a key picture at the next frame, for a viewer that joins; at most four a
+  // second, so that viewers who come and go do not take the bit rate of those who stay. Any thread.
+  void requestKeyPicture() { isKeyWanted_ = true; }
+
  private:
   void push(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv);
+  void sendKeyRequest();
 
   const media_backend::GstVideoBackend& backend_;
   const GstPtr<GstElement> source_;
   const GstPtr<GstElement> klv_;  // or null
   const FrameFormat& format_;
+  std::atomic<bool> isKeyWanted_{false};
+  std::uint64_t sinceKey_ = 0;                   // frames since the last request, or the start
   const LiveCamera::Subscription subscription_;  // after what it uses
 };
 

@@ -52,6 +52,11 @@ bool AccessUnitBuffer::findKey(std::uint64_t from, std::uint64_t& number) const 
   return false;
 }
 
+std::uint64_t AccessUnitBuffer::end() const {
+  const std::lock_guard lock(mutex_);
+  return end_;
+}
+
 GBytes* AccessUnitBuffer::read(Cursor& cursor) const {
   const std::lock_guard lock(mutex_);
   const std::uint64_t begin = end_ - accessUnits_.size();

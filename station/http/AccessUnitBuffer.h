@@ -39,6 +39,8 @@ class AccessUnitBuffer {
   // Drops all; readers continue at the next key frame.
   void clear();
 
+  // Where a new reader begins that waits for the next key frame.
+  std::uint64_t end() const;
   // The reader's next access unit, which the caller owns, or null if there is none yet. A new
   // reader, and one that has fallen out of the ring, continues at the newest key frame.
   GBytes* read(Cursor& cursor) const;

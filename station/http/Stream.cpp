@@ -108,6 +108,8 @@ void HttpStream::addReader() {
   lingering_.reset();
   if (pipeline_ == nullptr) {
     start();
+  } else {
+    feed_->requestKeyPicture();
   }
   ++readers_;
 }

@@ -27,6 +27,9 @@ StreamResponse::StreamResponse(SoupServerMessage* message, HttpStream& stream, K
   if (kind_ == Kind::Mp4) {
     mp4_ = stream_.mp4();
   }
+  if (kind_ == Kind::Stream && stream_.codec() != HttpStream::Codec::Mjpeg) {
+    cursor_.next = buffer().end();  // live: addReader() asks for a key picture
+  }
   stream_.addReader();  // last of what may throw
   if (kind_ != Kind::Stream) {
     timeout_.emplace(kFirstPictureTimeout, [this] {

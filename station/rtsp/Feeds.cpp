@@ -68,6 +68,14 @@ void RtspFeeds::onTargetState(GstRTSPMedia* media, int state, gpointer /*unused*
   }
 }
 
+void RtspFeeds::requestKeyPicture(GstRTSPMedia* media) {
+  const std::lock_guard lock(mutex_);
+  const auto feed = feeds_.find(media);
+  if (feed != feeds_.end()) {
+    feed->second->camera.requestKeyPicture();
+  }
+}
+
 void RtspFeeds::close() {
   const std::lock_guard lock(mutex_);
   closed_ = true;

@@ -27,6 +27,8 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
 
   // Feeds this media until it is unprepared; does nothing after close().
   void add(GstRTSPMedia* media);
+  // Asks for a key picture of this media, if it has a feed.
+  void requestKeyPicture(GstRTSPMedia* media);
   // Ends all feeds.
   void close();
   // Whether a media is on its way to unprepared: the library refuses requests for it meanwhile.

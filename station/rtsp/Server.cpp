@@ -44,8 +44,15 @@ GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gp
   return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
-void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
+using FeedsPtr = std::shared_ptr<RtspFeeds>;
+
+void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
+  delete static_cast<FeedsPtr*>(feeds);
+}
+
+void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer feeds) {
   GstRTSPMedia* const media = gst_rtsp_session_media_get_media(context->sessmedia);
+  (*static_cast<FeedsPtr*>(feeds))->requestKeyPicture(media);
   updateNullTransports(media);
   // Wakes the streams' sending threads: they may still wait for a TCP client that has left.
   for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
@@ -55,16 +62,10 @@ void onPlay(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unuse
   }
 }
 
-using FeedsPtr = std::shared_ptr<RtspFeeds>;
-
 void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer feeds) {
   (*static_cast<FeedsPtr*>(feeds))->add(media);
   addNullTransports(media);
   dropReceiverReports(media);
-}
-
-void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
-  delete static_cast<FeedsPtr*>(feeds);
 }
 
 // The library's description, and behind it the station's own streams: metadata, then sound.
@@ -112,7 +113,8 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera, LiveA
             {"connections", Metrics::Kind::Gauge, "Open connections.", listener_.connections()}};
       }) {
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
-  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>), nullptr);
+  g_signal_connect_data(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>),
+                        new FeedsPtr(feeds_), dropFeeds, static_cast<GConnectFlags>(0));
   addCamera();
 }
 
@@ -185,12 +187,14 @@ std::unique_ptr<ClientLink> RtspServer::makeLink() {
       [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }});
 }
 
-void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer /*unused*/) {
+void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer feeds) {
   const GstPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
   GstRTSPConnection* const connection = gst_rtsp_client_get_connection(client);
   ClientTimeouts::track(client, gst_rtsp_connection_get_read_socket(connection), sessions.get());
   g_signal_connect(client, "pre-setup-request", G_CALLBACK(guarded<onSetup>), nullptr);
-  g_signal_connect(client, "play-request", G_CALLBACK(guarded<onPlay>), nullptr);
+  g_signal_connect_data(client, "play-request", G_CALLBACK(guarded<onPlay>),
+                        new FeedsPtr(*static_cast<FeedsPtr*>(feeds)), dropFeeds,
+                        static_cast<GConnectFlags>(0));
 }
 
 void RtspServer::checkClients() {

@@ -40,7 +40,7 @@ class RtspServer {
   std::unique_ptr<ClientLink> makeLink();
   void checkClients();
 
-  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer unused);
+  static void onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer feeds);
 
   const ServeOptions options_;
   const std::string description_;

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <thread>
 #include <tuple>
+#include <utility>
 
 #include "Program.h"
 #include "Server.h"
@@ -193,6 +198,51 @@ TEST(Serve, CameraRunsOnlyWhileSomebodyWatches) {
     }
     server.stop();
   }
+}
+
+constexpr int kRegularKeyDistance = 30;  // frames
+
+// Distances between the key pictures that a viewer gets while others join.
+std::vector<int> keyDistances(const std::string& url, int joining) {
+  const TempFolder folder;
+  const std::string file = folder / "video.h264";
+  Program viewer({"ffmpeg", "-nostdin", "-v", "error", "-analyzeduration", "0", "-probesize",
+                  "20000", "-i", url, "-an", "-c", "copy", "-flush_packets", "1", file});
+  while (!std::filesystem::exists(file) || std::filesystem::file_size(file) == 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  for (int i = 0; i < joining; ++i) {
+    run({"ffmpeg", "-nostdin", "-v", "error", "-analyzeduration", "0", "-probesize", "20000", "-i",
+         url, "-frames:v", "1", "-f", "null", "-"});
+  }
+  viewer.signal(SIGINT);
+  viewer.wait();
+  std::istringstream packets(
+      run({"ffprobe", "-v", "error", "-show_entries", "packet=flags", "-of", "csv=p=0", file}).out);
+  std::vector<int> distances;
+  int number = 0;
+  int last = 0;
+  for (std::string flags; std::getline(packets, flags); ++number) {
+    if (flags.front() == 'K' && number > 0) {
+      distances.push_back(number - std::exchange(last, number));
+    }
+  }
+  return distances;
+}
+
+// One that comes at a regular key picture shows nothing, and RTSP's first one joins itself.
+TEST(Serve, AViewerThatJoinsGetsAKeyPicture) {
+  Server rtsp("rtsp", {"--board", "nvidia"});
+  Server http("http", {"--board", "imx"});
+  for (const std::string& url : {rtsp.url(), http.url() + "/stream.h264"}) {
+    const std::vector<int> distances = keyDistances(url, 4);
+    EXPECT_GE(std::count_if(distances.begin(), distances.end(),
+                            [](int distance) { return distance < kRegularKeyDistance; }),
+              3)
+        << url << testing::PrintToString(distances);
+  }
+  rtsp.stop();
+  http.stop();
 }
 
 }  // namespace
