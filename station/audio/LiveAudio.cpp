@@ -13,8 +13,8 @@ namespace {
 using std::chrono::steady_clock;
 
 // Of fallback frames behind the present: packets may be that late, less one of them.
-constexpr std::chrono::milliseconds kLag{120};
-constexpr std::chrono::milliseconds kInterval{10};
+constexpr std::chrono::milliseconds kLiveLag{120};
+constexpr std::chrono::milliseconds kTakeInterval{10};
 
 }  // namespace
 
@@ -66,7 +66,7 @@ bool LiveAudio::waitForConsumers() {
 // Whether there are still consumers after an interval.
 bool LiveAudio::pause() {
   std::unique_lock lock(mutex_);
-  return !changed_.wait_for(lock, kInterval, [this] { return stop_ || consumers_.empty(); });
+  return !changed_.wait_for(lock, kTakeInterval, [this] { return stop_ || consumers_.empty(); });
 }
 
 void LiveAudio::play() {
@@ -89,7 +89,7 @@ void LiveAudio::play() {
   }
   while (pause()) {
     const steady_clock::time_point now = steady_clock::now();
-    deliver(track.take(now - start - kLag, now), start);
+    deliver(track.take(now - start - kLiveLag, now), start);
   }
 }
 

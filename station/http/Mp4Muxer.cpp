@@ -46,10 +46,10 @@ std::uint32_t numberAt(const std::string& bytes, std::size_t offset) {
 // Whether a moof is of the first track, and its only sample refers to no other (ISO/IEC 14496-12:
 // the flags are the last field of tfhd).
 bool isKeyFragment(const std::string& moof) {
-  constexpr std::size_t kTrack = 44;  // after the heads of moof, mfhd, traf and tfhd
+  constexpr std::size_t kTrackNumber = 44;  // after the heads of moof, mfhd, traf and tfhd
   constexpr std::uint32_t kNonSync = 0x10000;
-  const std::size_t end = kTrack - 12 + numberAt(moof, kTrack - 12);
-  return numberAt(moof, kTrack) == 1 && (numberAt(moof, end - 4) & kNonSync) == 0;
+  const std::size_t end = kTrackNumber - 12 + numberAt(moof, kTrackNumber - 12);
+  return numberAt(moof, kTrackNumber) == 1 && (numberAt(moof, end - 4) & kNonSync) == 0;
 }
 
 // Workaround for GStreamer's mp4mux, up to 1.22 at least: it writes Opus's sample rate

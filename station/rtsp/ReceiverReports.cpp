@@ -50,13 +50,13 @@ void onMediaPrepared(GstRTSPMedia* media, gpointer /*unused*/) {
   if (gst_iterator_next(bins, &bin) != GST_ITERATOR_OK) {
     return;
   }
-  constexpr auto kPackets =
+  constexpr auto kRtcpPackets =
       static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
   for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
     g_autoptr(GstPad) pad = gst_element_get_static_pad(
         GST_ELEMENT(g_value_get_object(&bin)), ("recv_rtcp_sink_" + std::to_string(i)).c_str());
     if (pad != nullptr) {
-      gst_pad_add_probe(pad, kPackets, guarded<onPacket>,
+      gst_pad_add_probe(pad, kRtcpPackets, guarded<onPacket>,
                         g_object_ref(gst_rtsp_media_get_stream(media, i)), g_object_unref);
     }
   }

@@ -17,8 +17,8 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "Torture.h"
-#include "base/StationError.h"
 #include "audio/OpusFile.h"
+#include "base/StationError.h"
 #include "record/Recorder.h"
 #include "support/Command.h"
 #include "support/InterposedParse.h"

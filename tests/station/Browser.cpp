@@ -28,7 +28,7 @@ Browser::Browser() : driver_({"chromedriver", "--port=0"}) {
   session_ += "/" + made.at("sessionId").get<std::string>();
 }
 
-Browser::~Browser() {
+Browser::~Browser() {  // NOLINT(bugprone-exception-escape)
   request("", nullptr, "DELETE");
   driver_.signal(SIGTERM);
 }

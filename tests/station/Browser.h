@@ -14,7 +14,7 @@ class Browser {
   static bool isInstalled();
 
   Browser();
-  ~Browser();
+  ~Browser();  // NOLINT(bugprone-exception-escape): ends the test
   Browser(const Browser&) = delete;
   Browser& operator=(const Browser&) = delete;
 
