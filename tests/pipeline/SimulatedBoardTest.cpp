@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -11,10 +13,12 @@
 #include <unistd.h>
 
 #include "gst/UniqueFd.h"
+#include "support/Command.h"
 #include "support/MovingPicture.h"
 #include "support/Pipeline.h"
 #include "support/Profiles.h"
 #include "support/Requirements.h"
+#include "support/TempFolder.h"
 
 namespace {
 
@@ -29,6 +33,7 @@ const std::string kToBoardMemory = " ! nvvidconv ! video/x-raw(memory:NVMM),form
 
 struct Unit {
   bool key;
+  GstClockTime pts;
   std::string bytes;
 };
 
@@ -39,7 +44,8 @@ std::vector<Unit> encode(const std::string& pattern, int frames, const std::stri
   std::vector<Unit> units;
   while (GstSample* const sample = pipeline.pull()) {
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
-    units.push_back({!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), bytesOf(buffer)});
+    units.push_back({!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT),
+                     GST_BUFFER_PTS(buffer), bytesOf(buffer)});
     gst_sample_unref(sample);
   }
   EXPECT_EQ(units.size(), static_cast<std::size_t>(frames));
@@ -75,6 +81,31 @@ TEST_F(SimulatedBoardTest, KeyFramesComeAtTheirDistanceAndNotAtCuts) {
       EXPECT_EQ(units.at(static_cast<std::size_t>(i)).key, i % distance == 0) << "frame " << i;
     }
   }
+}
+
+TEST_F(SimulatedBoardTest, ReplayedGroupsDecodeWholeWithTheTimesOfTheirFrames) {
+  constexpr std::size_t kGroup = 10;
+  const TempFolder folder;
+  setenv("SIMULATED_BOARD_ENCODER", "replay", 1);
+  for (const char* const chain :
+       {" ! vpuenc_h264 gop-size=10", " ! vpuenc_hevc gop-size=10",
+        " ! nvvidconv ! video/x-raw(memory:NVMM),format=NV12 ! nvv4l2h264enc iframeinterval=10"}) {
+    SCOPED_TRACE(chain);
+    const std::vector<Unit> units = encode("ball", 55, chain);
+    std::ofstream stream(folder / "stream");
+    for (std::size_t i = 0; i < units.size(); ++i) {
+      EXPECT_EQ(units[i].key, i % kGroup == 0) << i;
+      EXPECT_EQ(units[i].bytes == units[i % kGroup].bytes, i < kGroup || i > kGroup) << i;
+      EXPECT_EQ((units[i].pts - units[0].pts + 500) / 1000, (i * 1000000 + 15) / 30) << i;
+      stream << units[i].bytes;
+    }
+    stream.close();
+    runCommand({"sh", "-c",
+                "test $(ffprobe -v error -count_frames -show_entries "
+                "stream=nb_read_frames -of csv=p=0 " +
+                    (folder / "stream") + ") = 55"});
+  }
+  unsetenv("SIMULATED_BOARD_ENCODER");
 }
 
 TEST_F(SimulatedBoardTest, ParameterSetsRepeatOnlyWhenAskedFor) {

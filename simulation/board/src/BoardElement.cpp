@@ -2,6 +2,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "DmaBufMapCache.h"
 #include "Guarded.h"
 #include "PaintFault.h"
+#include "ReplayEncoder.h"
 #include "SurfaceBridge.h"
 #include "TypeRegistration.h"
 
@@ -153,6 +155,9 @@ bool assemble(BoardElement* self) {
     if (hasFault(model.name, colour)) {
       paintOver(input, colour == std::string("black"));
     }
+  }
+  if (replaysAccessUnits() && std::strstr(model.klass, "Encoder") != nullptr) {
+    replayAccessUnits(inside);
   }
   finishCodec(self, inside);
   setTarget(self, "sink", first != nullptr ? first : inside);
