@@ -72,6 +72,8 @@ what libmedia-backend makes of a board, which may be a simulated one.")
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "${same_version}, glib-networking")  # TLS
 set(CPACK_DEBIAN_STATION_PACKAGE_RECOMMENDS "${board_plugins}")
 
+install(FILES "${packaging}/media-station@.service" DESTINATION lib/systemd/system COMPONENT station)
+
 debian_package(simulated_board gstreamer1.0-simulated-board video
     "video elements of camera boards, simulated in software"
     "GStreamer elements under the names of the NVIDIA and NXP i.MX hardware ones,\n\
