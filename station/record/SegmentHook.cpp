@@ -19,6 +19,7 @@ void leaveProcessGroup(gpointer /*unused*/) {
 // What went wrong; empty for nothing.
 std::string runProgram(const std::vector<std::string>& words) {
   std::vector<const char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
     arguments.push_back(word.c_str());
   }
