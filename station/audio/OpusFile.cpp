@@ -85,6 +85,10 @@ std::vector<OpusPacket> readOpusFile(const std::string& path) {
     g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(sink, kPoll);
     if (sample == nullptr) {
       if (const std::optional<BusError> failure = BusError::take(bus.get())) {
+        // Nobody takes the tracks of other formats.
+        if (packets.empty() && failure->is(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED)) {
+          break;
+        }
         error = failure->message + (failure->detail.empty() ? "" : " (" + failure->detail + ")");
       }
       if (error.empty() && allTracksKnown && packets.empty()) {
@@ -106,7 +110,9 @@ std::vector<OpusPacket> readOpusFile(const std::string& path) {
     }
   }
   if (packets.empty()) {
-    fail(path, "no Opus track" + (error.empty() ? "" : ": " + error));
+    fail(path, error.empty() ? "no Opus track; \"ffmpeg -i " + path +
+                                   " -vn -c:a libopus -ac 1 FILE.ogg\" makes one"
+                             : "no Opus track: " + error);
   }
   if (!error.empty()) {
     fail(path, error);
