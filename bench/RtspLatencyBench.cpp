@@ -259,6 +259,7 @@ int main(int argc, char** argv) {
   int exitCode = EXIT_FAILURE;
   {
     station::RtspServer server(backend, camera, nullptr, options);
+    camera.start();
     const PeerServer peer(backend);
     g_stationUrl = "rtsp://" + server.listener().authority() + options.path;
     g_peerUrl = peer.url();

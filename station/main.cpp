@@ -2,11 +2,12 @@
 #include "doctor/Doctor.h"
 #include "doctor/DoctorCheck.h"
 #include "grab/Grab.h"
-#include "http/ServeHttp.h"
 #include "inspect/Inspect.h"
 #include "klv/KlvCommand.h"
-#include "record/RecordCommand.h"
-#include "rtsp/ServeRtsp.h"
+#include "run/RecordCommand.h"
+#include "run/RunCommand.h"
+#include "run/ServeHttp.h"
+#include "run/ServeRtsp.h"
 
 int main(int argc, char** argv) {
   station::Inspect inspect;
@@ -17,6 +18,8 @@ int main(int argc, char** argv) {
   station::KlvCommand klv;
   station::ServeRtsp serveRtsp;
   station::ServeHttp serveHttp;
+  station::RunCommand run;
   return station::runCommandLine(
-      argc, argv, {&inspect, &doctor, &doctorCheck, &record, &grab, &klv, &serveRtsp, &serveHttp});
+      argc, argv,
+      {&inspect, &doctor, &doctorCheck, &record, &grab, &klv, &serveRtsp, &serveHttp, &run});
 }

@@ -1,8 +1,10 @@
 #include "base/StopSignal.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include "base/StationError.h"
@@ -11,22 +13,19 @@ namespace station {
 namespace {
 
 std::atomic<bool> stopRequested{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may not take a lock");
+std::atomic<int> stopDescriptor{-1};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
+              "a signal handler may not take a lock");
 
 void onSignal(int /*signal*/) {
   if (stopRequested.exchange(true)) {
     _exit(static_cast<int>(ExitCode::Interrupted));
   }
-}
-
-void setHandler(void (*handler)(int)) {
-  struct sigaction action {};
-  action.sa_handler = handler;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  for (const int number : stopSignals()) {
-    sigaction(number, &action, nullptr);
-  }
+  const int error = errno;
+  const eventfd_t one = 1;
+  // Cannot fail: the counter is far from its end.
+  static_cast<void>(!write(stopDescriptor, &one, sizeof(one)));
+  errno = error;
 }
 
 bool isIgnored(int number) {
@@ -37,29 +36,25 @@ bool isIgnored(int number) {
 
 }  // namespace
 
-const std::vector<int>& stopSignals() {
-  static const std::vector<int> kSignals = isIgnored(SIGHUP)
-                                               ? std::vector<int>{SIGINT, SIGTERM}
-                                               : std::vector<int>{SIGINT, SIGTERM, SIGHUP};
-  return kSignals;
+int watchStopSignals() {
+  stopDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (stopDescriptor < 0) {
+    throw StationError(ExitCode::Internal, "no descriptor for signals");
+  }
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    if (number != SIGHUP || !isIgnored(number)) {
+      sigaction(number, &action, nullptr);
+    }
+  }
+  return stopDescriptor;
 }
 
-StopSignal::StopSignal() {
-  stopRequested = false;
-  setHandler(onSignal);
-}
-
-StopSignal::~StopSignal() {
-  setHandler(SIG_DFL);
-}
-
-bool StopSignal::requested() const {
+bool isStopRequested() {
   return stopRequested;
-}
-
-void exitOnSignal() {
-  stopRequested = true;
-  setHandler(onSignal);
 }
 
 void ignoreWriteSignals() {

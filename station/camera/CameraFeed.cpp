@@ -21,19 +21,19 @@ CameraFeed::CameraFeed(const media_backend::GstVideoBackend& backend, LiveCamera
       }()),
       klv_(gst_bin_get_by_name(GST_BIN(bin), "klv")),
       format_(camera.format()),
-      subscription_(camera, [this](const auto& frame, const Bytes& klv) { push(frame, klv); }) {}
+      subscription_(camera, [this](const CameraFrame& frame) { push(frame); }) {}
 
-void CameraFeed::push(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv) {
+void CameraFeed::push(const CameraFrame& frame) {
   if (!isPlaying(source_.get())) {
     return;
   }
   sendKeyRequest();
-  GstBuffer* const buffer = format_.wrap(backend_, frame);
+  GstBuffer* const buffer = format_.wrap(backend_, frame.picture);
   GST_BUFFER_DURATION(buffer) = format_.rate.timeOf(1);
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
   if (klv_ != nullptr) {
-    GstBuffer* const packet = gst_buffer_new_allocate(nullptr, klv.size(), nullptr);
-    gst_buffer_fill(packet, 0, klv.data(), klv.size());
+    GstBuffer* const packet = gst_buffer_new_allocate(nullptr, frame.klv.size(), nullptr);
+    gst_buffer_fill(packet, 0, frame.klv.data(), frame.klv.size());
     gst_app_src_push_buffer(GST_APP_SRC(klv_.get()), packet);
   }
 }

@@ -13,8 +13,8 @@
 
 namespace station {
 
-// Pushes a live camera's frames into a pipeline's appsrc, without copying, and its KLV packets into
-// the appsrc "klv" if there is one, while this object lives.
+// Pushes a live camera's frames into a pipeline's appsrc, without copying, and their KLV packets
+// into the appsrc "klv" if there is one, while this object lives.
 class CameraFeed {
  public:
   // `bin` holds the appsrc "camera"; throws StationError (Pipeline) otherwise.
@@ -25,7 +25,7 @@ class CameraFeed {
   void requestKeyPicture() { isKeyWanted_ = true; }
 
  private:
-  void push(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv);
+  void push(const CameraFrame& frame);
   void sendKeyRequest();
 
   const media_backend::GstVideoBackend& backend_;

@@ -10,7 +10,6 @@ namespace station {
 namespace {
 
 using std::chrono::nanoseconds;
-using std::chrono::steady_clock;
 
 }  // namespace
 
@@ -40,7 +39,9 @@ LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onC
       metrics_("camera", [this] {
         return Metrics::Figures{{"frames", Metrics::Kind::Counter, "Frames delivered.", frames_}};
       }) {
-  thread_ = std::thread([this] { callGuarded([this] { run(); }); });
+  if (picture_ == nullptr) {
+    throw StationError(ExitCode::Source, "source has no pictures: " + options().source);
+  }
 }
 
 LiveCamera::~LiveCamera() {
@@ -49,7 +50,13 @@ LiveCamera::~LiveCamera() {
     stop_ = true;
   }
   changed_.notify_all();
-  thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void LiveCamera::start() {
+  thread_ = std::thread([this] { callGuarded([this] { run(); }); });
 }
 
 bool LiveCamera::isRunning() const {
@@ -62,39 +69,44 @@ std::optional<StationError> LiveCamera::failure() const {
   return failure_;
 }
 
+bool LiveCamera::hasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return hasEnded_;
+}
+
+// Null at the end of a file that does not loop.
 std::shared_ptr<lumora::LumoraPicture> LiveCamera::nextPicture() {
   auto picture = callSource(options().source, [this] { return camera_->next(); });
-  if (picture == nullptr) {
+  if (picture == nullptr && options().loop) {
     throw StationError(ExitCode::Source, "source has ended: " + options().source);
   }
   return picture;
 }
 
 void LiveCamera::run() {
-  const nanoseconds interval(format().rate.timeOf(1));
-  steady_clock::time_point due;
   try {
-    while (waitForConsumers()) {
-      if (camera_->isLive()) {
-        picture_ = nextPicture();
-      } else {
-        // Do not catch up after a late frame: at most one interval of backlog.
-        due = std::max(due + interval, steady_clock::now() - interval);
-        std::this_thread::sleep_until(due);
-      }
-      const Bytes klv = annotate_(*picture_);
-      deliver(camera_->exportPicture(*picture_), klv);
-      if (!camera_->isLive()) {
-        picture_ = nextPicture();
-      }
-    }
+    deliverPictures();
   } catch (const StationError& error) {
-    {
-      const std::lock_guard lock(mutex_);
-      failure_ = error;
-    }
-    onChange_();
+    const std::lock_guard lock(mutex_);
+    failure_ = error;
   }
+  onChange_();
+}
+
+void LiveCamera::deliverPictures() {
+  while (picture_ != nullptr && waitForConsumers()) {
+    if (camera_->isLive()) {
+      picture_ = nextPicture();
+    }
+    pace();
+    deliver();
+    if (!camera_->isLive()) {
+      picture_ = nextPicture();
+    }
+    ++number_;
+  }
+  const std::lock_guard lock(mutex_);
+  hasEnded_ = picture_ == nullptr;
 }
 
 // Whether to go on.
@@ -102,17 +114,54 @@ bool LiveCamera::waitForConsumers() {
   std::unique_lock lock(mutex_);
   if (consumers_.empty()) {
     camera_->suspend();
+    firstDelivered_ = {};
+    changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
   }
-  changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
   return !stop_;
 }
 
-void LiveCamera::deliver(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv) {
-  const std::lock_guard lock(mutex_);
-  for (const Consumer& consumer : consumers_) {
-    consumer(frame, klv);
+// Waits until the picture of a file is due. A device's gets the number of its time, if frames
+// before it were lost.
+void LiveCamera::pace() {
+  if (firstDelivered_ == Clock::time_point{}) {
+    first_ = number_;
+    firstTime_ = std::chrono::system_clock::now();
+  } else if (camera_->isLive()) {
+    const nanoseconds elapsed = Clock::now() - firstDelivered_;
+    number_ = std::max(
+        number_, first_ + format().rate.framesUntil(static_cast<GstClockTime>(elapsed.count())));
+    return;
+  }
+  // Do not catch up after a late frame: at most one interval of backlog.
+  const nanoseconds interval = timeOf(1);
+  due_ = std::max(due_ + interval, Clock::now() - interval);
+  std::this_thread::sleep_until(due_);
+}
+
+void LiveCamera::deliver() {
+  CameraFrame frame;
+  frame.number = number_;
+  frame.time = firstTime_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                timeOf(number_) - timeOf(first_));
+  if (annotate_) {
+    frame.klv = annotate_(*picture_, frame.time);
+  }
+  frame.picture = camera_->exportPicture(*picture_);
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Consumer& consumer : consumers_) {
+      consumer(frame);
+    }
   }
   ++frames_;
+  if (firstDelivered_ == Clock::time_point{}) {  // encoders may take long to start
+    firstDelivered_ = Clock::now();
+    due_ = firstDelivered_;
+  }
+}
+
+nanoseconds LiveCamera::timeOf(std::uint64_t number) const {
+  return nanoseconds(format().rate.timeOf(number));
 }
 
 }  // namespace station

@@ -16,7 +16,7 @@
 #include "base/Metrics.h"
 #include "base/StationError.h"
 #include "camera/Camera.h"
-#include "metadata/Klv.h"
+#include "camera/CameraFrame.h"
 
 namespace station {
 
@@ -26,14 +26,12 @@ namespace station {
 // Threads: any.
 class LiveCamera {
  public:
-  // Called on the camera's thread for every frame, with its KLV packet, which is empty without
-  // metadata; must not block, subscribe or unsubscribe. A StationError that it throws stops the
-  // camera.
-  using Consumer =
-      std::function<void(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv)>;
-  // Writes the metadata of a picture that was just captured into its header, and returns the KLV
-  // packet. Called on the camera's thread, once a picture.
-  using Annotate = std::function<Bytes(lumora::LumoraPicture& picture)>;
+  // Called on the camera's thread for every frame; must not subscribe or unsubscribe, and not block
+  // after its first frame. A StationError that it throws stops the camera.
+  using Consumer = std::function<void(const CameraFrame& frame)>;
+  // Writes a picture's metadata and returns their KLV packet. Called on the camera's thread.
+  using Annotate = std::function<std::vector<std::uint8_t>(
+      lumora::LumoraPicture& picture, std::chrono::system_clock::time_point time)>;
 
   // Frames are delivered while it lives. Its destructor waits for a running call of the consumer.
   class Subscription {
@@ -49,38 +47,56 @@ class LiveCamera {
   };
 
   // Captures a first frame, so that a source that cannot be opened is reported at once: throws
-  // StationError (Source). `onChange` is called on any thread after isRunning() or failure() has
-  // changed.
+  // StationError (Source). `onChange` is called on any thread after isRunning(), hasEnded() or
+  // failure() has changed. Without `annotate`, frames have no metadata.
   explicit LiveCamera(
       std::unique_ptr<Camera> camera, std::function<void()> onChange = [] {},
-      Annotate annotate = [](lumora::LumoraPicture& /*picture*/) { return Bytes(); });
+      Annotate annotate = nullptr);
   ~LiveCamera();  // after every subscription
   LiveCamera(const LiveCamera&) = delete;
   LiveCamera& operator=(const LiveCamera&) = delete;
 
   const CameraOptions& options() const { return camera_->options(); }
   const FrameFormat& format() const { return camera_->format(); }
+  // Begins to deliver frames; to be called once. First subscriptions may be made before, so that
+  // they get the first frame.
+  void start();
   bool isRunning() const;
+  // Whether it has delivered the last frame of a file that does not loop.
+  bool hasEnded() const;
   std::uint64_t frames() const { return frames_; }
   // The error that stopped the camera.
   std::optional<StationError> failure() const;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   void run();
   bool waitForConsumers();
+  void deliverPictures();
+  void pace();
   std::shared_ptr<lumora::LumoraPicture> nextPicture();
-  void deliver(const std::shared_ptr<lumora::ExportedFrame>& frame, const Bytes& klv);
+  void deliver();
+  std::chrono::nanoseconds timeOf(std::uint64_t number) const;
 
   const std::unique_ptr<Camera> camera_;
   const std::function<void()> onChange_;
   const Annotate annotate_;
-  std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver
+  std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver; null after the last
+
+  // On its thread.
+  std::uint64_t number_ = 0;  // of that picture
+  std::uint64_t first_ = 0;   // since it has run without a break
+  std::chrono::system_clock::time_point firstTime_;
+  Clock::time_point firstDelivered_;
+  Clock::time_point due_;
   std::atomic<std::uint64_t> frames_{0};
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::list<Consumer> consumers_;
   std::optional<StationError> failure_;
+  bool hasEnded_ = false;
   bool stop_ = false;
   std::thread thread_;
   const Metrics::Publication metrics_;

@@ -52,10 +52,10 @@ Bytes bytesOf(GstBuffer* buffer) {
 
 // Until the end, an error, or Ctrl-C.
 Counts printSets(GstElement* pipeline, GstAppSink* sink) {
-  const StopSignal stop;
+  watchStopSignals();
   Counts counts;
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
-  while (!stop.requested()) {
+  while (!isStopRequested()) {
     g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(sink, kPollInterval);
     if (sample != nullptr) {
       print(bytesOf(gst_sample_get_buffer(sample)), counts);

@@ -3,7 +3,7 @@ _media_station() {
   local word command=() current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      inspect | doctor | record | grab | serve | rtsp | http) command+=("$word") ;;
+      inspect | doctor | record | grab | klv | serve | rtsp | http | run) command+=("$word") ;;
       *) break ;;
     esac
   done

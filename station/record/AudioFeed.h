@@ -15,6 +15,7 @@ class AudioFeed {
   // Reads the file or opens the microphone; throws StationError (Source).
   explicit AudioFeed(const AudioOptions& options);
 
+  bool isWanted() const { return track_.has_value(); }
   void start(std::chrono::steady_clock::time_point time);
   // Pushes what the track has up to the end of the video so far.
   void push(Recorder& recorder, std::chrono::nanoseconds videoEnd);

@@ -12,6 +12,9 @@ namespace station {
 class Progress {
  public:
   Progress();
+  ~Progress() { end(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
 
   // To be called for every frame; prints only when a line is due.
   void update(const Recorder& recorder, std::chrono::nanoseconds recorded);

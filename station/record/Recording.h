@@ -2,50 +2,51 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <functional>
+#include <optional>
 
-#include <lumora/FrameExport.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "base/StopSignal.h"
-#include "camera/Camera.h"
+#include "camera/LiveCamera.h"
 #include "record/AudioFeed.h"
 #include "record/Progress.h"
-#include "record/RecordCommand.h"
+#include "record/RecordOptions.h"
 #include "record/Recorder.h"
 
 namespace station {
 
-// One run of the command "record". Failures throw StationError.
+// The output of a live camera, and of its audio, into segments. A failure stops the camera.
+//
+// Threads: one thread at a time, beside the camera's.
 class Recording {
  public:
-  // Opens the sources and starts the recorder. `options` outlives the recording.
-  Recording(const media_backend::GstVideoBackend& backend, const RecordOptions& options);
+  // Starts the recorder and subscribes. The other arguments outlive the recording. `onEnd` is
+  // called on the camera's thread after the last frame of the duration. Throws StationError.
+  Recording(const media_backend::GstVideoBackend& backend, LiveCamera& camera, AudioFeed& audio,
+            const RecordOptions& options, std::function<void()> onEnd);
 
-  // Returns after the last segment is complete.
-  void run();
+  // Takes no more frames, completes the last segment and prints the summary. Throws StationError.
+  void finish();
+
+  // Whether everything has been recorded; after finish().
+  bool isComplete() const { return recorder_.statistics().isComplete(); }
 
  private:
-  void recordFrames();
-  void recordFrame();
-  void finish();
+  void record(const CameraFrame& frame);
   std::chrono::nanoseconds timeOf(std::uint64_t index) const;
-  std::uint64_t nextIndex() const;
   void printSummary() const;
 
   const RecordOptions& options_;
-  AudioFeed audio_;
-  const std::unique_ptr<MetadataSource> metadata_;  // null for none
-  const MisbSt0601 encoder_;
-  const std::unique_ptr<Camera> camera_;
-  std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to record; null after the last
-  const StopSignal stop_;
+  const FrameRate rate_;
+  const std::uint64_t limit_;  // frames
+  const std::function<void()> onEnd_;
+  AudioFeed& audio_;
   SegmentStore segments_;
   Recorder recorder_;
   Progress progress_;
-  const std::chrono::system_clock::time_point start_ = std::chrono::system_clock::now();
-  std::chrono::steady_clock::time_point base_ = std::chrono::steady_clock::now();
-  std::uint64_t index_ = 0;  // of that frame
+  std::optional<std::uint64_t> first_;                    // number of the first frame
+  std::uint64_t end_ = 0;                                 // frames since, up to the last one
+  std::optional<LiveCamera::Subscription> subscription_;  // after what it uses
 };
 
 }  // namespace station

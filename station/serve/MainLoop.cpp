@@ -1,7 +1,6 @@
 #include "serve/MainLoop.h"
 
 #include <cstdio>
-#include <vector>
 
 #include <glib-unix.h>
 
@@ -10,21 +9,24 @@
 
 namespace station {
 
+MainLoop::~MainLoop() {
+  if (signals_ != 0) {
+    g_source_remove(signals_);
+  }
+  g_main_loop_unref(loop_);
+}
+
+void MainLoop::watchSignals() {
+  signals_ = g_unix_fd_add(watchStopSignals(), G_IO_IN, onSignal, this);
+}
+
 void MainLoop::run(const LiveCamera& camera, bool quiet) {
   camera_ = &camera;
   quiet_ = quiet;
-  std::vector<guint> signals;
-  for (const int number : stopSignals()) {
-    signals.push_back(g_unix_signal_add(number, onSignal, this));
-  }
   notifyOfException([this] { cameraChanged(); });
   cameraChanged();  // it may have failed before
   g_main_loop_run(loop_);
   notifyOfException(nullptr);
-  for (const guint source : signals) {
-    g_source_remove(source);
-  }
-  exitOnSignal();
   camera_ = nullptr;
   throwKeptException();
   if (failure_) {
@@ -32,21 +34,28 @@ void MainLoop::run(const LiveCamera& camera, bool quiet) {
   }
 }
 
+void MainLoop::end() {
+  isEnded_ = true;
+  wakeUp_.signal();
+}
+
 void MainLoop::fail(const StationError& error) {
   failure_ = error;
   g_main_loop_quit(loop_);
 }
 
-gboolean MainLoop::onSignal(gpointer self) {
-  g_main_loop_quit(static_cast<MainLoop*>(self)->loop_);
-  return G_SOURCE_CONTINUE;
+gboolean MainLoop::onSignal(gint /*descriptor*/, GIOCondition /*condition*/, gpointer self) {
+  auto* const loop = static_cast<MainLoop*>(self);
+  loop->signals_ = 0;
+  g_main_loop_quit(loop->loop_);
+  return G_SOURCE_REMOVE;
 }
 
 void MainLoop::checkCamera() {
   if (camera_ == nullptr) {
     return;
   }
-  if (hasKeptException()) {
+  if (hasKeptException() || isEnded_ || camera_->hasEnded()) {
     g_main_loop_quit(loop_);
   }
   const bool running = camera_->isRunning();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <optional>
 
 #include <glib.h>
@@ -10,29 +11,35 @@
 
 namespace station {
 
-// The default main context's loop, until Ctrl-C or a failure.
+// The default main context's loop, until Ctrl-C, a failure or the end of the work.
 //
-// Threads: the main context's; cameraChanged() any.
+// Threads: the main context's; cameraChanged() and end() any.
 class MainLoop {
  public:
   MainLoop() = default;
-  ~MainLoop() { g_main_loop_unref(loop_); }
+  ~MainLoop();
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  // Returns after Ctrl-C, SIGTERM or SIGHUP; a second signal ends the process with exit code 130.
-  // Throws the failure of the camera, of fail() or of a callback. Logs when the camera starts and
-  // stops, unless `quiet`.
+  // From this call on, the first of the signals SIGINT (Ctrl-C), SIGTERM and SIGHUP ends run(), the
+  // second the process with exit code 130. To be called once.
+  void watchSignals();
+
+  // Returns after a signal, after end(), or when the camera has ended. Throws the failure of the
+  // camera, of fail() or of a callback. Logs when the camera starts and stops, unless `quiet`.
   void run(const LiveCamera& camera, bool quiet);
 
   void cameraChanged() { wakeUp_.signal(); }
+  void end();
   void fail(const StationError& error);
 
  private:
   void checkCamera();
-  static gboolean onSignal(gpointer self);
+  static gboolean onSignal(gint descriptor, GIOCondition condition, gpointer self);
 
   GMainLoop* const loop_ = g_main_loop_new(nullptr, FALSE);
+  guint signals_ = 0;  // source that waits for them
+  std::atomic<bool> isEnded_{false};
   WakeUp wakeUp_{[this] { checkCamera(); }};
   const LiveCamera* camera_ = nullptr;  // while run() runs
   bool quiet_ = false;

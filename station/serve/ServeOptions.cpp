@@ -4,14 +4,34 @@
 
 namespace station {
 
-void ServeOptions::addTo(CLI::App& command, const Codecs& codecs) {
-  encoderOptions.addTo(command, encoder, codecs);
-  camera.addTo(command);
-  audio.addTo(command);
-  camera.addFeedTo(command);
-  command.add_option("--port", port, "TCP port; 0 for any free one")
+void ServeOptions::addPortTo(CLI::App& command, const std::string& prefix) {
+  command.add_option("--" + prefix + "port", port, "TCP port; 0 for any free one")
       ->check(CLI::Range(0U, 65535U))
       ->capture_default_str();
+}
+
+void ServeOptions::addRtspTo(CLI::App& command, const std::string& prefix) {
+  command.add_option("--" + prefix + "path", path, "Path of the stream")
+      ->check([](const std::string& text) {
+        return text.rfind('/', 0) == 0 ? "" : "the path has to begin with /";
+      })
+      ->capture_default_str();
+  command.add_option("--mtu", mtu, "Most bytes of an RTP packet")
+      ->check(CLI::Range(64U, 65535U))
+      ->capture_default_str();
+}
+
+void ServeOptions::addHttpTo(CLI::App& command) {
+  command
+      .add_option(
+          "--host", hosts,
+          "Name or address that clients may ask for over HTTP, beside those of the machine; "
+          "may be repeated")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+}
+
+void ServeOptions::addTo(CLI::App& command) {
   command.add_option("--bind", address, "Numeric address to serve on")->capture_default_str();
   command
       .add_option_function<std::string>(

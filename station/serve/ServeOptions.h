@@ -7,21 +7,15 @@
 
 #include <media_backend/GstVideoBackend.h>
 
-#include "audio/AudioOptions.h"
 #include "base/Command.h"
-#include "base/EncoderOptions.h"
-#include "camera/CameraOptions.h"
-#include "metadata/MetadataOptions.h"
+#include "base/Options.h"
 #include "serve/Credentials.h"
 #include "serve/Tls.h"
 
 namespace station {
 
 struct ServeOptions {
-  CameraOptions camera;
-  AudioOptions audio;
   media_backend::GstVideoBackend::EncoderConfig encoder;
-  EncoderOptions encoderOptions;      // that set it
   std::string address = "127.0.0.1";  // numeric
   std::uint16_t port = 0;             // 0: any free one
   std::optional<Credentials> credentials;
@@ -32,14 +26,17 @@ struct ServeOptions {
   std::vector<std::string> hosts;  // further names and addresses that clients may ask for
   // RTSP only
   bool klv = false;  // a stream of metadata
-  MetadataOptions metadata;
   std::string path = "/camera";
   unsigned int mtu = 1400;  // bytes of an RTP packet
 
   // Whether clients connect by TLS.
   bool isEncrypted() const { return certificate != nullptr; }
 
-  void addTo(CLI::App& command, const Codecs& codecs);
+  // What both servers take; then the options of one server, named with a prefix such as "rtsp-".
+  void addTo(CLI::App& command);
+  void addPortTo(CLI::App& command, const std::string& prefix);
+  void addRtspTo(CLI::App& command, const std::string& prefix);
+  void addHttpTo(CLI::App& command);
 };
 
 }  // namespace station

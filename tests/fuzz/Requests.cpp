@@ -27,20 +27,20 @@ namespace {
 class Server {
  public:
   explicit Server(bool overRtsp) {
-    options_.camera.source = folder_ / "picture.ppm";
-    options_.camera.fps = 60;
+    station::CameraOptions options;
+    options.source = folder_ / "picture.ppm";
+    options.fps = 60;
     options_.encoder.codec = media_backend::GstVideoBackend::Codec::H264;
-    std::ofstream(options_.camera.source) << "P6 64 48 255\n"
-                                          << std::string(std::size_t{64} * 48 * 3, 'x');
+    std::ofstream(options.source) << "P6 64 48 255\n" << std::string(std::size_t{64} * 48 * 3, 'x');
     const media_backend::GstVideoBackend& backend = station::openBoard("imx");
-    camera_ =
-        std::make_unique<station::LiveCamera>(station::Camera::openFor(backend, options_.camera));
+    camera_ = std::make_unique<station::LiveCamera>(station::Camera::openFor(backend, options));
     if (overRtsp) {
-      rtsp_ = std::make_unique<station::RtspServer>(backend, *camera_, options_);
+      rtsp_ = std::make_unique<station::RtspServer>(backend, *camera_, nullptr, options_);
     } else {
-      http_ = std::make_unique<station::HttpServer>(backend, *camera_, options_,
+      http_ = std::make_unique<station::HttpServer>(backend, *camera_, nullptr, options_,
                                                     [](const station::StationError&) {});
     }
+    camera_->start();
   }
 
   const station::Listener& listener() const {

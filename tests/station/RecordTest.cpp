@@ -243,6 +243,30 @@ TEST_F(Record, EndsTheLastSegmentOnASignal) {
   }
 }
 
+// While somebody watches over RTSP and HTTP; the same camera is in all of them.
+TEST_F(Record, IsOneOfSeveralOutputs) {
+  Program program(
+      station({"run", clip_, "--board", "imx", "--record", output(), "--klv", "--audio-silence",
+               "--rtsp", "--rtsp-port", "0", "--http", "--http-port", "0", "--quiet"}));
+  const auto nextUrl = [&program] {
+    std::smatch found;
+    const std::string line = program.readLine();
+    return std::regex_search(line, found, std::regex("\\w+://\\S+")) ? found.str() : line;
+  };
+  const std::string rtsp = nextUrl();
+  const std::string http = nextUrl();
+  const Result stream = run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-read_intervals",
+                             "%+#15", "-show_entries", "packet=flags", "-of", "csv=p=0", rtsp});
+  EXPECT_EQ(std::count(stream.out.begin(), stream.out.end(), '\n'), 15) << stream.err;
+  const Result status = run({"curl", "-sSf", http + "status.json"});
+  EXPECT_NE(status.out.find("\"record\""), std::string::npos) << status.out << status.err;
+  EXPECT_EQ(run({"curl", "-sSf", "-o", folder_ / "snapshot.jpg", http + "snapshot.jpg"}).err, "");
+  EXPECT_EQ(decodedFrames(folder_ / "snapshot.jpg"), 1);
+  program.signal(SIGINT);
+  const Result verdict = judge(program.wait(), {"--segment-seconds", "60"});
+  EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
+}
+
 TEST_F(Record, QuitsOnTheSecondCtrlC) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "the thread sanitizer hands signals on when a thread gets to it, or never";

@@ -1,0 +1,15 @@
+#include "record/RecordOptions.h"
+
+#include <CLI/CLI.hpp>
+
+namespace station {
+
+void RecordOptions::addTo(CLI::App& command) {
+  command.add_option("--segment-seconds", recorder.segmentSeconds, "Longest segment")
+      ->check(CLI::Range(1U, 86400U))
+      ->capture_default_str();
+  segments.addTo(command);
+  command.add_flag("--klv", recorder.klv, "A KLV track (MISB ST 0601)");
+}
+
+}  // namespace station

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "base/Command.h"
+#include "run/Engine.h"
+
+namespace station {
+
+// The command "record": frames of a camera, paced at the frame rate, into MPEG-TS segments, until
+// the duration is over, the source has ended, or Ctrl-C.
+class RecordCommand : public Command {
+ public:
+  CLI::App& addOptions(CLI::App& program) override;
+  void run() override { runEngine(options_); }
+
+ private:
+  EngineOptions options_;
+};
+
+}  // namespace station
