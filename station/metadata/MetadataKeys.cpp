@@ -3,9 +3,13 @@
 #include <lumora/LumoraPicture.h>
 
 namespace station {
+namespace {
+
+using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
+
+}  // namespace
 
 const std::vector<MetadataKey>& metadataKeys() {
-  using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
   using Kind = KeyKind;
   static const std::vector<MetadataKey> kKeys = {
       {Keys::kSourceNs, Kind::Frame},

@@ -3,10 +3,14 @@
 #include <cstdint>
 
 namespace station {
+namespace {
+
+using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
+
+}  // namespace
 
 void writeTimes(lumora::LumoraPicture& picture, MetadataSource::Time time,
                 std::chrono::nanoseconds elapsed) {
-  using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
   using std::chrono::duration_cast;
   using std::chrono::microseconds;
   picture.setMetadata(Keys::kUtcTimestampUs,

@@ -6,6 +6,7 @@
 namespace station {
 namespace {
 
+using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
 using Mapping = MisbItem::Mapping;
 
 constexpr std::uint8_t kLaserOn = 0x11;
@@ -133,7 +134,6 @@ std::optional<MisbItem::Value> MisbItem::decode(const Bytes& content) const {
 }
 
 const std::vector<MisbItem>& misbItems() {
-  using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
   static const std::vector<MisbItem> kItems = {
       {2, Keys::kUtcTimestampUs, Mapping::Integer, 8},
       {3, "mission_id", Mapping::Text},

@@ -58,7 +58,8 @@ Bytes messageOf(const SeiFormat& format, std::chrono::system_clock::time_point t
 
 // Offset of the start code of the first slice.
 std::optional<std::size_t> findSlice(const GstMapInfo& map, const SeiFormat& format) {
-  GstByteReader reader = GST_BYTE_READER_INIT(map.data, static_cast<guint>(map.size));
+  GstByteReader reader;
+  gst_byte_reader_init(&reader, map.data, static_cast<guint>(map.size));
   constexpr guint kStartCode = 0x00000100;
   guint at = 0;
   while (map.size - at >= 4) {
