@@ -30,8 +30,8 @@ constexpr unsigned int kHeight = 480;
 constexpr int kFramesPerSecond = 30;
 constexpr GstClockTime kInterval = GST_SECOND / kFramesPerSecond;
 constexpr std::size_t kLumaSize = std::size_t{kWidth} * kHeight;
-constexpr double kMostDifference = 12;                     // of 255, on average
-constexpr GstClockTime kEndTimeout = GST_CLOCK_TIME_NONE;  // the check's own limit ends it
+constexpr double kMostDifference = 12;                          // of 255, on average
+constexpr GstClockTime kTrialEndTimeout = GST_CLOCK_TIME_NONE;  // the check's own limit ends it
 constexpr std::chrono::seconds kEntryTimeout{1};
 
 constexpr struct {
@@ -168,7 +168,7 @@ void encode(const GstVideoBackend& backend, Use use, const FrameFormat& format,
     push(pipeline.get(), source.get(), format.wrap(backend, feed.exportPicture(*picture)), i, tap);
   }
   gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
-  throwOnError(pipeline.get(), kEndTimeout);
+  throwOnError(pipeline.get(), kTrialEndTimeout);
 }
 
 double mean(const std::uint8_t* samples, std::size_t count, std::size_t step) {

@@ -16,7 +16,7 @@ bool AccessUnitBuffer::add(gconstpointer data, gsize size, bool key) {
     return true;
   }
   needsKey_ = false;
-  while (accessUnits_.size() >= kMaxAccessUnits || bytes_ + size > kMaxBytes) {
+  while (accessUnits_.size() >= maxAccessUnits_ || bytes_ + size > kMaxBytes) {
     dropOldest();
   }
   accessUnits_.push_back({g_bytes_new(data, size), key});

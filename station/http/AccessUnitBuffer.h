@@ -12,11 +12,11 @@ namespace station {
 // Ring buffer of encoded access units. A reader waits for no other reader, and for the writer only
 // while it copies one access unit; a reader that falls behind continues at the newest key frame.
 //
-// Memory: at most kMaxAccessUnits and kMaxBytes, and the access units that readers still hold.
-// Threads: any.
+// Memory: at most the access units of the constructor and kMaxBytes, and the access units that
+// readers still hold. Threads: any.
 class AccessUnitBuffer {
  public:
-  static constexpr std::size_t kMaxAccessUnits = 480;
+  static constexpr std::size_t kMaxAccessUnits = 120;
   static constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
   static constexpr std::size_t kMaxAccessUnitBytes = std::size_t{8} << 20;
 
@@ -28,7 +28,8 @@ class AccessUnitBuffer {
   };
 
   // With `allKeyFrames`, readers always get the newest access unit.
-  explicit AccessUnitBuffer(bool allKeyFrames) : allKeyFrames_(allKeyFrames) {}
+  explicit AccessUnitBuffer(bool allKeyFrames, std::size_t maxAccessUnits = kMaxAccessUnits)
+      : allKeyFrames_(allKeyFrames), maxAccessUnits_(maxAccessUnits) {}
   ~AccessUnitBuffer();
   AccessUnitBuffer(const AccessUnitBuffer&) = delete;
   AccessUnitBuffer& operator=(const AccessUnitBuffer&) = delete;
@@ -55,6 +56,7 @@ class AccessUnitBuffer {
   bool findKey(std::uint64_t from, std::uint64_t& number) const;
 
   const bool allKeyFrames_;
+  const std::size_t maxAccessUnits_;
   mutable std::mutex mutex_;
   std::deque<AccessUnit> accessUnits_;
   std::uint64_t end_ = 0;  // number of the next access unit

@@ -62,7 +62,8 @@ class Mp4Muxer {
 
   const std::function<void()> onFragment_;
   const std::function<void(const StationError& error)> onFailure_;
-  AccessUnitBuffer buffer_{/*allKeyFrames=*/false};
+  // 50 packets of audio a second beside the video.
+  AccessUnitBuffer buffer_{/*allKeyFrames=*/false, 480};
   std::string bytes_;  // of boxes that are not complete; the muxer's thread
 
   mutable std::mutex mutex_;
