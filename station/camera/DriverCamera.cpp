@@ -18,7 +18,7 @@ namespace {
 using media_backend::SourcePipeline;
 
 constexpr const char* kSource = "simu_v4l_src";
-constexpr std::chrono::milliseconds kPoll{50};
+constexpr std::chrono::milliseconds kBufferPoll{50};
 
 std::string describeDriver(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = media_backend::gst_source::fps_fraction(config.fps);
@@ -122,7 +122,7 @@ std::shared_ptr<GstSample> DriverCamera::pull(std::string& error) {
   bool isRunning = pipeline_.run(
       {options_.source, format_.width, format_.height, format_.rate.perSecond(), false}, error);
   while (isRunning && std::chrono::steady_clock::now() < deadline) {
-    if (GstSample* const sample = pipeline_.pull(kPoll)) {
+    if (GstSample* const sample = pipeline_.pull(kBufferPoll)) {
       return {sample, gst_sample_unref};
     }
     isRunning = pipeline_.report(error) != GST_MESSAGE_ERROR;
