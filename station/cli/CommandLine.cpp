@@ -117,6 +117,9 @@ std::string explain(const CLI::App* program, const CLI::Error& error) {
     const std::string unknown = explainUnknown(*app, program->remaining(/*recurse=*/true));
     reason = unknown.empty() ? reason : unknown;
   }
+  if (kind == CLI::ExitCodes::ConfigError) {
+    reason = "the configuration has an unknown option: " + reason.substr(reason.rfind('.') + 1);
+  }
   return "media-station: " + reason + "\nRun " + command + " --help for more information.\n";
 }
 

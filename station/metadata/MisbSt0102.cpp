@@ -9,14 +9,13 @@
 namespace station {
 namespace {
 
-enum Tag : std::uint8_t {
-  kClassification = 1,
-  kCountryCoding = 2,
-  kCountry = 3,
-  kObjectCoding = 12,
-  kObjectCountries = 13,
-  kVersionOfSet = 22,
-};
+// Tags of the items.
+constexpr std::uint8_t kClassification = 1;
+constexpr std::uint8_t kCountryCoding = 2;
+constexpr std::uint8_t kCountry = 3;
+constexpr std::uint8_t kObjectCoding = 12;
+constexpr std::uint8_t kObjectCountries = 13;
+constexpr std::uint8_t kVersionOfSet = 22;
 
 constexpr std::uint16_t kSecurityRevision = 12;  // of the standard
 // The coding method of ISO 3166 codes; both lists of methods begin with these.

@@ -14,6 +14,7 @@
 #include "record/Recording.h"
 #include "rtsp/Server.h"
 #include "run/Annotator.h"
+#include "run/Service.h"
 #include "serve/MainLoop.h"
 
 namespace station {
@@ -124,6 +125,7 @@ void run(const EngineOptions& options, const GstVideoBackend& backend, AudioFeed
     std::fprintf(stderr, "%s\n", camera.format().feed.c_str());
   }
   camera.start();
+  const Service service;
   try {
     loop.run(camera, isQuiet(options));
   } catch (const StationError& error) {

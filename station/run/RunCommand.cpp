@@ -1,5 +1,11 @@
 #include "run/RunCommand.h"
 
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 
 #include "base/Options.h"
@@ -9,6 +15,31 @@ namespace station {
 namespace {
 
 using Codec = media_backend::GstVideoBackend::Codec;
+
+// Reads a file of the command's options, without a section.
+class RunConfig : public CLI::ConfigTOML {
+ public:
+  std::vector<CLI::ConfigItem> from_config(std::istream& file) const override {
+    std::vector<CLI::ConfigItem> options = CLI::ConfigTOML::from_config(file);
+    for (CLI::ConfigItem& option : options) {
+      option.parents.insert(option.parents.begin(), "run");
+    }
+    return options;
+  }
+};
+
+// The options that were given, and the others as comments.
+std::string configOf(const CLI::App& command) {
+  const std::string given = "\n" + command.config_to_str(false, false);
+  std::istringstream all(command.config_to_str(/*default_also=*/true, /*write_description=*/true));
+  std::string text;
+  for (std::string line; std::getline(all, line);) {
+    const bool isOption = !line.empty() && line.front() != '#';
+    text += isOption && given.find("\n" + line + "\n") == std::string::npos ? "#" : "";
+    text += line + "\n";
+  }
+  return text;
+}
 
 constexpr std::uint16_t kRtspPort = 8554;
 constexpr std::uint16_t kHttpPort = 8080;
@@ -37,6 +68,21 @@ CLI::App& RunCommand::addOptions(CLI::App& program) {
   http_.addPortTo(command, "http-");
   http_.addHttpTo(command);
   server_.addTo(command);
+  command
+      .add_flag_callback(
+          "--print-config",
+          [&command] {
+            std::fputs(configOf(command).c_str(), stdout);
+            throw CLI::Success();
+          },
+          "Print a file for --config with these options, and all others, and do nothing else")
+      ->configurable(false);
+  // CLI11 reads files for the program only.
+  program.set_config("--config", "", "For the command run: read options from FILE")
+      ->type_name("FILE");
+  program.config_formatter(std::make_shared<RunConfig>());
+  program.allow_config_extras(CLI::config_extras_mode::error);
+  command.fallthrough();
   return command;
 }
 

@@ -1,5 +1,6 @@
 // Recordings as others see them: scripts/judge takes them apart with ffprobe.
 
+#include <gio/gunixsocketaddress.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -243,11 +244,26 @@ TEST_F(Record, EndsTheLastSegmentOnASignal) {
   }
 }
 
-// While somebody watches over RTSP and HTTP; the same camera is in all of them.
+// While somebody watches over RTSP and HTTP; the same camera is in all of them. As a service: with
+// a file of options, and systemd told that it has started.
 TEST_F(Record, IsOneOfSeveralOutputs) {
-  Program program(
-      station({"run", clip_, "--board", "imx", "--record", output(), "--klv", "--audio-silence",
-               "--rtsp", "--rtsp-port", "0", "--http", "--http-port", "0", "--quiet"}));
+  const std::string config = folder_ / "camera.toml";
+  const Result options =
+      run(station({"run", clip_, "--board", "imx", "--record", output(), "--klv", "--audio-silence",
+                   "--rtsp", "--rtsp-port", "0", "--http", "--http-port", "0", "--print-config"}));
+  std::ofstream(config) << options.out;
+  g_autoptr(GSocket) systemd = g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_DATAGRAM,
+                                            G_SOCKET_PROTOCOL_DEFAULT, nullptr);
+  const std::string place = folder_ / "notify";
+  g_autoptr(GSocketAddress) address = g_unix_socket_address_new(place.c_str());
+  ASSERT_TRUE(g_socket_bind(systemd, address, FALSE, nullptr)) << options.err;
+  setenv("NOTIFY_SOCKET", place.c_str(), 1);
+  Program program(station({"run", "--config", config, "--quiet"}));
+  unsetenv("NOTIFY_SOCKET");
+  char notification[64] = {};
+  g_socket_set_timeout(systemd, 60);
+  g_socket_receive(systemd, notification, sizeof(notification) - 1, nullptr, nullptr);
+  EXPECT_STREQ(notification, "READY=1") << options.out;
   const auto nextUrl = [&program] {
     std::smatch found;
     const std::string line = program.readLine();
