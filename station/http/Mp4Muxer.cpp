@@ -1,5 +1,6 @@
 #include "http/Mp4Muxer.h"
 
+#include <cstring>
 #include <utility>
 
 #include <gst/app/gstappsrc.h>
@@ -40,7 +41,9 @@ std::string describeMuxer(Codec codec, bool hasAudio) {
 }
 
 std::uint32_t numberAt(const std::string& bytes, std::size_t offset) {
-  return GST_READ_UINT32_BE(bytes.data() + offset);
+  std::uint32_t number = 0;
+  std::memcpy(&number, bytes.data() + offset, sizeof(number));
+  return GUINT32_FROM_BE(number);
 }
 
 // Whether a moof is of the first track, and its only sample refers to no other (ISO/IEC 14496-12:
@@ -58,8 +61,8 @@ void correctOpusRate(std::string& header) {
   const std::size_t box = header.find("dOps");
   constexpr std::size_t kRateOffset = 8;  // after type, version, channels and pre-skip
   if (box != std::string::npos && box + kRateOffset + 4 <= header.size()) {
-    char* const rate = header.data() + box + kRateOffset;
-    GST_WRITE_UINT32_BE(rate, kSampleRate);
+    const std::uint32_t rate = GUINT32_TO_BE(kSampleRate);
+    std::memcpy(header.data() + box + kRateOffset, &rate, sizeof(rate));
   }
 }
 
