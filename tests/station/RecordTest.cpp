@@ -249,8 +249,9 @@ TEST_F(Record, EndsTheLastSegmentOnASignal) {
 TEST_F(Record, IsOneOfSeveralOutputs) {
   const std::string config = folder_ / "camera.toml";
   const Result options =
-      run(station({"run", clip_, "--board", "imx", "--record", output(), "--klv", "--audio-silence",
-                   "--rtsp", "--rtsp-port", "0", "--http", "--http-port", "0", "--print-config"}));
+      run(station({"run", clip_, "--board", "imx", "--record", output(), "--klv", "--telemetry",
+                   "demo", "--audio-silence", "--rtsp", "--rtsp-port", "0", "--http", "--http-port",
+                   "0", "--print-config"}));
   std::ofstream(config) << options.out;
   g_autoptr(GSocket) systemd = g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_DATAGRAM,
                                             G_SOCKET_PROTOCOL_DEFAULT, nullptr);
@@ -278,8 +279,13 @@ TEST_F(Record, IsOneOfSeveralOutputs) {
   EXPECT_NE(status.out.find("\"record\""), std::string::npos) << status.out << status.err;
   EXPECT_EQ(run({"curl", "-sSf", "-o", folder_ / "snapshot.jpg", http + "snapshot.jpg"}).err, "");
   EXPECT_EQ(decodedFrames(folder_ / "snapshot.jpg"), 1);
+  Program reader(station({"klv", rtsp}));
+  const std::string set = reader.readLine();
+  reader.signal(SIGINT);
   program.signal(SIGINT);
   const Result verdict = judge(program.wait(), {"--segment-seconds", "60"});
+  const std::string sets = run(station({"klv", filesIn(output()).front()})).out;
+  EXPECT_NE(("\n" + sets).find("\n" + set + "\n"), std::string::npos) << set << "\n" << sets;
   EXPECT_EQ(verdict.exitCode, 0) << verdict.out << verdict.err;
 }
 
