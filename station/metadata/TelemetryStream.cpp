@@ -99,7 +99,8 @@ void TelemetryStream::run() {
       text += '\n';
     }
     std::size_t begin = 0;
-    for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+    for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos;
+         begin = end + 1) {
       add(text.substr(begin, end - begin));
     }
     text.erase(0, begin);
