@@ -22,7 +22,7 @@ namespace {
 
 using media_backend::GstVideoBackend;
 
-// Settings of the encoder that no output uses.
+// Refuses what the first output does not use; the encoders of the others may use less.
 void refuseUnusedSettings(const EngineOptions& options, const GstVideoBackend& backend) {
   if (options.record) {
     options.encoder.refuseUnused(backend, Use::Record, options.record->recorder);

@@ -44,7 +44,7 @@ TEST(Doctor, FindsTheSimulatedBoardsUsable) {
   }
 }
 
-// What boards are known to stumble over: what is said of it, and what to do.
+// Each known fault of boards has a cause and a remedy in the report.
 TEST(Doctor, KnowsTheTrapsOfBoards) {
   struct Row {
     const char* faults;

@@ -7,8 +7,8 @@ namespace simulated_board {
 // Whether the environment variable SIMULATED_BOARD_ENCODER says "replay".
 bool replaysAccessUnits();
 
-// Encodes one group of pictures, then gives its access units again and again, with the timestamps
-// of the frames that come: what is left is the cost of everything but the encoder. A request for a
+// Encodes one group of pictures, then repeats its access units with the timestamps of the frames
+// that come, so that a measurement shows the cost of everything but the encoder. A request for a
 // key picture begins the group anew. `encoder` has a pad "sink" and a pad "src".
 void replayAccessUnits(GstElement* encoder);
 
