@@ -16,6 +16,7 @@ constexpr std::uint8_t kImapbMinusInfinity = 0xE8;
 constexpr std::uint8_t kImapbNan = 0xD0;
 constexpr std::uint8_t kImapbBelow = 0xE0;
 constexpr std::uint8_t kImapbAbove = 0xE1;
+constexpr std::size_t kMostImapbBytes = 4;
 
 double steps(std::size_t bytes) {
   return std::exp2(8.0 * static_cast<double>(bytes));
@@ -29,9 +30,9 @@ Bytes numberBytes(double value, std::size_t size) {
 
 // ST 1201 scales by a power of two and shifts so that zero is exact.
 struct Imapb {
-  explicit Imapb(const MisbItem& item) {
+  Imapb(const MisbItem& item, std::size_t bytes) {
     const double bits = std::ceil(std::log2(item.high - item.low));
-    scale = std::exp2(8.0 * static_cast<double>(item.bytes) - 1 - bits);
+    scale = std::exp2(8.0 * static_cast<double>(bytes) - 1 - bits);
     offset = item.low < 0 && item.high > 0 ? scale * item.low - std::floor(scale * item.low) : 0;
   }
 
@@ -41,7 +42,7 @@ struct Imapb {
 
 Bytes encodeImapb(const MisbItem& item, double value) {
   if (value >= item.low && value <= item.high) {
-    const Imapb imapb(item);
+    const Imapb imapb(item, item.bytes);
     return numberBytes(std::floor(imapb.scale * (value - item.low) + imapb.offset), item.bytes);
   }
   Bytes bytes(item.bytes, 0);
@@ -53,6 +54,17 @@ Bytes encodeImapb(const MisbItem& item, double value) {
     bytes.front() = value > item.high ? kImapbAbove : kImapbBelow;
   }
   return bytes;
+}
+
+bool isSizeOf(const MisbItem& item, std::size_t bytes) {
+  switch (item.mapping) {
+    case Mapping::Laser:
+      return bytes == 1;
+    case Mapping::Imapb:  // as precise as its sender wants
+      return bytes >= 1 && bytes <= kMostImapbBytes;
+    default:
+      return bytes == item.bytes;
+  }
 }
 
 std::optional<double> decodeNumber(const MisbItem& item, const Bytes& bytes) {
@@ -67,7 +79,7 @@ std::optional<double> decodeNumber(const MisbItem& item, const Bytes& bytes) {
       return (number < half ? number : number - 2 * half) / (half - 1) * item.high + 0.0;  // no -0
     }
     case Mapping::Imapb: {
-      const Imapb imapb(item);
+      const Imapb imapb(item, bytes.size());
       const double value = (number - imapb.offset) / imapb.scale + item.low;
       return value <= item.high ? std::optional(value) : std::nullopt;
     }
@@ -106,10 +118,10 @@ std::optional<Bytes> MisbItem::encode(const Value& value) const {
     return on != nullptr ? std::optional(Bytes{*on ? kLaserOn : std::uint8_t{0}}) : std::nullopt;
   }
   if (mapping == Mapping::Integer) {
-    const auto* const number = std::get_if<std::int64_t>(&value);
-    const bool fits =
-        number != nullptr && *number >= 0 && static_cast<double>(*number) < steps(bytes);
-    return fits ? std::optional(numberBytes(static_cast<double>(*number), bytes)) : std::nullopt;
+    const auto* const integer = std::get_if<std::int64_t>(&value);
+    const double number = integer != nullptr ? static_cast<double>(*integer) : -1;
+    const bool fits = number >= low && number <= (high > 0 ? high : steps(bytes) - 1);
+    return fits ? std::optional(numberBytes(number, bytes)) : std::nullopt;
   }
   const auto* const number = std::get_if<double>(&value);
   return number != nullptr ? encodeNumber(*number) : std::nullopt;
@@ -122,7 +134,7 @@ std::optional<MisbItem::Value> MisbItem::decode(const Bytes& content) const {
   if (mapping == Mapping::Integer && content.size() <= sizeof(std::int64_t)) {
     return static_cast<std::int64_t>(numberOf(content));
   }
-  if (content.size() != (mapping == Mapping::Laser ? 1 : bytes)) {
+  if (!isSizeOf(*this, content.size())) {
     throw std::out_of_range("item " + std::to_string(tag) + " has " +
                             std::to_string(content.size()) + " bytes");
   }
@@ -162,7 +174,7 @@ const std::vector<MisbItem>& misbItems() {
       {47, Keys::kLaserRangeEnabled, Mapping::Laser},
       {48, "security", Mapping::Octets},
       {51, Keys::kVelocityDownMps, Mapping::Signed, 2, 180, -180},
-      {62, Keys::kLaserPrfCode, Mapping::Integer, 2},
+      {62, Keys::kLaserPrfCode, Mapping::Integer, 2, 111, 8888},
       {65, "version", Mapping::Integer, 1},
       {79, Keys::kVelocityNorthMps, Mapping::Signed, 2, -327, 327},
       {80, Keys::kVelocityEastMps, Mapping::Signed, 2, -327, 327},
@@ -181,8 +193,8 @@ const std::vector<MisbItem>& misbItems() {
       {118, Keys::kElevationRateDps, Mapping::Imapb, 3, -1000, 1000},
       {119, Keys::kRollRateDps, Mapping::Imapb, 3, -1000, 1000},
       {123, Keys::kNavSatCount, Mapping::Integer, 1},
-      {124, Keys::kPositioningMethodSource, Mapping::Integer, 1},
-      {125, Keys::kPlatformStatus, Mapping::Integer, 1},
+      {124, Keys::kPositioningMethodSource, Mapping::Integer, 1, 1, 255},
+      {125, Keys::kPlatformStatus, Mapping::Integer, 1, 0, 12},
   };
   return kItems;
 }

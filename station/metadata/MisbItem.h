@@ -20,8 +20,8 @@ struct MisbItem {
     Unsigned,  // [low, high] onto 0 to 2^n - 1
     Angle,     // the same, after turning the angle into [0, 360)
     Signed,    // [-high, high] onto -(2^(n-1) - 1) to 2^(n-1) - 1; -2^(n-1) means out of range
-    Imapb,     // [low, high] as MISB ST 1201 says
-    Integer,   // as it is
+    Imapb,     // [low, high] as MISB ST 1201 says; read in any size
+    Integer,   // as it is, from low to high
     Laser,     // bits: the laser's for true, and that the slant range is measured then
     Text,
     Octets,  // nested sets
@@ -32,7 +32,8 @@ struct MisbItem {
   Mapping mapping;
   std::size_t bytes = 0;  // of a number
   double low = 0;
-  double high = 0;  // below zero if the item counts the other way than its key
+  // Below zero if the item counts the other way than its key; 0 for an integer of any size.
+  double high = 0;
 
   // Nothing for a value that the item cannot say.
   std::optional<Bytes> encode(const Value& value) const;
