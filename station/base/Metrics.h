@@ -22,6 +22,7 @@ class Metrics {
     Kind kind;
     const char* help;  // a sentence
     std::uint64_t value;
+    const char* reason = nullptr;  // of one of several with the same name, which follow each other
   };
   using Figures = std::vector<Figure>;
 

@@ -79,7 +79,8 @@ GConverterResult refuse(const RequestFilter& filter, GError** error) {
   const std::string answer = refusal();
   g_pollable_output_stream_write_nonblocking(G_POLLABLE_OUTPUT_STREAM(filter.output), answer.data(),
                                              answer.size(), nullptr, nullptr);
-  station::Client::disconnect(filter.socket, "its request may have a body");
+  station::Client::disconnect(filter.socket, station::ClientEvent::Request,
+                              "its request may have a body");
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "a request is refused");
   return G_CONVERTER_ERROR;
 }

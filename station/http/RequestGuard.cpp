@@ -43,7 +43,8 @@ void RequestGuard::check(SoupServerMessage* message) {
   soup_message_headers_remove(soup_server_message_get_request_headers(message), "Range");
   const std::string method = soup_server_message_get_method(message);
   if (!isForThisHost(message)) {
-    Client::refuse(socketOf(message).get(), "asks for a host that is not this one (--host)");
+    Client::refuse(socketOf(message).get(), ClientEvent::Host,
+                   "asks for a host that is not this one (--host)");
     refuse(message, SOUP_STATUS_MISDIRECTED_REQUEST,
            "not served under this name: media-station takes further names with --host",
            "Misdirected Request");

@@ -57,7 +57,8 @@ const char* contentTypeOf(const HttpStream& stream, StreamResponse::Kind kind) {
 }
 
 gboolean onDeadline(gpointer message) {
-  Client::disconnect(socketOf(SOUP_SERVER_MESSAGE(message)).get(), "no whole request in 10 s");
+  Client::disconnect(socketOf(SOUP_SERVER_MESSAGE(message)).get(), ClientEvent::Time,
+                     "no whole request in 10 s");
   return G_SOURCE_REMOVE;
 }
 
@@ -82,10 +83,7 @@ HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera, LiveA
           options.address, options.port,
           {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle, options.quiet},
           [this](GSocketConnection* connection) { accept(connection); }),
-      metrics_("http", [this] {
-        return Metrics::Figures{
-            {"connections", Metrics::Kind::Gauge, "Open connections.", listener_.connections()}};
-      }) {
+      metrics_("http", [this] { return listener_.figures(); }) {
   addStream(options.encoder.codec);
   // For browsers, which show no other stream, and for snapshots.
   if (options.encoder.codec != Codec::Mjpeg && backend.supports(Codec::Mjpeg)) {
@@ -218,7 +216,8 @@ void HttpServer::serveStream(SoupServerMessage* message, HttpStream& stream,
     return;
   }
   if (responses_.size() >= options_.maxClients) {
-    Client::refuse(socketOf(message).get(), "as many clients watch as --max-clients allows");
+    Client::refuse(socketOf(message).get(), ClientEvent::Limit,
+                   "as many clients watch as --max-clients allows");
     soup_message_headers_replace(soup_server_message_get_response_headers(message), "Retry-After",
                                  "10");
     refuse(message, SOUP_STATUS_SERVICE_UNAVAILABLE, "as many clients as may watch do already");

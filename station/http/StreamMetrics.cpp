@@ -1,5 +1,7 @@
 #include "http/StreamMetrics.h"
 
+#include <utility>
+
 #include <nlohmann/json.hpp>
 
 #include "base/Metrics.h"
@@ -27,7 +29,8 @@ std::string statusJson(const ServerStatus& server) {
   status["max_clients"] = server.options.maxClients;
   Metrics::visit([&status](const std::string& part, const Metrics::Figures& figures) {
     for (const Metrics::Figure& figure : figures) {
-      status[part][figure.name] = figure.value;
+      nlohmann::ordered_json& place = status[part][figure.name];
+      (figure.reason != nullptr ? place[figure.reason] : place) = figure.value;
     }
   });
   status["streams"] = nlohmann::ordered_json::array();
@@ -66,12 +69,17 @@ std::string prometheusText(const ServerStatus& server) {
     }
   };
   Metrics::visit([&](const std::string& part, const Metrics::Figures& figures) {
+    std::string described;
     for (const Metrics::Figure& figure : figures) {
       const bool isCounter = figure.kind == Metrics::Kind::Counter;
       const std::string name =
           "media_station_" + part + "_" + figure.name + (isCounter ? "_total" : "");
-      describe(name, isCounter ? "counter" : "gauge", figure.help);
-      text += name + " " + std::to_string(figure.value) + "\n";
+      if (std::exchange(described, name) != name) {
+        describe(name, isCounter ? "counter" : "gauge", figure.help);
+      }
+      const std::string label =
+          figure.reason != nullptr ? "{reason=\"" + std::string(figure.reason) + "\"}" : "";
+      text += name + label + " " + std::to_string(figure.value) + "\n";
     }
   });
   each("media_station_viewers", "gauge", "Clients that watch.",

@@ -55,7 +55,7 @@ void ClientFilter::push(std::string_view bytes, TimePoint now) {
 
 void ClientFilter::checkTime(TimePoint now) {
   if (!refusal_ && incompleteSince_ && now >= *deadline()) {
-    refusal_ = Refusal{"", "no whole request in 15 s"};
+    refusal_ = Refusal{"", ClientEvent::Time, "no whole request in 15 s"};
   }
 }
 
@@ -70,7 +70,7 @@ bool ClientFilter::takeActivity() {
 void ClientFilter::charge(std::size_t bytes) {
   allowance_ -= static_cast<double>(bytes);
   if (!refusal_ && allowance_ < 0) {
-    refusal_ = Refusal{"", "it sends too much"};
+    refusal_ = Refusal{"", ClientEvent::Request, "it sends too much"};
   }
 }
 
@@ -146,8 +146,8 @@ std::size_t ClientFilter::takeRequest(std::string_view rest) {
     const std::size_t end = rest.find('\n', begin);
     const std::size_t reached = std::min(end, rest.size());
     if (reached > kMaxHeadBytes || reached - begin > kMaxLineBytes || lines.size() > kMaxLines) {
-      refuse(RequestHead({rest.substr(0, rest.find('\n'))}), "413 Request Entity Too Large",
-             "its request is too long");
+      refuse(RequestHead({rest.substr(0, rest.find('\n'))}), ClientEvent::Request,
+             "413 Request Entity Too Large", "its request is too long");
       return 0;
     }
     if (end == std::string_view::npos) {
@@ -178,16 +178,19 @@ void ClientFilter::judge(const RequestHead& request) {
                         (request.method == "GET" || request.method == "POST");
   const std::string ownPrefix = owner_ + "-";
   if (!hasPlace_) {
-    refuse(request, "503 Service Unavailable", "as many clients watch as --max-clients allows");
+    refuse(request, ClientEvent::Limit, "503 Service Unavailable",
+           "as many clients watch as --max-clients allows");
   } else if (!request.isWellFormed || (request.isHttp && !isTunnel) || request.lengths.size() > 1 ||
              (!isTunnel && !hasLength)) {
-    refuse(request, "400 Bad Request", "its request is malformed");
+    refuse(request, ClientEvent::Request, "400 Bad Request", "its request is malformed");
   } else if (!isTunnel && std::stoul(std::string(length)) > kMaxBodyBytes) {
-    refuse(request, "413 Request Entity Too Large", "its request is too long");
+    refuse(request, ClientEvent::Request, "413 Request Entity Too Large",
+           "its request is too long");
   } else if (std::any_of(request.sessions.begin(), request.sessions.end(), [&](auto session) {
                return session.substr(0, ownPrefix.size()) != ownPrefix;
              })) {
-    refuse(request, "454 Session Not Found", "it names a session that is not its own");
+    refuse(request, ClientEvent::Session, "454 Session Not Found",
+           "it names a session that is not its own");
   } else {
     incompleteSince_.reset();
     begun_ = true;
@@ -220,7 +223,8 @@ void ClientFilter::pass(std::string_view text) {
 }
 
 // A tunnel's answers go through its other connection.
-void ClientFilter::refuse(const RequestHead& request, const char* status, const char* reason) {
+void ClientFilter::refuse(const RequestHead& request, ClientEvent event, const char* status,
+                          const char* reason) {
   if (refusal_) {
     return;
   }
@@ -232,7 +236,7 @@ void ClientFilter::refuse(const RequestHead& request, const char* status, const 
     }
     answer += "Connection: close\r\n\r\n";
   }
-  refusal_ = Refusal{std::move(answer), reason};
+  refusal_ = Refusal{std::move(answer), event, reason};
 }
 
 }  // namespace station

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "serve/ClientLog.h"
+
 namespace station {
 
 struct RequestHead;
@@ -25,6 +27,7 @@ class ClientFilter {
 
   struct Refusal {
     std::string answer;  // a response, or empty
+    ClientEvent event;
     std::string reason;  // for the log
   };
 
@@ -59,7 +62,8 @@ class ClientFilter {
   void judge(const RequestHead& request);
   void enterTunnel(const RequestHead& request);
   void pass(std::string_view text);
-  void refuse(const RequestHead& request, const char* status, const char* reason);
+  void refuse(const RequestHead& request, ClientEvent event, const char* status,
+              const char* reason);
 
   std::string owner_;
   const bool hasPlace_;

@@ -80,7 +80,7 @@ gssize endRefused(Link& link, GError** error) {
                                                refusal.answer.data(), refusal.answer.size(),
                                                nullptr, nullptr);
   }
-  Client::disconnect(link.socket, refusal.reason);
+  Client::disconnect(link.socket, refusal.event, refusal.reason);
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, refusal.reason.c_str());
   return -1;
 }

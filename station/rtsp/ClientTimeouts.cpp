@@ -132,7 +132,7 @@ void ClientTimeouts::check(bool hasSession) {
 // closed on another.
 void ClientTimeouts::disconnect(const char* reason) const {
   const GstPtr<GSocket> socket(static_cast<GSocket*>(socket_.get()));
-  Client::disconnect(socket.get(), reason);
+  Client::disconnect(socket.get(), ClientEvent::Time, reason);
 }
 
 }  // namespace station

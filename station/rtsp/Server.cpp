@@ -44,6 +44,15 @@ GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gp
   return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
+// The library warns of each part of a Transport header that it does not know, in its client's
+// words: thousands of lines a request.
+void keepRequestsOutOfLog() {
+  static const guint kHandler = g_log_set_handler(
+      "GStreamer-RTSP", G_LOG_LEVEL_WARNING,
+      [](const gchar*, GLogLevelFlags, const gchar*, gpointer) {}, nullptr);
+  static_cast<void>(kHandler);
+}
+
 using FeedsPtr = std::shared_ptr<RtspFeeds>;
 
 void dropFeeds(gpointer feeds, GClosure* /*closure*/) {
@@ -108,10 +117,8 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera, LiveA
       listener_(options.address, options.port,
                 {options.maxClients + kAnsweredConnections, kIdleConnection, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }),
-      metrics_("rtsp", [this] {
-        return Metrics::Figures{
-            {"connections", Metrics::Kind::Gauge, "Open connections.", listener_.connections()}};
-      }) {
+      metrics_("rtsp", [this] { return listener_.figures(); }) {
+  keepRequestsOutOfLog();
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
   g_signal_connect_data(server_.get(), "client-connected", G_CALLBACK(guarded<onClient>),
                         new FeedsPtr(feeds_), dropFeeds, static_cast<GConnectFlags>(0));

@@ -60,6 +60,7 @@ Authenticator::Verdict Authenticator::check(const Request& request) {
   // Guesses of others behind the same address do not disturb a client that knows the password.
   if (answer.result != Result::NoPassword && !isProven(answer.proof) &&
       guesses_.isReached(guesser)) {
+    Client::refuse(request.socket, ClientEvent::Password, "too many wrong passwords");
     return {false, {}};
   }
   if (answer.result == Result::Admitted) {
@@ -67,9 +68,9 @@ Authenticator::Verdict Authenticator::check(const Request& request) {
   } else if (answer.result == Result::Wrong) {
     proofs_.erase(answer.proof);
     guesses_.add(guesser);
-    Client::refuse(request.socket, guesses_.isReached(guesser)
-                                       ? "wrong user or password, the last guess for 10 s"
-                                       : "wrong user or password");
+    Client::refuse(request.socket, ClientEvent::Password,
+                   guesses_.isReached(guesser) ? "wrong user or password, the last guess for 10 s"
+                                               : "wrong user or password");
   }
   return {answer.result == Result::Admitted,
           challenges(request.address, answer.result == Result::Stale)};

@@ -1,6 +1,5 @@
 #include "serve/Client.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "base/Callback.h"
@@ -20,31 +19,27 @@ std::string addressOf(GSocket* socket) {
   return text;
 }
 
-void print(const std::string& address, const std::string& event) {
-  std::fprintf(stderr, "%s %s\n", address.c_str(), event.c_str());
-}
-
 }  // namespace
 
-void Client::attach(GSocket* socket, std::shared_ptr<const ClientSettings> settings) {
+void Client::attach(GSocket* socket, std::shared_ptr<ClientSettings> settings) {
   g_object_set_data_full(G_OBJECT(socket), kClientKey, new Client(socket, std::move(settings)),
                          [](gpointer client) { delete static_cast<Client*>(client); });
 }
 
-void Client::logRefusal(GSocket* socket, const std::string& reason) {
-  print(addressOf(socket), "refused: " + reason);
+void Client::turnAway(GSocket* socket, ClientSettings& settings, const std::string& reason) {
+  settings.log.add(ClientEvent::Limit, addressOf(socket), "refused: " + reason);
 }
 
-void Client::refuse(GSocket* socket, const std::string& reason) {
+void Client::refuse(GSocket* socket, ClientEvent why, const std::string& reason) {
   if (Client* const client = of(socket)) {
-    client->log("refused: " + reason);
+    client->log(why, "refused: " + reason);
   }
 }
 
-void Client::disconnect(GSocket* socket, const std::string& reason) {
+void Client::disconnect(GSocket* socket, ClientEvent why, const std::string& reason) {
   Client* const client = of(socket);
   if (client != nullptr && !client->isDisconnected_.exchange(true)) {
-    client->log("disconnected: " + reason);
+    client->log(why, "disconnected: " + reason);
   }
   if (socket != nullptr) {
     g_socket_shutdown(socket, TRUE, TRUE, nullptr);
@@ -57,9 +52,9 @@ void Client::noteActivity(GSocket* socket) {
   }
 }
 
-Client::Client(GSocket* socket, std::shared_ptr<const ClientSettings> settings)
+Client::Client(GSocket* socket, std::shared_ptr<ClientSettings> settings)
     : settings_(std::move(settings)), address_(addressOf(socket)) {
-  log("connected");
+  log(ClientEvent::Connected, "connected");
 }
 
 Client::~Client() {
@@ -67,7 +62,8 @@ Client::~Client() {
     return;
   }
   callGuarded([this] {
-    log(settings_->stopping ? "disconnected: the server stops"
+    log(ClientEvent::Left,
+        settings_->stopping ? "disconnected: the server stops"
         : isIdle() ? "disconnected: idle for " + std::to_string(settings_->idle.count()) + " s"
                    : "left");
   });
@@ -85,10 +81,8 @@ bool Client::isIdle() const {
   return last != 0 && silence >= settings_->idle;
 }
 
-void Client::log(const std::string& event) const {
-  if (!settings_->quiet) {
-    print(address_, event);
-  }
+void Client::log(ClientEvent event, const std::string& text) const {
+  settings_->log.add(event, address_, text);
 }
 
 }  // namespace station

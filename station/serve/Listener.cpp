@@ -106,12 +106,17 @@ gboolean Listener::onIncoming(GSocketService* /*service*/, GSocketConnection* co
   auto* const listener = static_cast<Listener*>(self);
   GSocket* const socket = g_socket_connection_get_socket(connection);
   if (listener->connections() >= listener->limits_.connections) {
-    if (!listener->limits_.quiet) {
-      Client::logRefusal(
-          socket, "there are " + std::to_string(listener->connections()) + " connections already");
-    }
+    Client::turnAway(
+        socket, *listener->clients_,
+        "there are " + std::to_string(listener->connections()) + " connections already");
     g_io_stream_close(G_IO_STREAM(connection), nullptr, nullptr);
     return TRUE;
+  }
+  if (!listener->minutes_ || !listener->minutes_->isActive()) {
+    listener->minutes_.emplace(std::chrono::minutes(1), [listener] {
+      listener->clients_->log.endMinute();
+      return listener->connections() > 0;
+    });
   }
   Client::attach(socket, listener->clients_);
   g_socket_set_timeout(socket, static_cast<guint>(listener->limits_.idle.count()));
@@ -139,6 +144,12 @@ bool Listener::isLoopback() const {
 
 unsigned int Listener::connections() const {
   return static_cast<unsigned int>(clients_.use_count() - 1);
+}
+
+Metrics::Figures Listener::figures() const {
+  Metrics::Figures figures = clients_->log.figures();
+  figures.push_back({"connections", Metrics::Kind::Gauge, "Open connections.", connections()});
+  return figures;
 }
 
 }  // namespace station

@@ -4,19 +4,21 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <gio/gio.h>
 
 #include "base/Handles.h"
 #include "serve/Client.h"
+#include "serve/Timer.h"
 
 namespace station {
 
 // Accepts TCP connections for a server on the default main context, and closes those beyond its
 // limit. Logs its clients.
 //
-// Threads: the main context's; connections() any.
+// Threads: the main context's; connections() and figures() any.
 class Listener {
  public:
   struct Limits {
@@ -40,6 +42,8 @@ class Listener {
   std::string authority() const;
   bool isLoopback() const;
   unsigned int connections() const;
+  // Connections, and what was refused.
+  Metrics::Figures figures() const;
   // Accepts no more. Clients that end from now on are logged as disconnected.
   void stop();
 
@@ -50,6 +54,7 @@ class Listener {
   const Limits limits_;
   const Accept accept_;
   const std::shared_ptr<ClientSettings> clients_;
+  std::optional<Timer> minutes_;
   const GstPtr<GSocketService> service_;
   GstPtr<GInetSocketAddress> address_;
 };

@@ -3,6 +3,7 @@
 #include <gio/gunixsocketaddress.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -275,8 +276,15 @@ TEST_F(Record, IsOneOfSeveralOutputs) {
   const Result stream = run({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-read_intervals",
                              "%+#15", "-show_entries", "packet=flags", "-of", "csv=p=0", rtsp});
   EXPECT_EQ(std::count(stream.out.begin(), stream.out.end(), '\n'), 15) << stream.err;
+  const std::string host = rtsp.substr(7, rtsp.rfind('/') - 7);
+  const Result theft = run({"bash", "-c",
+                            "exec 3<>/dev/tcp/${0/:/\\/}; printf 'OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n"
+                            "Session: 1-guessed\r\n\r\n' >&3; cat <&3",
+                            host});
+  EXPECT_EQ(theft.out.rfind("RTSP/1.0 454 ", 0), 0U) << theft.out << theft.err;
   const Result status = run({"curl", "-sSf", http + "status.json"});
   EXPECT_NE(status.out.find("\"record\""), std::string::npos) << status.out << status.err;
+  EXPECT_EQ(nlohmann::json::parse(status.out)["rtsp"]["refused"]["session"], 1) << status.out;
   EXPECT_EQ(run({"curl", "-sSf", "-o", folder_ / "snapshot.jpg", http + "snapshot.jpg"}).err, "");
   EXPECT_EQ(decodedFrames(folder_ / "snapshot.jpg"), 1);
   Program reader(station({"klv", rtsp}));

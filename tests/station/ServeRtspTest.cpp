@@ -118,8 +118,9 @@ TEST(ServeRtspKlv, ArrivesWholeBesideVideoAndSound) {
 }
 
 // Status line of one request over a connection of its own.
-std::string statusOf(const std::string& url, const std::string& method) {
-  const std::string request = method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+std::string statusOf(const std::string& url, const std::string& method,
+                     const std::string& header = "X: y") {
+  const std::string request = method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n" + header + "\r\n\r\n";
   g_autoptr(GSocketClient) client = g_socket_client_new();
   g_autoptr(GSocketConnection) connection =
       g_socket_client_connect_to_uri(client, url.c_str(), 0, nullptr, nullptr);
@@ -141,7 +142,10 @@ TEST(ServeRtspOnce, DescribesWhileTheStreamEnds) {
   for (int i = 0; i < 12; ++i) {
     EXPECT_EQ(statusOf(server.url(), "DESCRIBE"), "RTSP/1.0 200 OK");
   }
-  server.stop();
+  EXPECT_EQ(
+      statusOf(server.url() + "/stream=0", "SETUP", "Transport: RTP/AVP/TCP;unicast;of-no-meaning"),
+      "RTSP/1.0 200 OK");
+  EXPECT_EQ(server.stop().find("of-no-meaning"), std::string::npos);
 }
 
 }  // namespace
