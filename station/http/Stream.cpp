@@ -128,7 +128,7 @@ void HttpStream::start() {
   repeatParameterSets(pipeline.get());
   g_signal_connect(findElement(pipeline.get(), "sink").get(), "new-sample",
                    G_CALLBACK(guarded<onSample>), this);
-  feed_ = std::make_unique<CameraFeed>(backend_, camera_, pipeline.get());
+  feed_ = std::make_unique<CameraFeed>(backend_, camera_, pipeline.get(), "sink");
   pipeline_ = std::move(pipeline);
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
   gst_bus_add_watch(bus.get(), guarded<onMessage>, this);

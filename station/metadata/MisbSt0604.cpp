@@ -1,7 +1,6 @@
 #include "metadata/MisbSt0604.h"
 
 #include <cstdint>
-#include <optional>
 #include <utility>
 
 #include <sys/timex.h>
@@ -121,10 +120,10 @@ GstPadProbeReturn onAccessUnit(GstPad* pad, GstPadProbeInfo* info, gpointer time
   }
   const GstSegment* segment = nullptr;
   gst_event_parse_segment(event, &segment);
-  const GstClockTime time =
-      gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(unit));
-  const Bytes message = messageOf(*format, (*static_cast<MisbSt0604::TimeOf*>(timeOf))(time));
-  if (GstBuffer* const whole = withMessage(unit, *format, message)) {
+  const auto time = (*static_cast<MisbSt0604::TimeOf*>(timeOf))(
+      gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(unit)));
+  GstBuffer* const whole = time ? withMessage(unit, *format, messageOf(*format, *time)) : nullptr;
+  if (whole != nullptr) {
     gst_buffer_unref(unit);
     info->data = whole;
   }

@@ -39,7 +39,7 @@ class RtspFeeds::Key {
 };
 
 RtspFeeds::Feed::Feed(RtspFeeds& feeds, GstElement* bin)
-    : camera(feeds.backend_, feeds.camera_, bin) {
+    : camera(feeds.backend_, feeds.camera_, bin, "pay0") {
   if (feeds.audio_ != nullptr) {
     audio.emplace(*feeds.audio_, bin);
   }

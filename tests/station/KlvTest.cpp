@@ -8,12 +8,10 @@
 #include <random>
 #include <sstream>
 
-#include <gst/app/gstappsink.h>
-#include <gst/gst.h>
-#include <gst/video/video.h>
 #include <nlohmann/json.hpp>
 
 #include "Program.h"
+#include "Timestamps.h"
 #include "support/Clip.h"
 #include "support/TempFolder.h"
 
@@ -84,34 +82,6 @@ std::vector<json> jsonLines(const std::string& text) {
   return lines;
 }
 
-// The timestamps that GStreamer's parser finds in the video.
-std::vector<std::int64_t> timestampsIn(const std::string& file) {
-  gst_init(nullptr, nullptr);
-  g_autoptr(GstElement) pipeline = gst_parse_launch(
-      "filesrc name=file ! tsdemux ! h264parse ! appsink name=sink sync=false", nullptr);
-  g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(pipeline), "file");
-  g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
-  g_object_set(source, "location", file.c_str(), nullptr);
-  gst_element_set_state(pipeline, GST_STATE_PLAYING);
-  std::vector<std::int64_t> times;
-  while (GstSample* const sample = gst_app_sink_pull_sample(GST_APP_SINK(sink))) {
-    gpointer state = nullptr;
-    while (GstMeta* const meta = gst_buffer_iterate_meta_filtered(
-               gst_sample_get_buffer(sample), &state,
-               GST_VIDEO_SEI_USER_DATA_UNREGISTERED_META_API_TYPE)) {
-      guint8 status = 0;
-      guint64 time = 0;
-      if (gst_video_sei_user_data_unregistered_parse_precision_time_stamp(
-              reinterpret_cast<GstVideoSEIUserDataUnregisteredMeta*>(meta), &status, &time) != 0) {
-        times.push_back(static_cast<std::int64_t>(time));
-      }
-    }
-    gst_sample_unref(sample);
-  }
-  gst_element_set_state(pipeline, GST_STATE_NULL);
-  return times;
-}
-
 class Klv : public testing::Test {
  protected:
   Klv() { makeClip(clip_, "320x180", 25, kFrames); }
@@ -160,7 +130,8 @@ TEST_F(Klv, WhatWentInComesOut) {
     EXPECT_EQ(received[i].at("image_source_sensor"), sent[i].at("camera_name"));
   }
   // A slow encoder drops frames, never their metadata.
-  std::vector<std::int64_t> inVideo = timestampsIn(file());
+  std::vector<std::int64_t> inVideo =
+      timestampsIn("filesrc location=" + file() + " ! tsdemux", kFrames);
   EXPECT_FALSE(inVideo.empty());
   std::sort(inVideo.begin(), inVideo.end());
   EXPECT_TRUE(std::includes(times.begin(), times.end(), inVideo.begin(), inVideo.end()));
