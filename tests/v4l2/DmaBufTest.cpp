@@ -22,6 +22,7 @@
 #include <sys/stat.h>
 
 #include "camera/Camera.h"
+#include "support/Command.h"
 #include "support/Interpose.h"
 #include "support/MovingPicture.h"
 #include "support/Pipeline.h"
@@ -104,13 +105,14 @@ class DmaBufs : public testing::Test {
     ASSERT_TRUE(simulated_board::registerElements(nullptr, "imx", error)) << error;
   }
 
-  std::unique_ptr<station::Camera> vivid(unsigned fps) const {
+  std::unique_ptr<station::Camera> vivid(unsigned fps,
+                                         station::Feed feed = station::Feed::ZeroCopy) const {
     station::CameraOptions options;
     options.source = "/dev/video0";
     options.width = kWidth;
     options.height = kHeight;
     options.fps = fps;
-    options.feed = station::Feed::ZeroCopy;
+    options.feed = feed;
     return station::Camera::openFor(backend_, options);
   }
 
@@ -179,6 +181,36 @@ TEST_F(DmaBufs, OfTheCameraGoBackToTheDriver) {
   EXPECT_GT(buffers.size(), 1U);
   EXPECT_LE(buffers.size(), 32U);                 // V4L2's most
   EXPECT_LE(openDescriptors(), descriptors + 2);  // memory for copies
+}
+
+// What the driver says of its colours is in the stream, by GStreamer's parser of H.264. The last
+// row is the driver's default.
+TEST_F(DmaBufs, OfTheCameraHaveTheDriversColours) {
+  for (const auto& [controls, colorimetry] :
+       {std::pair{"colorspace=0", "bt601"}, std::pair{"colorspace=1", "bt709"},
+        std::pair{"colorspace=1,quantization=1", "1:3:5:1"},
+        std::pair{"colorspace=2,quantization=0", "2:4:7:1"}}) {
+    runCommand({"v4l2-ctl", "-d", "/dev/video0", "-c", controls});
+    for (const station::Feed feed : {station::Feed::ZeroCopy, station::Feed::Copy}) {
+      const auto camera = vivid(10, feed);
+      Pipeline encoder("appsrc name=in format=time " + backend_.inputConversionChain(nullptr) +
+                       backend_.transportEncoderChain(
+                           {GstVideoBackend::Codec::H264, 4000000, 1, 1, 15, 15}, "-1") +
+                       "! h264parse ! appsink name=out sync=false");
+      camera->format().setCaps(backend_, GST_ELEMENT(encoder.source()));
+      GstBuffer* const buffer =
+          camera->format().wrap(backend_, camera->exportPicture(*camera->next()));
+      GST_BUFFER_PTS(buffer) = 0;
+      encoder.push(buffer);
+      encoder.finish();
+      g_autoptr(GstSample) sample = encoder.pull();
+      ASSERT_NE(sample, nullptr);
+      g_autofree gchar* caps = gst_caps_to_string(gst_sample_get_caps(sample));
+      EXPECT_NE(std::string(caps).find(std::string("colorimetry=(string)") + colorimetry),
+                std::string::npos)
+          << controls << " " << static_cast<int>(feed) << " " << caps;
+    }
+  }
 }
 
 // A consumer that gives nothing back does not stop the camera: it copies.
