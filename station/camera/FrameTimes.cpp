@@ -52,9 +52,12 @@ std::optional<GstClockTime> FrameTimes::read() {
       break;
     }
     // Without a running time, a frame before the segment is not shown.
+    const GstSegment* const segment = gst_sample_get_segment(sample.get());
     const GstClockTime time =
-        gst_segment_to_running_time(gst_sample_get_segment(sample.get()), GST_FORMAT_TIME,
-                                    GST_BUFFER_PTS(gst_sample_get_buffer(sample.get())));
+        segment->format == GST_FORMAT_TIME  // bytes, if nothing takes the file apart
+            ? gst_segment_to_running_time(segment, GST_FORMAT_TIME,
+                                          GST_BUFFER_PTS(gst_sample_get_buffer(sample.get())))
+            : GST_CLOCK_TIME_NONE;
     if (GST_CLOCK_TIME_IS_VALID(time)) {
       reordered_.push(time);
     } else {
