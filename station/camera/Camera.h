@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -41,12 +42,20 @@ class Camera {
   // Whether next() blocks until a frame is captured; otherwise the caller paces.
   virtual bool isLive() const { return false; }
 
+  // Whether the picture of the last next() is the source's; otherwise the source is lost, and the
+  // picture says so.
+  virtual bool hasSignal() const { return true; }
+
+  // How often the source was lost. Any thread.
+  virtual std::uint64_t losses() const { return 0; }
+
   // Prepares exportPicture() for the board's elements. Throws as FrameFeed does.
   void feedInto(const media_backend::GstVideoBackend& backend);
 
   // A picture of this camera as a frame that `format()` can wrap. Any thread. Throws StationError
   // (Pipeline) if there is no memory.
-  std::shared_ptr<lumora::ExportedFrame> exportPicture(const lumora::LumoraPicture& picture) {
+  virtual std::shared_ptr<lumora::ExportedFrame> exportPicture(
+      const lumora::LumoraPicture& picture) {
     return feed_->exportPicture(picture);
   }
 

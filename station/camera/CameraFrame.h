@@ -16,6 +16,7 @@ struct CameraFrame {
   std::uint64_t number;
   std::chrono::system_clock::time_point time;
   std::vector<std::uint8_t> klv;  // packet of its metadata; empty without
+  bool hasSignal = true;          // false: a still picture, while the camera is lost
 };
 
 }  // namespace station

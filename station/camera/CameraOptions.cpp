@@ -33,7 +33,7 @@ void CameraOptions::addTo(CLI::App& command) {
       "Play a playlist (HLS, DASH), which reads the files and addresses that it names");
 }
 
-void CameraOptions::addFeedTo(CLI::App& command) {
+void CameraOptions::addLiveTo(CLI::App& command) {
   using Kind = lumora::FrameMemoryKind;
   static const std::map<std::string, Feed> kFeeds = {
       {"auto", Feed::Auto}, {"zero-copy", Feed::ZeroCopy}, {"copy", Feed::Copy}};
@@ -56,6 +56,8 @@ void CameraOptions::addFeedTo(CLI::App& command) {
       ->type_name("{auto,heap,udmabuf,memfd}")
       ->check(CLI::IsMember(kKinds))
       ->default_str("auto");
+  command.add_flag("--exit-on-loss", exitOnLoss,
+                   "End when the camera is lost, instead of waiting for it to come back");
 }
 
 }  // namespace station

@@ -6,6 +6,7 @@
 #include <lumora/FrameMemory.h>
 
 #include "base/Command.h"
+#include "base/FrameRate.h"
 
 namespace station {
 
@@ -26,10 +27,12 @@ struct CameraOptions {
   bool allowPlaylists = false;  // play media files that read what they name
   Feed feed = Feed::Auto;
   std::optional<lumora::FrameMemoryKind> memory{};  // empty: the best that the elements take
+  bool exitOnLoss = false;                          // do not wait for a lost camera to come back
+  std::optional<FrameRate> rate{};                  // of a media file; empty: by `fps`
 
   void addTo(CLI::App& command);
-  // --feed and --memory, of commands that encode.
-  void addFeedTo(CLI::App& command);
+  // Those of commands that run a camera: --feed, --memory and --exit-on-loss.
+  void addLiveTo(CLI::App& command);
 };
 
 }  // namespace station

@@ -37,7 +37,10 @@ LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onC
       annotate_(std::move(annotate)),
       picture_(nextPicture()),
       metrics_("camera", [this] {
-        return Metrics::Figures{{"frames", Metrics::Kind::Counter, "Frames delivered.", frames_}};
+        constexpr auto kCounter = Metrics::Kind::Counter;
+        return Metrics::Figures{
+            {"frames", kCounter, "Frames delivered.", frames_},
+            {"losses", kCounter, "How often the camera was lost.", camera_->losses()}};
       }) {
   if (picture_ == nullptr) {
     throw StationError(ExitCode::Source, "source has no pictures: " + options().source);
@@ -98,6 +101,7 @@ void LiveCamera::deliverPictures() {
     if (camera_->isLive()) {
       picture_ = nextPicture();
     }
+    noteSignal();
     pace();
     deliver();
     if (!camera_->isLive()) {
@@ -120,6 +124,15 @@ bool LiveCamera::waitForConsumers() {
   return !stop_;
 }
 
+// A camera that is lost or comes back begins anew, after the numbers of the time in between.
+void LiveCamera::noteSignal() {
+  const bool hadSignal = std::exchange(hasSignal_, camera_->hasSignal());
+  if (hadSignal != hasSignal_ && firstDelivered_ != Clock::time_point{}) {
+    number_ = std::max(number_, numberAt(Clock::now()));
+    firstDelivered_ = {};
+  }
+}
+
 // Waits until the picture of a file is due. A device's gets the number of its time, if frames
 // before it were lost.
 void LiveCamera::pace() {
@@ -127,9 +140,7 @@ void LiveCamera::pace() {
     first_ = number_;
     firstTime_ = std::chrono::system_clock::now();
   } else if (camera_->isLive()) {
-    const nanoseconds elapsed = Clock::now() - firstDelivered_;
-    number_ = std::max(
-        number_, first_ + format().rate.framesUntil(static_cast<GstClockTime>(elapsed.count())));
+    number_ = std::max(number_, numberAt(Clock::now()));
     return;
   }
   // Do not catch up after a late frame: at most one interval of backlog.
@@ -138,8 +149,14 @@ void LiveCamera::pace() {
   std::this_thread::sleep_until(due_);
 }
 
+std::uint64_t LiveCamera::numberAt(Clock::time_point time) const {
+  const nanoseconds elapsed = time - firstDelivered_;
+  return first_ + format().rate.framesUntil(static_cast<GstClockTime>(elapsed.count()));
+}
+
 void LiveCamera::deliver() {
   CameraFrame frame;
+  frame.hasSignal = hasSignal_;
   frame.number = number_;
   frame.time = firstTime_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                                 timeOf(number_) - timeOf(first_));

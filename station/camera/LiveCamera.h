@@ -74,7 +74,9 @@ class LiveCamera {
   void run();
   bool waitForConsumers();
   void deliverPictures();
+  void noteSignal();
   void pace();
+  std::uint64_t numberAt(Clock::time_point time) const;
   std::shared_ptr<lumora::LumoraPicture> nextPicture();
   void deliver();
   std::chrono::nanoseconds timeOf(std::uint64_t number) const;
@@ -86,6 +88,7 @@ class LiveCamera {
 
   // On its thread.
   std::uint64_t number_ = 0;  // of that picture
+  bool hasSignal_ = true;     // whether it is the source's
   std::uint64_t first_ = 0;   // since it has run without a break
   std::chrono::system_clock::time_point firstTime_;
   Clock::time_point firstDelivered_;

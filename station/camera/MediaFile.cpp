@@ -32,7 +32,8 @@ MediaFile::MediaFile(const CameraOptions& options) : Camera(options) {
   config_.loop = options.loop;
   format_.width = frame.width;
   format_.height = frame.height;
-  format_.rate = options.fps != 0 ? FrameRate{static_cast<int>(options.fps), 1} : file.rate;
+  format_.rate = options.rate.value_or(
+      options.fps != 0 ? FrameRate{static_cast<int>(options.fps), 1} : file.rate);
   format_.colorimetry = file.colorimetryAt(config_.width, config_.height);
   fileRate_ = file.rate;
   times_.emplace(options.source);

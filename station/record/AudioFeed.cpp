@@ -17,14 +17,34 @@ constexpr std::chrono::milliseconds kLag{250};
 }  // namespace
 
 AudioFeed::AudioFeed(const AudioOptions& options) : options_(options) {
-  if (!options.file.empty()) {
-    packets_ = readOpusFile(options.file);
-  }
-  if (options.isWanted()) {
-    track_.emplace(options.track);
-  }
+  open();
   if (options.hasMicrophone()) {
     microphone_.emplace(options.microphone, *track_);
+  }
+}
+
+void AudioFeed::open() {
+  if (!options_.file.empty()) {
+    packets_ = readOpusFile(options_.file);
+  }
+  if (options_.isWanted()) {
+    track_.emplace(options_.track);
+  }
+}
+
+void AudioFeed::reopen() {
+  earlier_ = statistics();
+  early_.clear();
+  receiver_.reset();
+  microphone_.reset();
+  track_.reset();
+  open();
+  if (options_.hasMicrophone()) {
+    try {
+      microphone_.emplace(options_.microphone, *track_);
+    } catch (const StationError& error) {
+      std::fprintf(stderr, "note: %s; its track goes on without\n", error.what());
+    }
   }
 }
 
@@ -64,11 +84,22 @@ void AudioFeed::pushBefore(Recorder& recorder, nanoseconds end, AudioTrack::Fram
   }
 }
 
+AudioTrack::Statistics AudioFeed::statistics() const {
+  AudioTrack::Statistics all = earlier_;
+  if (track_) {
+    const AudioTrack::Statistics now = track_->statistics();
+    all.received += now.received - early_.size();
+    all.late += now.late;
+    all.fallback += now.fallback;
+  }
+  return all;
+}
+
 void AudioFeed::printSummary() const {
   if (track_) {
-    const AudioTrack::Statistics statistics = track_->statistics();
+    const AudioTrack::Statistics statistics = AudioFeed::statistics();
     std::printf("audio: %llu packets received, %llu late, %llu fallback frames\n",
-                static_cast<unsigned long long>(statistics.received - early_.size()),
+                static_cast<unsigned long long>(statistics.received),
                 static_cast<unsigned long long>(statistics.late),
                 static_cast<unsigned long long>(statistics.fallback));
   }

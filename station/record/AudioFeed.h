@@ -16,6 +16,9 @@ class AudioFeed {
   explicit AudioFeed(const AudioOptions& options);
 
   bool isWanted() const { return track_.has_value(); }
+  // Begins anew, for another recording. A microphone that does not open any more leaves its track
+  // to fallback audio. Throws StationError (Source) for a file.
+  void reopen();
   void start(std::chrono::steady_clock::time_point time);
   // Pushes what the track has up to the end of the video so far.
   void push(Recorder& recorder, std::chrono::nanoseconds videoEnd);
@@ -23,6 +26,8 @@ class AudioFeed {
   void printSummary() const;
 
  private:
+  void open();
+  AudioTrack::Statistics statistics() const;
   void pushBefore(Recorder& recorder, std::chrono::nanoseconds end, AudioTrack::Frames frames);
 
   const AudioOptions& options_;
@@ -30,7 +35,8 @@ class AudioFeed {
   std::optional<AudioTrack> track_;
   std::optional<AudioReceiver> receiver_;
   std::optional<Microphone> microphone_;
-  AudioTrack::Frames early_;  // ahead of the video; after finish(): not recorded
+  AudioTrack::Statistics earlier_{};  // of earlier recordings
+  AudioTrack::Frames early_;          // ahead of the video; after finish(): not recorded
 };
 
 }  // namespace station

@@ -8,20 +8,17 @@ namespace station {
 
 Progress::Progress() : onTerminal_(isatty(STDERR_FILENO) != 0) {}
 
-void Progress::update(const Recorder& recorder, std::chrono::nanoseconds recorded) {
-  const auto now = std::chrono::steady_clock::now();
-  if (now < due_) {
-    return;
-  }
-  due_ = now + (onTerminal_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
-  const Recorder::Statistics statistics = recorder.statistics();
+void Progress::print(const Recorder::Statistics& statistics, const std::string& segment,
+                     std::chrono::nanoseconds recorded) {
+  due_ = std::chrono::steady_clock::now() +
+         (onTerminal_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
   const auto tenths = recorded.count() / 100000000;
   std::fprintf(stderr, "%s%02lld:%02lld.%lld  %llu frames  %llu dropped  segment %llu %s  %s%s",
                onTerminal_ ? "\r\033[K" : "", static_cast<long long>(tenths / 600),
                static_cast<long long>(tenths / 10 % 60), static_cast<long long>(tenths % 10),
                static_cast<unsigned long long>(statistics.frames),
                static_cast<unsigned long long>(statistics.dropped),
-               static_cast<unsigned long long>(statistics.segments), recorder.segmentName().c_str(),
+               static_cast<unsigned long long>(statistics.segments), segment.c_str(),
                bitRate(statistics.bytes, recorded).c_str(), onTerminal_ ? "" : "\n");
   std::fflush(stderr);
   lineOpen_ = onTerminal_;

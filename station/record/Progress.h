@@ -16,8 +16,10 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // To be called for every frame; prints only when a line is due.
-  void update(const Recorder& recorder, std::chrono::nanoseconds recorded);
+  // Whether a line is due.
+  bool isDue() const { return std::chrono::steady_clock::now() >= due_; }
+  void print(const Recorder::Statistics& statistics, const std::string& segment,
+             std::chrono::nanoseconds recorded);
 
   // Ends the terminal's line.
   void end();

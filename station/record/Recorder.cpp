@@ -65,14 +65,12 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
   if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     waitForError();
   }
-  metrics_.emplace("record", [this] { return figures(); });
 }
 
 // Workaround for splitmuxsink of GStreamer 1.22: set to NULL before its first GOP is complete, it
 // may leave its stopping state when the muxer, which has stopped, refuses caps; the metadata stream
 // then never ends its wait. EOS first avoids that.
 Recorder::~Recorder() {
-  metrics_.reset();
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;
   }
@@ -250,13 +248,16 @@ std::string Recorder::segmentName() const {
   return segmentName_;
 }
 
-Metrics::Figures Recorder::figures() const {
-  constexpr auto kCounter = Metrics::Kind::Counter;
-  const Statistics now = statistics();
-  return {{"frames", kCounter, "Frames in the files.", now.frames},
-          {"dropped", kCounter, "Frames that the encoder was too slow for.", now.dropped},
-          {"bytes", kCounter, "Bytes of video in the files.", now.bytes},
-          {"segments", kCounter, "Files begun.", now.segments}};
+Recorder::Statistics& Recorder::Statistics::operator+=(const Statistics& other) {
+  frames += other.frames;
+  dropped += other.dropped;
+  bytes += other.bytes;
+  segments += other.segments;
+  for (const auto track : {&Statistics::klv, &Statistics::audio}) {
+    (this->*track).pushed += (other.*track).pushed;
+    (this->*track).written += (other.*track).written;
+  }
+  return *this;
 }
 
 Recorder::Statistics Recorder::statistics() const {

@@ -16,7 +16,6 @@
 #include <media_backend/AudioContinuityGuard.h>
 #include <media_backend/GstVideoBackend.h>
 
-#include "base/Metrics.h"
 #include "base/Pipelines.h"
 #include "camera/FrameFormat.h"
 #include "record/MuxerInput.h"
@@ -56,6 +55,7 @@ class Recorder {
     bool isComplete() const {
       return dropped == 0 && klv.written == klv.pushed && audio.written == audio.pushed;
     }
+    Statistics& operator+=(const Statistics& other);
   };
 
   // Creates the folder, builds the pipeline and sets it playing.
@@ -97,7 +97,6 @@ class Recorder {
   void setTimestamps(GstBuffer* buffer, std::uint64_t index) const;
   bool waitForEos();
   [[noreturn]] void waitForError();
-  Metrics::Figures figures() const;
   [[noreturn]] void throwError(const BusError& error) const;
 
   static GstPadProbeReturn onEncoderInput(GstPad* pad, GstPadProbeInfo* info, gpointer self);
@@ -126,7 +125,6 @@ class Recorder {
   GstPtr<GstElement> video_;
   GstPtr<GstElement> segmentSink_;
   GstPtr<GstBus> bus_;
-  std::optional<Metrics::Publication> metrics_;
 };
 
 }  // namespace station

@@ -10,6 +10,7 @@
 #include "base/Pipelines.h"
 #include "camera/CallSource.h"
 #include "camera/LiveCamera.h"
+#include "camera/ReconnectingCamera.h"
 #include "http/Server.h"
 #include "record/Recording.h"
 #include "rtsp/Server.h"
@@ -21,6 +22,15 @@ namespace station {
 namespace {
 
 using media_backend::GstVideoBackend;
+
+std::unique_ptr<Camera> openCamera(const GstVideoBackend& backend, const CameraOptions& options) {
+  return callSource(options.source, [&]() -> std::unique_ptr<Camera> {
+    if (options.exitOnLoss || !options.loop) {  // a part of a file would be repeated
+      return Camera::openFor(backend, options);
+    }
+    return std::make_unique<ReconnectingCamera>(backend, options);
+  });
+}
 
 // Refuses what the first output does not use; the encoders of the others may use less.
 void refuseUnusedSettings(const EngineOptions& options, const GstVideoBackend& backend) {
@@ -117,8 +127,7 @@ void run(const EngineOptions& options, const GstVideoBackend& backend, AudioFeed
          LiveCamera::Annotate annotate) {
   MainLoop loop;
   LiveCamera camera(
-      callSource(options.camera.source, [&] { return Camera::openFor(backend, options.camera); }),
-      [&loop] { loop.cameraChanged(); }, std::move(annotate));
+      openCamera(backend, options.camera), [&loop] { loop.cameraChanged(); }, std::move(annotate));
   loop.watchSignals();
   Outputs outputs(options, backend, camera, audio, loop);
   if (options.record || !isQuiet(options)) {

@@ -17,7 +17,7 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   options_.encoder.addTo(command, record.recorder.encoder, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
   options_.audio.addTo(command);
-  options_.camera.addFeedTo(command);
+  options_.camera.addLiveTo(command);
   command.add_option("-o,--output", record.folder, "Folder for the segments")
       ->type_name("FOLDER")
       ->required();

@@ -53,7 +53,7 @@ CLI::App& RunCommand::addOptions(CLI::App& program) {
   options_.encoder.addTo(command, encoder_, {Codec::H264, Codec::H265});
   options_.camera.addTo(command);
   options_.audio.addTo(command);
-  options_.camera.addFeedTo(command);
+  options_.camera.addLiveTo(command);
   command.add_option("--record", record_.folder, "Record into segments in FOLDER")
       ->type_name("FOLDER");
   record_.addTo(command);

@@ -27,7 +27,7 @@ CLI::App& ServeCommand::addOptions(CLI::App& program) {
   options_.encoder.addTo(command, server().encoder, codecs_);
   options_.camera.addTo(command);
   options_.audio.addTo(command);
-  options_.camera.addFeedTo(command);
+  options_.camera.addLiveTo(command);
   server().addPortTo(command, "");
   server().addTo(command);
   return command;

@@ -326,7 +326,7 @@ TEST_F(Record, KeepsWhatWasRecordedWhenSourceOrFolderVanishes) {
       {"nvidia", clip_, true, 5, "Too many levels of symbolic links: "},
   };
   for (const auto& [board, vanishes, becomesLoop, exitCode, error] : rows) {
-    Program program(command({"--board", board, "--segment-seconds", "1"}));
+    Program program(command({"--board", board, "--segment-seconds", "1", "--exit-on-loss"}));
     ASSERT_TRUE(awaitSegments(2));
     fs::rename(vanishes, moved);
     if (becomesLoop) {

@@ -1,0 +1,77 @@
+// A camera that is lost and comes back.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "Program.h"
+#include "support/Clip.h"
+#include "support/TempFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string utcNow() {
+  return run({"date", "-u", "+%Y%m%dT%H%M%S"}).out.substr(0, 15);
+}
+
+// Mean of the samples of an image file's luma.
+int brightness(const std::string& image) {
+  const Result mean = run({"sh", "-c",
+                           "ffmpeg -v error -i \"$0\" -vf scale=1:1:flags=area -f rawvideo "
+                           "-pix_fmt gray - | od -An -tu1",
+                           image});
+  return std::stoi("0" + mean.out.substr(mean.out.find_first_not_of(' ')));
+}
+
+// A file that vanishes, and is replaced by one of another size and frame rate.
+TEST(CameraLoss, KeepsViewersAndBeginsANewSegment) {
+  const TempFolder folder;
+  const std::string clip = folder / "clip.mkv";
+  const std::string snapshot = folder / "snapshot.jpg";
+  makeClip(clip, "320x180", 30, 30);
+  makeClip(folder / "other.mkv", "176x144", 25, 25);
+  Program program(station({"run", clip, "--board", "imx", "--record", folder / "out", "--http",
+                           "--http-port", "0", "--mic", "test"}));
+  const std::string line = program.readLine();
+  const std::string url = line.substr(line.find("http"), line.find("/ ") - line.find("http"));
+  program.awaitErrorLine("camera runs");
+  Program viewer({"curl", "-sS", "-o", folder / "stream.h264", url + "/stream.h264"});
+  fs::remove(clip);
+  program.awaitErrorLine("camera lost: source failed: media file does not exist: " + clip +
+                         "; waiting for it to come back");
+  run({"curl", "-sSf", "-o", snapshot, url + "/snapshot.jpg"});
+  EXPECT_LT(brightness(snapshot), 60);
+  const auto frames = [&] { return fs::file_size(folder / "stream.h264"); };
+  const std::uintmax_t seen = frames();
+  const std::string before = utcNow();
+  fs::rename(folder / "other.mkv", clip);
+  program.awaitErrorLine("camera is back");
+  std::set<fs::path> segments;
+  while (segments.size() < 2) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    segments = {fs::directory_iterator(folder / "out"), {}};
+  }
+  run({"curl", "-sSf", "-o", snapshot, url + "/snapshot.jpg"});
+  EXPECT_GT(brightness(snapshot), 70);
+  const std::string after = utcNow();
+  const std::string name = segments.rbegin()->filename();
+  EXPECT_LE(before, name);
+  EXPECT_LE(name.substr(0, 15), after);
+  EXPECT_GT(frames(), seen);
+  const std::string status = run({"curl", "-sSf", url + "/status.json"}).out;
+  EXPECT_NE(status.find("\"losses\": 1\n"), std::string::npos) << status;
+  program.signal(SIGINT);
+  const Result result = program.wait();
+  EXPECT_EQ(result.exitCode, 9) << result.err;
+  EXPECT_NE(result.out.find("camera losses: 1\n"), std::string::npos) << result.out;
+  for (const fs::path& segment : segments) {
+    EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
+  }
+}
+
+}  // namespace
