@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
   station::KlvCommand klv;
   station::ServeRtsp serveRtsp;
   station::ServeHttp serveHttp;
-  station::RunCommand run;
+  station::RunCommand run(argc, argv);
   return station::runCommandLine(
       argc, argv,
       {&inspect, &doctor, &doctorCheck, &record, &grab, &klv, &serveRtsp, &serveHttp, &run});

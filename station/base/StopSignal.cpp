@@ -36,7 +36,7 @@ bool isIgnored(int number) {
 
 }  // namespace
 
-int watchStopSignals() {
+int watchStopSignals(bool isHangUpStop) {
   stopDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (stopDescriptor < 0) {
     throw StationError(ExitCode::Internal, "no descriptor for signals");
@@ -46,7 +46,7 @@ int watchStopSignals() {
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    if (number != SIGHUP || !isIgnored(number)) {
+    if (number != SIGHUP || (isHangUpStop && !isIgnored(number))) {
       sigaction(number, &action, nullptr);
     }
   }

@@ -52,7 +52,7 @@ Bytes bytesOf(GstBuffer* buffer) {
 
 // Until the end, an error, or Ctrl-C.
 Counts printSets(GstElement* pipeline, GstAppSink* sink) {
-  watchStopSignals();
+  watchStopSignals(/*isHangUpStop=*/true);
   Counts counts;
   const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
   while (!isStopRequested()) {

@@ -23,7 +23,7 @@ namespace station {
 // Threads: one thread at a time, beside the camera's.
 class Recording {
  public:
-  // Starts the recorder and subscribes. The other arguments outlive the recording. `onEnd` is
+  // Starts the recorder and subscribes. Camera and audio outlive the recording. `onEnd` is
   // called on the camera's thread after the last frame of the duration. Throws StationError.
   Recording(const media_backend::GstVideoBackend& backend, LiveCamera& camera, AudioFeed& audio,
             const RecordOptions& options, std::function<void()> onEnd);
@@ -45,7 +45,7 @@ class Recording {
   void printSummary() const;
 
   const media_backend::GstVideoBackend& backend_;
-  const RecordOptions& options_;
+  const RecordOptions options_;
   const FrameRate rate_;
   const std::uint64_t limit_;  // frames
   const std::function<void()> onEnd_;

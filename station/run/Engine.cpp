@@ -2,19 +2,15 @@
 
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <utility>
 
-#include "audio/LiveAudio.h"
 #include "base/Board.h"
 #include "base/Pipelines.h"
 #include "camera/CallSource.h"
 #include "camera/LiveCamera.h"
 #include "camera/ReconnectingCamera.h"
-#include "http/Server.h"
-#include "record/Recording.h"
-#include "rtsp/Server.h"
 #include "run/Annotator.h"
+#include "run/Outputs.h"
 #include "run/Service.h"
 #include "serve/MainLoop.h"
 
@@ -22,6 +18,7 @@ namespace station {
 namespace {
 
 using media_backend::GstVideoBackend;
+using Options = std::shared_ptr<const EngineOptions>;
 
 std::unique_ptr<Camera> openCamera(const GstVideoBackend& backend, const CameraOptions& options) {
   return callSource(options.source, [&]() -> std::unique_ptr<Camera> {
@@ -43,10 +40,16 @@ void refuseUnusedSettings(const EngineOptions& options, const GstVideoBackend& b
   }
 }
 
+// Before anything is opened or written.
+void check(const EngineOptions& options, const GstVideoBackend& backend) {
+  refuseUnusedSettings(options, backend);
+  if (options.record) {
+    requireDescription(backend, Use::Record, options.record->recorder);
+  }
+}
+
 LiveCamera::Annotate annotation(const EngineOptions& options) {
-  const bool isWanted =
-      (options.record && options.record->recorder.klv) || (options.rtsp && options.rtsp->klv);
-  if (!isWanted) {
+  if (!options.isKlvWanted()) {
     return nullptr;
   }
   return [annotator = std::make_shared<Annotator>(options.metadata)](
@@ -55,111 +58,118 @@ LiveCamera::Annotate annotation(const EngineOptions& options) {
   };
 }
 
-void announce(const char* scheme, const Listener& listener, const std::string& path,
-              const ServeOptions& options, const GstVideoBackend& backend,
-              const FrameFormat& frames) {
-  std::printf("serving %s%s://%s%s  %s %u x %u, %.4g frames per second, %s\n", scheme,
-              options.isEncrypted() ? "s" : "", listener.authority().c_str(), path.c_str(),
-              GstVideoBackend::codecName(options.encoder.codec), frames.width, frames.height,
-              frames.rate.perSecond(), backend.name());
-  std::fflush(stdout);
-  if (!listener.isLoopback() && !options.credentials) {
-    std::fprintf(stderr,
-                 "note: whoever reaches this address can watch; --auth asks for a password\n");
-  }
-}
-
-// Over HTTP, some encoders run without any setting: the library leaves them theirs.
-void noteUnusedBitRate(const EngineOptions& options, const GstVideoBackend& backend) {
-  if (options.encoder.isBitRateUnused(backend, Use::Http, {options.http->encoder})) {
-    std::fprintf(stderr,
-                 "note: --bitrate has no effect: over HTTP, this board's encoder of %s keeps its "
-                 "own bit rate\n",
-                 GstVideoBackend::codecName(options.http->encoder.codec));
-  }
-}
-
 bool isQuiet(const EngineOptions& options) {
   return (!options.rtsp || options.rtsp->quiet) && (!options.http || options.http->quiet);
 }
 
-// The outputs of a running engine.
-class Outputs {
+class Engine {
  public:
-  Outputs(const EngineOptions& options, const GstVideoBackend& backend, LiveCamera& camera,
-          AudioFeed& audio, MainLoop& loop) {
-    if (options.audio.isWanted() && (options.rtsp || options.http)) {
-      audio_.emplace(options.audio);
-    }
-    LiveAudio* const live = audio_ ? &*audio_ : nullptr;
-    if (options.rtsp) {
-      rtsp_.emplace(backend, camera, live, *options.rtsp);
-      announce("rtsp", rtsp_->listener(), options.rtsp->path, *options.rtsp, backend,
-               camera.format());
-    }
-    if (options.http) {
-      http_.emplace(backend, camera, live, *options.http,
-                    [&loop](const StationError& error) { loop.fail(error); });
-      announce("http", http_->listener(), "/", *options.http, backend, camera.format());
-      noteUnusedBitRate(options, backend);
-    }
-    if (options.record) {
-      recording_.emplace(backend, camera, audio, *options.record, [&loop] { loop.end(); });
-    }
+  Engine(Options options, const ReadOptions& readAgain)
+      : options_(std::move(options)),
+        backend_(openUsableBoard(options_->board)),
+        readAgain_(readAgain) {
+    check(*options_, backend_);
   }
 
-  void finish() {
-    if (recording_) {
-      recording_->finish();
+  // Runs a camera. Returns whether to do so again, with other options.
+  bool run() {
+    next_.reset();
+    LiveCamera camera(
+        openCamera(backend_, options_->camera), [this] { loop_.cameraChanged(); },
+        annotation(*options_));
+    watchSignals();
+    Outputs outputs(options_, backend_, camera, loop_);
+    outputs_ = &outputs;
+    if (options_->record || !isQuiet(*options_)) {
+      std::fprintf(stderr, "%s\n", camera.format().feed.c_str());
     }
+    camera.start();
+    startService();
+    try {
+      loop_.run(camera, isQuiet(*options_));
+    } catch (const StationError& error) {
+      if (error.code() == ExitCode::Source || !camera.failure()) {  // not the recording's own
+        outputs.finish();
+      }
+      throw;
+    }
+    outputs.finish();
+    isComplete_ = isComplete_ && outputs.isComplete();
+    if (next_ == nullptr) {
+      return false;
+    }
+    options_ = next_;
+    return true;
   }
 
-  bool isComplete() const { return !recording_ || recording_->isComplete(); }
+  bool isComplete() const { return isComplete_; }
 
  private:
-  std::optional<LiveAudio> audio_;  // of the servers
-  std::optional<RtspServer> rtsp_;
-  std::optional<HttpServer> http_;
-  std::optional<Recording> recording_;
-};
-
-void run(const EngineOptions& options, const GstVideoBackend& backend, AudioFeed& audio,
-         LiveCamera::Annotate annotate) {
-  MainLoop loop;
-  LiveCamera camera(
-      openCamera(backend, options.camera), [&loop] { loop.cameraChanged(); }, std::move(annotate));
-  loop.watchSignals();
-  Outputs outputs(options, backend, camera, audio, loop);
-  if (options.record || !isQuiet(options)) {
-    std::fprintf(stderr, "%s\n", camera.format().feed.c_str());
-  }
-  camera.start();
-  const Service service;
-  try {
-    loop.run(camera, isQuiet(options));
-  } catch (const StationError& error) {
-    if (error.code() == ExitCode::Source || !camera.failure()) {  // not the recording's own
-      outputs.finish();
+  void watchSignals() {
+    if (!isWatching_) {
+      isWatching_ = true;
+      loop_.watchSignals(readAgain_ ? [this] { reload(); } : std::function<void()>());
     }
-    throw;
   }
-  outputs.finish();
-  if (!outputs.isComplete()) {
-    throw StationError(ExitCode::Incomplete, "the recording is incomplete");
+
+  void startService() {
+    if (service_) {
+      service_->endReload();
+    } else {
+      service_.emplace();
+    }
   }
-}
+
+  void reload() {
+    service_->beginReload();
+    Options options;
+    try {
+      options = readAgain_();
+      if (options->texts.board != options_->texts.board) {
+        throw StationError(ExitCode::Usage, "another --board takes a new start");
+      }
+      check(*options, backend_);
+    } catch (const StationError& error) {
+      std::fprintf(stderr, "the options stay as they were: %s\n", error.what());
+      service_->endReload();
+      return;
+    }
+    std::fprintf(stderr, "options read again\n");
+    carryOut(options);
+  }
+
+  void carryOut(const Options& options) {
+    if (options->texts.camera != options_->texts.camera ||
+        options->isKlvWanted() != options_->isKlvWanted()) {
+      next_ = options;
+      loop_.end();
+      return;
+    }
+    outputs_->change(options);
+    options_ = options;
+    service_->endReload();
+  }
+
+  Options options_;
+  Options next_;  // null, unless the camera has to begin again
+  const GstVideoBackend& backend_;
+  const ReadOptions readAgain_;
+  MainLoop loop_;
+  bool isWatching_ = false;
+  bool isComplete_ = true;
+  Outputs* outputs_ = nullptr;  // of the running camera
+  std::optional<Service> service_;
+};
 
 }  // namespace
 
-void runEngine(const EngineOptions& options) {
-  const GstVideoBackend& backend = openUsableBoard(options.board);
-  const AudioOptions noAudio;
-  refuseUnusedSettings(options, backend);
-  if (options.record) {  // before anything is opened or written
-    requireDescription(backend, Use::Record, options.record->recorder);
+void runEngine(Options options, const ReadOptions& readAgain) {
+  Engine engine(std::move(options), readAgain);
+  while (engine.run()) {
   }
-  AudioFeed audio(options.record ? options.audio : noAudio);
-  run(options, backend, audio, annotation(options));
+  if (!engine.isComplete()) {
+    throw StationError(ExitCode::Incomplete, "the recording is incomplete");
+  }
 }
 
 }  // namespace station

@@ -12,12 +12,12 @@ using Codec = media_backend::GstVideoBackend::Codec;
 CLI::App& RecordCommand::addOptions(CLI::App& program) {
   CLI::App& command = *program.add_subcommand(
       "record", "Record a camera, or a file played as one, into MPEG-TS segments");
-  RecordOptions& record = options_.record.emplace();
-  addBoardOption(command, options_.board);
-  options_.encoder.addTo(command, record.recorder.encoder, {Codec::H264, Codec::H265});
-  options_.camera.addTo(command);
-  options_.audio.addTo(command);
-  options_.camera.addLiveTo(command);
+  RecordOptions& record = options_->record.emplace();
+  addBoardOption(command, options_->board);
+  options_->encoder.addTo(command, record.recorder.encoder, {Codec::H264, Codec::H265});
+  options_->camera.addTo(command);
+  options_->audio.addTo(command);
+  options_->camera.addLiveTo(command);
   command.add_option("-o,--output", record.folder, "Folder for the segments")
       ->type_name("FOLDER")
       ->required();
@@ -27,9 +27,10 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
       ->check(CLI::Range(0.001, 1e9))
       ->check(refuseNan);
   command.add_flag_callback(
-      "--no-loop", [this] { options_.camera.loop = false; }, "End with the file, do not repeat it");
+      "--no-loop", [this] { options_->camera.loop = false; },
+      "End with the file, do not repeat it");
   record.addTo(command);
-  options_.metadata.addTo(command);
+  options_->metadata.addTo(command);
   command.get_option("--telemetry")->needs(command.get_option("--klv"));
   return command;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "base/Command.h"
 #include "run/Engine.h"
 
@@ -13,7 +15,7 @@ class RecordCommand : public Command {
   void run() override { runEngine(options_); }
 
  private:
-  EngineOptions options_;
+  const std::shared_ptr<EngineOptions> options_ = std::make_shared<EngineOptions>();
 };
 
 }  // namespace station

@@ -11,7 +11,7 @@ ServeCommand::ServeCommand(const char* name, const char* help,
                            std::optional<ServeOptions> EngineOptions::*server, std::uint16_t port,
                            Codecs codecs)
     : name_(name), help_(help), server_(server), codecs_(std::move(codecs)) {
-  (options_.*server_).emplace().port = port;
+  ((*options_).*server_).emplace().port = port;
 }
 
 CLI::App& ServeCommand::addOptions(CLI::App& program) {
@@ -23,18 +23,18 @@ CLI::App& ServeCommand::addOptions(CLI::App& program) {
                      : groups.front();
   group->require_subcommand(1);
   CLI::App& command = *group->add_subcommand(name_, help_);
-  addBoardOption(command, options_.board);
-  options_.encoder.addTo(command, server().encoder, codecs_);
-  options_.camera.addTo(command);
-  options_.audio.addTo(command);
-  options_.camera.addLiveTo(command);
+  addBoardOption(command, options_->board);
+  options_->encoder.addTo(command, server().encoder, codecs_);
+  options_->camera.addTo(command);
+  options_->audio.addTo(command);
+  options_->camera.addLiveTo(command);
   server().addPortTo(command, "");
   server().addTo(command);
   return command;
 }
 
 void ServeCommand::addKlvTo(CLI::App& command, const char* help) {
-  options_.metadata.addTo(command);
+  options_->metadata.addTo(command);
   command.get_option("--telemetry")->needs(command.add_flag("--klv", server().klv, help));
 }
 

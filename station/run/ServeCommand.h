@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "base/Command.h"
 #include "base/Options.h"
 #include "run/Engine.h"
@@ -23,14 +25,14 @@ class ServeCommand : public Command {
   // --klv, with this help, and the options of what it contains.
   void addKlvTo(CLI::App& command, const char* help);
 
-  ServeOptions& server() { return *(options_.*server_); }
+  ServeOptions& server() { return *((*options_).*server_); }
 
  private:
   const char* const name_;
   const char* const help_;
   std::optional<ServeOptions> EngineOptions::*const server_;
   const Codecs codecs_;
-  EngineOptions options_;
+  const std::shared_ptr<EngineOptions> options_ = std::make_shared<EngineOptions>();
 };
 
 }  // namespace station

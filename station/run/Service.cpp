@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 
 #include <systemd/sd-daemon.h>
 
@@ -17,6 +18,17 @@ Service::Service() {
       return true;
     });
   }
+  endReload();
+}
+
+void Service::beginReload() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  const auto time = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+  sd_notify(/*unset_environment=*/0,
+            ("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(time)).c_str());
+}
+
+void Service::endReload() {
   sd_notify(/*unset_environment=*/0, "READY=1");
 }
 

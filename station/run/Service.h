@@ -17,6 +17,10 @@ class Service {
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
+  // While options are read again and carried out.
+  void beginReload();
+  void endReload();
+
  private:
   std::optional<Timer> watchdog_;
 };

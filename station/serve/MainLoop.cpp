@@ -1,6 +1,8 @@
 #include "serve/MainLoop.h"
 
+#include <csignal>
 #include <cstdio>
+#include <utility>
 
 #include <glib-unix.h>
 
@@ -10,14 +12,20 @@
 namespace station {
 
 MainLoop::~MainLoop() {
-  if (signals_ != 0) {
-    g_source_remove(signals_);
+  for (const guint source : {signals_, hangUps_}) {
+    if (source != 0) {
+      g_source_remove(source);
+    }
   }
   g_main_loop_unref(loop_);
 }
 
-void MainLoop::watchSignals() {
-  signals_ = g_unix_fd_add(watchStopSignals(), G_IO_IN, onSignal, this);
+void MainLoop::watchSignals(std::function<void()> onHangUp) {
+  onHangUp_ = std::move(onHangUp);
+  signals_ = g_unix_fd_add(watchStopSignals(onHangUp_ == nullptr), G_IO_IN, onSignal, this);
+  if (onHangUp_) {
+    hangUps_ = g_unix_signal_add(SIGHUP, guarded<MainLoop::onHangUp>, this);
+  }
 }
 
 void MainLoop::run(const LiveCamera& camera, bool quiet) {
@@ -28,6 +36,7 @@ void MainLoop::run(const LiveCamera& camera, bool quiet) {
   g_main_loop_run(loop_);
   notifyOfException(nullptr);
   camera_ = nullptr;
+  isEnded_ = false;
   throwKeptException();
   if (failure_) {
     throw StationError(*failure_);
@@ -42,6 +51,14 @@ void MainLoop::end() {
 void MainLoop::fail(const StationError& error) {
   failure_ = error;
   g_main_loop_quit(loop_);
+}
+
+gboolean MainLoop::onHangUp(gpointer self) {
+  const auto* const loop = static_cast<MainLoop*>(self);
+  if (loop->camera_ != nullptr) {
+    loop->onHangUp_();
+  }
+  return G_SOURCE_CONTINUE;
 }
 
 gboolean MainLoop::onSignal(gint /*descriptor*/, GIOCondition /*condition*/, gpointer self) {

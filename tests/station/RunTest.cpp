@@ -1,9 +1,11 @@
-// A camera that is lost and comes back.
+// What `run` does while it runs.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <thread>
 
@@ -29,7 +31,7 @@ int brightness(const std::string& image) {
 }
 
 // A file that vanishes, and is replaced by one of another size and frame rate.
-TEST(CameraLoss, KeepsViewersAndBeginsANewSegment) {
+TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
   const std::string snapshot = folder / "snapshot.jpg";
@@ -70,6 +72,44 @@ TEST(CameraLoss, KeepsViewersAndBeginsANewSegment) {
   EXPECT_EQ(result.exitCode, 9) << result.err;
   EXPECT_NE(result.out.find("camera losses: 1\n"), std::string::npos) << result.out;
   for (const fs::path& segment : segments) {
+    EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
+  }
+}
+
+// Only the recording changes.
+TEST(Run, ReadsItsOptionsAgain) {
+  const TempFolder folder;
+  const std::string clip = folder / "clip.mkv";
+  const std::string config = folder / "camera.toml";
+  makeClip(clip, "320x180", 30, 60);
+  const auto write = [&](const std::string& record, const std::string& path) {
+    std::ofstream(config) << "source = \"" << clip << "\"\nboard = \"imx\"\nrecord = \""
+                          << folder / record << "\"\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
+                          << path << "\"\n";
+  };
+  write("before", "/camera");
+  Program program(station({"run", "--config", config}));
+  const std::string line = program.readLine();
+  const std::string url = line.substr(line.find("rtsp"), line.find("  ") - line.find("rtsp"));
+  Program viewer({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-read_intervals", "%+#90",
+                  "-show_entries", "packet=flags", "-of", "csv=p=0", url});
+  EXPECT_EQ(viewer.readLine().front(), 'K');
+  write("never", "camera");
+  program.signal(SIGHUP);
+  program.awaitErrorLine(
+      "the options stay as they were: --rtsp-path: the path has to begin with /");
+  write("after", "/camera");
+  program.signal(SIGHUP);
+  program.awaitErrorLine("options read again");
+  const Result stream = viewer.wait();
+  EXPECT_EQ(stream.exitCode, 0);
+  EXPECT_GE(std::count(stream.out.begin(), stream.out.end(), '\n'), 89) << stream.err;
+  program.signal(SIGINT);
+  const Result result = program.wait();
+  EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 9) << result.err;
+  EXPECT_FALSE(fs::exists(folder / "never"));
+  for (const char* const name : {"before", "after"}) {
+    const fs::path segment = *fs::directory_iterator(folder / name);
     EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
   }
 }
