@@ -80,7 +80,7 @@ HttpServer::HttpServer(const GstVideoBackend& backend, LiveCamera& camera, LiveA
       wakeUp_([this] { writeAll(); }),
       server_(soup_server_new("server-header", "media-station", nullptr)),
       listener_(
-          options.address, options.port,
+          "http", options.address, options.port,
           {kConnectionsPerClient * options.maxClients + kMoreConnections, kIdle, options.quiet},
           [this](GSocketConnection* connection) { accept(connection); }),
       metrics_("http", [this] { return listener_.figures(); }) {

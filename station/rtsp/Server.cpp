@@ -114,7 +114,7 @@ RtspServer::RtspServer(const GstVideoBackend& backend, LiveCamera& camera, LiveA
       feeds_(std::make_shared<RtspFeeds>(backend, camera, audio)),
       server_(gst_rtsp_server_new()),
       sessions_(newSessionPool(options.maxClients)),
-      listener_(options.address, options.port,
+      listener_("rtsp", options.address, options.port,
                 {options.maxClients + kAnsweredConnections, kIdleConnection, options.quiet},
                 [this](GSocketConnection* connection) { accept(connection); }),
       metrics_("rtsp", [this] { return listener_.figures(); }) {

@@ -1,12 +1,15 @@
 #include "serve/Listener.h"
 
+#include <cstdlib>
 #include <utility>
 
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <systemd/sd-daemon.h>
 
 #include "base/Callback.h"
 #include "base/StationError.h"
@@ -62,15 +65,58 @@ GstPtr<GInetAddress> reachableAddress(GInetAddress* any) {
   return found;
 }
 
+// A descriptor, the caller's, of the socket that systemd has passed under this name; -1 for none.
+// The socket stays with the process, for a later listener.
+int passedSocket(const std::string& name) {
+  char** names = nullptr;
+  const int count = sd_listen_fds_with_names(/*unset_environment=*/0, &names);
+  int found = -1;
+  for (int i = 0; i < count; ++i) {
+    if (names[i] == name && found < 0) {
+      found = fcntl(SD_LISTEN_FDS_START + i, F_DUPFD_CLOEXEC, 0);
+    }
+    std::free(names[i]);
+  }
+  std::free(names);
+  return found;
+}
+
 }  // namespace
 
-Listener::Listener(const std::string& address, std::uint16_t port, const Limits& limits,
-                   Accept accept)
+Listener::Listener(const std::string& name, const std::string& address, std::uint16_t port,
+                   const Limits& limits, Accept accept)
     : limits_(limits),
       accept_(std::move(accept)),
       clients_(std::make_shared<ClientSettings>(limits.quiet, limits.idle)),
       service_(g_socket_service_new()) {
   reserveDescriptors(limits.connections);
+  if (!adoptSocket(name)) {
+    listen(address, port);
+  }
+  g_signal_connect(service_.get(), "incoming", G_CALLBACK(guarded<onIncoming>), this);
+}
+
+bool Listener::adoptSocket(const std::string& name) {
+  UniqueFd descriptor(passedSocket(name));
+  if (descriptor.get() < 0) {
+    return false;
+  }
+  g_autoptr(GSocket) socket = g_socket_new_from_fd(descriptor.get(), nullptr);
+  g_autoptr(GSocketAddress) address =
+      socket != nullptr ? g_socket_get_local_address(socket, nullptr) : nullptr;
+  if (socket != nullptr) {
+    static_cast<void>(descriptor.release());  // the socket's now
+  }
+  if (!G_IS_INET_SOCKET_ADDRESS(address) ||
+      !g_socket_listener_add_socket(G_SOCKET_LISTENER(service_.get()), socket, nullptr, nullptr)) {
+    throw StationError(ExitCode::Usage,
+                       "the socket " + name + " of systemd does not listen on TCP");
+  }
+  address_.reset(G_INET_SOCKET_ADDRESS(g_steal_pointer(&address)));
+  return true;
+}
+
+void Listener::listen(const std::string& address, std::uint16_t port) {
   g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string(address.c_str(), port);
   if (wanted == nullptr) {
     throw StationError(ExitCode::Usage, "not a numeric address: " + address);
@@ -88,7 +134,6 @@ Listener::Listener(const std::string& address, std::uint16_t port, const Limits&
                                   : error->message));
   }
   address_.reset(G_INET_SOCKET_ADDRESS(effective));
-  g_signal_connect(service_.get(), "incoming", G_CALLBACK(guarded<onIncoming>), this);
 }
 
 Listener::~Listener() {

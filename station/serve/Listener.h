@@ -29,11 +29,13 @@ class Listener {
   // Takes a connection whose socket has the limits set.
   using Accept = std::function<void(GSocketConnection* connection)>;
 
-  // Listens on a numeric address, on any free port if `port` is 0. Raises the process's limit of
+  // Listens on the socket that systemd has passed under `name`, if there is one; otherwise on a
+  // numeric address, on any free port if `port` is 0. Raises the process's limit of
   // open files if it is too low for the connections. Throws StationError: Usage for something that
-  // is not an address or more connections than the system allows, Address for an address that is
-  // taken or not this machine's.
-  Listener(const std::string& address, std::uint16_t port, const Limits& limits, Accept accept);
+  // is not an address, a passed socket that is not of TCP, or more connections than the system
+  // allows, Address for an address that is taken or not this machine's.
+  Listener(const std::string& name, const std::string& address, std::uint16_t port,
+           const Limits& limits, Accept accept);
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
@@ -50,6 +52,9 @@ class Listener {
  private:
   static gboolean onIncoming(GSocketService* service, GSocketConnection* connection,
                              GObject* source, gpointer self);
+
+  bool adoptSocket(const std::string& name);
+  void listen(const std::string& address, std::uint16_t port);
 
   const Limits limits_;
   const Accept accept_;

@@ -57,6 +57,29 @@ TEST(Serve, FailuresAreOneLine) {
   }
 }
 
+// As systemd passes a socket: descriptor 3, for the process that the environment names.
+TEST(Serve, TakesASocketOfSystemd) {
+  const TempFolder folder;
+  const char* const pass =
+      "import os, socket, sys\n"
+      "passed = socket.create_server(('127.0.0.1', 0))\n"
+      "print(passed.getsockname()[1], flush=True)\n"
+      "os.dup2(os.dup(passed.fileno()), 3)\n"
+      "os.environ.update(LISTEN_FDS='1', LISTEN_FDNAMES='http', LISTEN_PID=str(os.getpid()))\n"
+      "os.execvp(sys.argv[1], sys.argv[1:])\n";
+  Words words = {"python3", "-c", pass};
+  const Words command = station({"serve", "http", makeServedClip(folder), "--board", "imx"});
+  words.insert(words.end(), command.begin(), command.end());
+  Program program(words);
+  const std::string port = program.readLine();
+  const std::string url = "http://127.0.0.1:" + port + "/";
+  const std::string line = program.readLine();
+  EXPECT_NE(line.find(url), std::string::npos) << line << program.wait().err;
+  EXPECT_EQ(run({"curl", "-sSf", "-o", folder / "status", url + "status.json"}).err, "");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait().exitCode, 0);
+}
+
 // The status of a request by curl.
 std::string status(const std::string& login, const std::string& url, Words more = {"--digest"}) {
   more.insert(more.begin(), {"curl", "-s", "-w", "%{http_code}", "-u", login});
