@@ -40,7 +40,7 @@ Telemetry::Sample sampleOf(const gps_data_t& data) {
     set(sample, Keys::kVelocityDownMps, -fix.climb);
   }
   if ((data.set & SATELLITE_SET) != 0) {
-    sample[Keys::kNavSatCount] = Telemetry::Value(std::int64_t{data.satellites_used});
+    sample[Keys::kNavSatCount] = Telemetry::Value(std::int64_t{data.satellites_visible});
   }
   if ((data.set & ATTITUDE_SET) != 0) {
     set(sample, Keys::kYawDeg, data.attitude.heading);

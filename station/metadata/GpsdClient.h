@@ -11,7 +11,7 @@ struct gps_data_t;
 
 namespace station {
 
-// Position, velocity, attitude and number of satellites from gpsd. A connection that is lost is
+// Position, velocity, attitude and number of visible satellites from gpsd. A connection that is lost is
 // made anew every second.
 class GpsdClient : public MetadataSource {
  public:

@@ -51,9 +51,6 @@ class Values {
     if (find(Keys::kSensorLatDeg) != nullptr || find(Keys::kFrameCenterLatDeg) != nullptr) {
       setText("image_coordinate_system", "Geodetic WGS84");
     }
-    if (number(Keys::kPanDeg) && number(Keys::kTiltDeg)) {
-      set("sensor_relative_roll_deg", 0.0);  // the header describes a gimbal of two axes
-    }
     setFootprint();
   }
 

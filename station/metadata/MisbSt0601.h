@@ -16,7 +16,8 @@ namespace station {
 // (MISB ST 0902) asks for as far as it is known. MisbItem has the items.
 //
 // What follows from the header is in the set, too: the corners and the width of the picture on the
-// ground, if it is level at the elevation of the frame centre. Pitch and roll are the full-range
+// ground, if it is level at the elevation of the frame centre, and if the sensor does not roll on
+// its platform. No key has that roll (item 20), so it is never written. Pitch and roll are the full-range
 // items where the others cannot say them. What is not known is left out, and so is a value out of
 // range, unless its item has a mark for that.
 //

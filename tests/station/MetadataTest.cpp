@@ -2,15 +2,28 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cmath>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include <gio/gio.h>
 #include <GeographicLib/Geodesic.hpp>
 
 #include "Metadata.h"
+#include "base/Handles.h"
+#include "base/StationError.h"
 #include "metadata/DemoFlight.h"
 #include "metadata/Geometry.h"
+#include "metadata/MetadataOptions.h"
 #include "metadata/TelemetryLine.h"
 
 namespace {
@@ -128,6 +141,136 @@ TEST(Telemetry, RefusesLinesThatSayNothing) {
         R"({"nav_sat_count": 1.5})", R"({"sensor_lat_deg": 1})", R"({"laser_range_enabled": 1})"}) {
     EXPECT_THROW(station::TelemetryLine::parse(line), std::invalid_argument) << line;
   }
+}
+
+sockaddr_in onThisMachine(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+int freePort(int type) {
+  sockaddr_in address = onThisMachine(0);
+  socklen_t size = sizeof(address);
+  const station::UniqueFd fd(socket(AF_INET, type, 0));
+  EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+  getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+void sendTo(int port, const std::vector<std::string>& datagrams) {
+  const sockaddr_in address = onThisMachine(port);
+  const station::UniqueFd fd(socket(AF_INET, SOCK_DGRAM, 0));
+  for (const std::string& datagram : datagrams) {
+    sendto(fd.get(), datagram.data(), datagram.size(), 0,
+           reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  }
+}
+
+constexpr std::chrono::milliseconds kInterval{50};
+constexpr int kPatience = 600;  // intervals
+
+std::unique_ptr<station::MetadataSource> openSource(const std::string& telemetry) {
+  station::MetadataOptions options;
+  options.telemetry = telemetry;
+  options.timeoutSeconds = 60;
+  for (int i = 0; i < kPatience; ++i) {
+    try {
+      return options.open();
+    } catch (const station::StationError&) {  // gpsd is still starting
+      std::this_thread::sleep_for(kInterval);
+    }
+  }
+  return options.open();
+}
+
+// What every source is told: 500 m above the sea, to the east with 19.4 knots.
+void expectValues(const std::string& telemetry, const std::function<void()>& tell) {
+  const auto source = openSource(telemetry);
+  const auto picture = blankPicture();
+  const auto number = [&picture](const std::string& key) {
+    const auto* const value = picture->metadata(key);
+    return value != nullptr ? std::get<double>(*value) : std::nan("");
+  };
+  for (int i = 0; i < kPatience && (picture->metadata(Keys::kNavSatCount) == nullptr ||
+                                    std::isnan(number(Keys::kSensorAltM)));
+       ++i) {
+    tell();
+    std::this_thread::sleep_for(kInterval);
+    source->annotate(*picture, std::chrono::system_clock::now());
+  }
+  EXPECT_NEAR(number(Keys::kSensorLatDeg), 47.5, 1e-6) << telemetry;
+  EXPECT_NEAR(number(Keys::kSensorLonDeg), 8.25, 1e-6) << telemetry;
+  EXPECT_NEAR(number(Keys::kSensorAltM), 500, 1e-3) << telemetry;
+  EXPECT_NEAR(number(Keys::kVelocityNorthMps), 0, 1e-3) << telemetry;
+  EXPECT_NEAR(number(Keys::kVelocityEastMps), 9.98, 1e-2) << telemetry;
+  ASSERT_NE(picture->metadata(Keys::kNavSatCount), nullptr) << telemetry;
+  EXPECT_EQ(std::get<std::int64_t>(*picture->metadata(Keys::kNavSatCount)), 2) << telemetry;
+}
+
+// Lines in pieces, several at once, and one that says nothing.
+TEST(TelemetrySources, StandardInputAndUdp) {
+  const std::string count = R"({"nav_sat_count": 2})";
+  const std::string position =
+      R"({"sensor_lat_deg": 47.5, "sensor_lon_deg": 8.25, "velocity_north_mps": 0.0})";
+  const std::string rest = R"({"velocity_east_mps": 9.98, "sensor_alt_m": 500})";
+  const int port = freePort(SOCK_DGRAM);
+  expectValues("udp:" + std::to_string(port), [&] {
+    sendTo(port, {count, "nothing", position + "\n" + rest});
+  });
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const station::UniqueFd readEnd(ends[0]);
+  const station::UniqueFd writeEnd(ends[1]);
+  const station::UniqueFd input(dup(STDIN_FILENO));
+  dup2(readEnd.get(), STDIN_FILENO);
+  expectValues("-", [&] {
+    for (const std::string& piece :
+         {count.substr(0, 9), count.substr(9) + "\nnothing\n" + position, "\n" + rest + "\n"}) {
+      EXPECT_EQ(write(writeEnd.get(), piece.data(), piece.size()),
+                static_cast<ssize_t>(piece.size()));
+    }
+  });
+  dup2(input.get(), STDIN_FILENO);
+}
+
+void endProcess(GSubprocess* process) {
+  g_subprocess_force_exit(process);
+  g_subprocess_wait(process, nullptr, nullptr);
+  g_object_unref(process);
+}
+
+// The daemon itself, which reads a receiver's sentences (NMEA 0183).
+TEST(TelemetrySources, Gpsd) {
+  const int device = freePort(SOCK_DGRAM);
+  const std::string port = std::to_string(freePort(SOCK_STREAM));
+  const std::string input = "udp://127.0.0.1:" + std::to_string(device);
+  const std::unique_ptr<GSubprocess, decltype(&endProcess)> gpsd(
+      g_subprocess_new(G_SUBPROCESS_FLAGS_STDERR_SILENCE, nullptr, "/usr/sbin/gpsd", "-N", "-n",
+                       "-S", port.c_str(), input.c_str(), nullptr),
+      endProcess);
+  if (gpsd == nullptr) {
+    GTEST_SKIP() << "no gpsd: it is not asked";
+  }
+  g_autoptr(GDateTime) now = g_date_time_new_now_utc();
+  g_autofree gchar* time = g_date_time_format(now, "%H%M%S.00");
+  g_autofree gchar* date = g_date_time_format(now, "%d%m%y");
+  const std::string place = ",4730.0000,N,00815.0000,E,";
+  std::vector<std::string> sentences = {
+      std::string("GPRMC,") + time + ",A" + place + "019.4,090.0," + date + ",,,A",
+      std::string("GPGGA,") + time + place + "1,02,0.9,500.0,M,47.0,M,,",
+      "GPGSV,1,1,02,01,40,083,46,02,17,308,41"};
+  for (std::string& sentence : sentences) {
+    unsigned int sum = 0;
+    for (const char letter : sentence) {
+      sum ^= static_cast<unsigned char>(letter);
+    }
+    g_autofree gchar* end = g_strdup_printf("*%02X\r\n", sum);
+    sentence = "$" + sentence + end;
+  }
+  expectValues("gpsd:127.0.0.1:" + port, [&] { sendTo(device, sentences); });
 }
 
 }  // namespace
