@@ -17,14 +17,27 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST_F(Record, WritesWholeSegmentsOnBothBoards) {
+  const std::string telemetry = folder_ / "telemetry.jsonl";
+  // Across the date line and north, with values that come, go, grow too large and get old.
+  std::ofstream(telemetry)
+      << R"({"time": 100, "sensor_lat_deg": 47, "sensor_lon_deg": 179.99, "sensor_alt_m": 1000.5, )"
+         R"("yaw_deg": 350, "pitch_deg": 15, "roll_deg": -3, "hfov_deg": 30, "nav_sat_count": 7})"
+         "\n"
+         R"({"time": 100.77, "sensor_lat_deg": 47.01, "sensor_lon_deg": -179.99, "yaw_deg": 20, )"
+         R"("pitch_deg": 25, "hfov_deg": null, "azimuth_rate_dps": -12.5, "camera_name": "bow"})"
+         "\n"
+         R"({"time": 101.9, "sensor_alt_m": 20000, "yaw_deg": 185, "pan_deg": -10, "tilt_deg": 20, )"
+         R"("measured_slant_range_m": 1234.5, "velocity_down_mps": 3, "laser_range_enabled": true})"
+         "\n";
   const std::pair<const char*, const char*> rows[] = {{"nvidia", "h264"}, {"imx", "h265"}};
   for (const auto& [board, codec] : rows) {
     const Result result =
         run(command({"--board", board, "--codec", codec, "--klv", "--audio-silence",
-                     "--segment-seconds", "2", "--duration", "5"},
+                     "--segment-seconds", "2", "--duration", "5", "--telemetry", telemetry},
                     board));
     const Result verdict =
-        judge(result, {"--segment-seconds", "2", "--seconds", "5"}, codec, board);
+        judge(result, {"--segment-seconds", "2", "--seconds", "5", "--telemetry", telemetry}, codec,
+              board);
     EXPECT_EQ(verdict.exitCode, 0) << board << verdict.out << verdict.err;
     // Frames dropped on a busy machine delay the key frames.
     static const std::regex kSummary(
@@ -212,7 +225,7 @@ TEST_F(Record, IsOneOfSeveralOutputs) {
   const std::string set = reader.readLine();
   reader.signal(SIGINT);
   program.signal(SIGINT);
-  const Result verdict = judge(program.wait(), {"--segment-seconds", "60"});
+  const Result verdict = judge(program.wait(), {"--segment-seconds", "60", "--telemetry", "demo"});
   const std::string sets = run(station({"klv", filesIn(output()).front()})).out;
   EXPECT_NE(("\n" + sets).find("\n" + set + "\n"), std::string::npos) << set << "\n" << sets;
   for (const std::int64_t time : times) {
