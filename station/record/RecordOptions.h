@@ -14,7 +14,7 @@ struct RecordOptions {
   SegmentOptions segments;
   double durationSeconds = 0;  // 0: until stopped
 
-  // All but those of the encoder, the folder and the duration.
+  // All but those of the encoder and the folder.
   void addTo(CLI::App& command);
 };
 

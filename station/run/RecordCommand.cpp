@@ -21,11 +21,6 @@ CLI::App& RecordCommand::addOptions(CLI::App& program) {
   command.add_option("-o,--output", record.folder, "Folder for the segments")
       ->type_name("FOLDER")
       ->required();
-  command
-      .add_option("--duration", record.durationSeconds,
-                  "Seconds to record; until Ctrl-C if not given")
-      ->check(CLI::Range(0.001, 1e9))
-      ->check(refuseNan);
   command.add_flag_callback(
       "--no-loop", [this] { options_->camera.loop = false; },
       "End with the file, do not repeat it");
