@@ -31,6 +31,7 @@ LASER, SENSOR_NAME = 47, 11
 OTHERS = {CHECKSUM, TIMESTAMP, 3, 10, SENSOR_NAME, 12, 22, 48, 65, *range(82, 90), 94}
 ANGLES = {"yaw_deg", "pan_deg", "tilt_deg", "roll_deg", "sensor_lon_deg", "frame_center_lon_deg",
           "target_lrf_lon_deg"}
+ATTITUDE = ("yaw_deg", "pitch_deg", "roll_deg", "pan_deg", "tilt_deg")
 CLOCK = 2e-6  # seconds by which a frame's time may differ from that of its line
 EARTH_RADIUS, EARTH_FLATTENING = 6378137.0, 1 / 298.257223563
 
@@ -128,15 +129,34 @@ def position(values, kind, height):
             (normal * (1 - squared) + height) * math.sin(latitude))
 
 
-def check_range(values):
-    """The slant range of an invented flight is that from the sensor to the frame centre."""
+def line_of_sight(degrees):
+    """The direction in which a sensor looks: north, east, down."""
+    yaw, pitch, roll, pan, tilt = (
+        (math.cos(math.radians(degrees[name])), math.sin(math.radians(degrees[name])))
+        for name in ATTITUDE)
+    x, y, z = tilt[0] * pan[0], tilt[0] * pan[1], -tilt[1]  # forward, right, down
+    y, z = roll[0] * y - roll[1] * z, roll[1] * y + roll[0] * z
+    x, z = pitch[0] * x + pitch[1] * z, pitch[0] * z - pitch[1] * x
+    return yaw[0] * x - yaw[1] * y, yaw[1] * x + yaw[0] * y, z
+
+
+def check_geometry(values):
+    """The line of sight of an invented flight goes to the frame centre, at the slant range."""
+    known = {name: value for name, (value, _) in values.items()}
     sensor = position(values, "sensor", "sensor_alt_m")
     centre = position(values, "frame_center", "frame_center_elev_m")
-    if not sensor or not centre or "measured_slant_range_m" not in values:
+    if not sensor or not centre or None in map(known.get, (*ATTITUDE, "measured_slant_range_m")):
         raise KlvError("no geometry")
-    written = values["measured_slant_range_m"][0]
-    if abs(math.dist(sensor, centre) - written) > 1:
-        raise KlvError(f"slant range {written:.1f} m, {math.dist(sensor, centre):.1f} m apart")
+    x, y, z = (c - s for c, s in zip(centre, sensor))
+    latitude, longitude = math.radians(known["sensor_lat_deg"]), math.radians(known["sensor_lon_deg"])
+    outwards = math.cos(longitude) * x + math.sin(longitude) * y  # from the axis of the earth
+    way = (math.cos(latitude) * z - math.sin(latitude) * outwards,
+           math.cos(longitude) * y - math.sin(longitude) * x,
+           -math.sin(latitude) * z - math.cos(latitude) * outwards)
+    written = known["measured_slant_range_m"]
+    missed = math.dist([written * part for part in line_of_sight(known)], way)
+    if missed > 1:
+        raise KlvError(f"line of sight and slant range miss the frame centre by {missed:.1f} m")
 
 
 class Telemetry:
