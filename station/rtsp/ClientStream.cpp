@@ -165,7 +165,11 @@ gboolean prepareSource(GSource* source, gint* timeout) {
 
 gboolean dispatchSource(GSource* source, GSourceFunc callback, gpointer data) {
   const auto call = reinterpret_cast<GPollableSourceFunc>(reinterpret_cast<void (*)()>(callback));
-  return call(G_OBJECT(inputOf(source)), data);
+  const std::shared_ptr<RequestClock> clock = inputOf(source)->link->client->clock;
+  clock->begin();
+  const gboolean again = call(G_OBJECT(inputOf(source)), data);
+  clock->end();
+  return again;
 }
 
 void finalizeSource(GSource* source) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,12 +11,30 @@
 
 namespace station {
 
+// How long the library handles a request. It has one thread for all clients, whose requests wait
+// meanwhile.
+//
+// Threads: any.
+class RequestClock {
+ public:
+  void begin() { begin_ = g_get_monotonic_time(); }
+  void end() { begin_ = 0; }
+  bool isAtOneForASecond() const {
+    const gint64 begin = begin_;
+    return begin != 0 && g_get_monotonic_time() - begin >= G_USEC_PER_SEC;
+  }
+
+ private:
+  std::atomic<gint64> begin_{0};  // monotonic, in microseconds; 0: no request
+};
+
 // What stands between a client's socket and the RTSP library.
 struct ClientLink {
   ClientFilter filter;
   GTlsCertificate* certificate;  // null: no TLS; outlives the client
   std::function<bool()> isBusy;  // requests wait meanwhile, for 2 s at most
   std::function<void(const std::string& owner)> onActivity;  // at most once a second
+  std::shared_ptr<RequestClock> clock;                       // of all clients of a server
 };
 
 // From this call on, connections made from the socket read through the link's filter, and through

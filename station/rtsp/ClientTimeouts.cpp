@@ -78,10 +78,10 @@ void ClientTimeouts::track(GstRTSPClient* client, GSocket* socket, GstRTSPSessio
   g_signal_connect(client, "new-session", G_CALLBACK(guarded<onSession>), self);
 }
 
-void ClientTimeouts::check(GstRTSPClient* client) {
+void ClientTimeouts::check(GstRTSPClient* client, bool serverIsBusy) {
   auto* const self =
       static_cast<ClientTimeouts*>(g_object_get_data(G_OBJECT(client), kTimeoutsKey));
-  self->check(hasSession(client));
+  self->check(serverIsBusy || hasSession(client));
 }
 
 ClientTimeouts::ClientTimeouts(GSocket* socket, GstRTSPSessionPool* pool)

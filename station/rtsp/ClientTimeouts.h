@@ -23,11 +23,11 @@ class ClientTimeouts {
   static void track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool);
 
   // To be called a few times a second. Disconnects a client
-  // - that has had no session for 15 s,
+  // - that has had no session for 15 s in which it did not wait for the server (`serverIsBusy`),
   // - that the stream has dropped for 3 s, as it does with one over TCP after a backlog of 10 s:
   // its
   //   player would wait for frames that do not come.
-  static void check(GstRTSPClient* client);
+  static void check(GstRTSPClient* client, bool serverIsBusy);
 
   ~ClientTimeouts();
   ClientTimeouts(const ClientTimeouts&) = delete;

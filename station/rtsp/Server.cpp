@@ -191,7 +191,7 @@ std::unique_ptr<ClientLink> RtspServer::makeLink() {
   return std::make_unique<ClientLink>(ClientLink{
       ClientFilter(std::to_string(++accepted_), listener_.connections() <= options_.maxClients),
       options_.certificate.get(), [feeds = feeds_] { return feeds->isMediaEnding(); },
-      [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }});
+      [sessions](const std::string& owner) { touchSessions(sessions.get(), owner); }, clock_});
 }
 
 void RtspServer::onClient(GstRTSPServer* server, GstRTSPClient* client, gpointer feeds) {
@@ -208,7 +208,7 @@ void RtspServer::checkClients() {
   gst_rtsp_session_pool_cleanup(sessions_.get());
   GList* const clients = gst_rtsp_server_client_filter(server_.get(), nullptr, nullptr);
   for (const GList* item = clients; item != nullptr; item = item->next) {
-    ClientTimeouts::check(GST_RTSP_CLIENT(item->data));
+    ClientTimeouts::check(GST_RTSP_CLIENT(item->data), clock_->isAtOneForASecond());
   }
   g_list_free_full(clients, g_object_unref);
 }

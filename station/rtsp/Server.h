@@ -47,6 +47,7 @@ class RtspServer {
   const std::shared_ptr<RtspFeeds> feeds_;
   const GstPtr<GstRTSPServer> server_;
   const GstPtr<GstRTSPSessionPool> sessions_;
+  const std::shared_ptr<RequestClock> clock_ = std::make_shared<RequestClock>();
   std::uint64_t accepted_ = 0;
   Listener listener_;
   const Metrics::Publication metrics_;

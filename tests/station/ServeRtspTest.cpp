@@ -148,4 +148,18 @@ TEST(ServeRtspOnce, DescribesWhileTheStreamEnds) {
   EXPECT_EQ(server.stop().find("of-no-meaning"), std::string::npos);
 }
 
+// SETUP waits for the first picture, longer than a client may stay without a session, and the
+// server handles no other request meanwhile.
+TEST(ServeRtspOnce, AnswersWhenAnEncoderIsSlowToBegin) {
+  setenv("SIMULATED_BOARD_FAULTS", "vpuenc_h264=slow:17", 1);
+  const Server server("rtsp", {"--board", "imx", "--fps", "1"});
+  unsetenv("SIMULATED_BOARD_FAULTS");
+  const auto setUp = [&server] {
+    return statusOf(server.url() + "/stream=0", "SETUP", "Transport: RTP/AVP/TCP;unicast");
+  };
+  auto other = std::async(std::launch::async, setUp);
+  EXPECT_EQ(setUp(), "RTSP/1.0 200 OK");
+  EXPECT_EQ(other.get(), "RTSP/1.0 200 OK");
+}
+
 }  // namespace
