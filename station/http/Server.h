@@ -22,7 +22,7 @@ namespace station {
 // A camera over HTTP: a page, streams, snapshots, and status as JSON and for Prometheus.
 //
 // Memory per client: one access unit (at most AccessUnitBuffer::kMaxAccessUnitBytes), the kernel's
-// send buffer of twice 256 KiB, and the library's request, whose header is limited to 100 KiB;
+// send buffer of twice 256 KiB, and the library's request, whose header is limited to 65 KB;
 // request bodies are not kept. A stream has one AccessUnitBuffer.
 // Threads: the main context's.
 class HttpServer {
