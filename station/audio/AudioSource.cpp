@@ -14,7 +14,10 @@ std::string describeAudioSource(const std::string& element) {
 
 AudioSource::AudioSource(LiveAudio& audio, GstElement* bin)
     : source_(findElement(bin, "audio")),
-      subscription_(audio, [this](const auto& packet, auto begin) { push(packet, begin); }) {}
+      subscription_(audio, [this](const auto& packet, auto begin) { push(packet, begin); }) {
+  // With it the stream has its format before its first packet, which nobody waits for.
+  gst_element_send_event(source_.get(), gst_event_new_gap(0, GST_CLOCK_TIME_NONE));
+}
 
 void AudioSource::push(const media_backend::EncodedAudioFrame& packet,
                        std::chrono::steady_clock::time_point begin) {

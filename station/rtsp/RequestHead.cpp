@@ -33,6 +33,22 @@ std::string_view trim(std::string_view text) {
   return text;
 }
 
+// Of a header, up to the colon; one space before that is allowed.
+std::string_view nameOf(std::string_view line) {
+  std::string_view name = line.substr(0, line.find(':'));
+  if (!name.empty() && name.back() == ' ') {
+    name.remove_suffix(1);
+  }
+  return name;
+}
+
+// Whether it says where in time to play. The library answers a range of another clock than NPT with
+// none, and a Seek-Style with a critical warning, up to 1.22 at least.
+bool isPlace(std::string_view line) {
+  return equalsIgnoringCase(nameOf(line), "Range") ||
+         equalsIgnoringCase(nameOf(line), "Seek-Style");
+}
+
 }  // namespace
 
 RequestHead::RequestHead(std::vector<std::string_view> allLines) : lines(std::move(allLines)) {
@@ -43,6 +59,7 @@ RequestHead::RequestHead(std::vector<std::string_view> allLines) : lines(std::mo
   isWellFormed = isWellFormed && std::none_of(lines.begin(), lines.end(), [](auto line) {
                    return std::any_of(line.begin(), line.end(), isControl);
                  });
+  lines.erase(std::remove_if(lines.begin() + 1, lines.end(), isPlace), lines.end());
 }
 
 // "OPTIONS * RTSP/1.0". Responses begin with the protocol.
@@ -61,10 +78,7 @@ void RequestHead::readFirstLine(std::string_view line) {
 // Continued lines begin with a space, and are refused.
 void RequestHead::readHeader(std::string_view line) {
   const std::size_t colon = line.find(':');
-  std::string_view name = line.substr(0, colon);
-  if (!name.empty() && name.back() == ' ') {
-    name.remove_suffix(1);
-  }
+  const std::string_view name = nameOf(line);
   if (colon == std::string_view::npos || name.empty() ||
       std::any_of(name.begin(), name.end(), isSpace)) {
     isWellFormed = false;

@@ -5,8 +5,9 @@
 
 namespace station {
 
-// The head of a request that an RTSP client sends: its lines, without the empty one, and what the
-// filter has to know of them. Views of the text that it was made of.
+// The head of a request that an RTSP client sends: its lines, without the empty one and without
+// those that ask for another time than now, and what the filter has to know of them. Views of the
+// text that it was made of.
 struct RequestHead {
   explicit RequestHead(std::vector<std::string_view> allLines);
 

@@ -6,10 +6,12 @@
 #include <chrono>
 #include <csignal>
 #include <future>
+#include <optional>
 #include <regex>
 #include <thread>
 
 #include <gio/gio.h>
+#include <gst/rtsp/rtsp.h>
 
 #include "Program.h"
 #include "Server.h"
@@ -115,6 +117,103 @@ TEST(ServeRtspKlv, ArrivesWholeBesideVideoAndSound) {
   reader.signal(SIGTERM);
   reader.wait();
   server.stop();
+}
+
+// A client over TCP by GStreamer's connection, which has set up three streams.
+class RawClient {
+ public:
+  using Headers = std::vector<std::pair<GstRTSPHeaderField, std::string>>;
+
+  explicit RawClient(std::string url) : url_(std::move(url)) {
+    GstRTSPUrl* parsed = nullptr;
+    gst_rtsp_url_parse(url_.c_str(), &parsed);
+    gst_rtsp_connection_create(parsed, &connection_);
+    gst_rtsp_url_free(parsed);
+    gst_rtsp_connection_connect_usec(connection_, kTimeout);
+    gst_rtsp_message_new(&message_);
+    EXPECT_EQ(request(GST_RTSP_DESCRIBE), "200 ");
+    for (const char* const stream : {"/stream=0", "/stream=1", "/stream=2"}) {
+      const Headers transport = {{GST_RTSP_HDR_TRANSPORT, "RTP/AVP/TCP;unicast"}};
+      EXPECT_EQ(request(GST_RTSP_SETUP, transport, stream), "200 ");
+    }
+  }
+  ~RawClient() {
+    gst_rtsp_message_free(message_);
+    gst_rtsp_connection_free(connection_);
+  }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  // Status and range of the answer.
+  std::string request(GstRTSPMethod method, const Headers& headers = {}, const char* stream = "") {
+    GstRTSPMessage* request = nullptr;
+    gst_rtsp_message_new_request(&request, method, (url_ + stream).c_str());
+    for (const auto& [field, value] : headers) {
+      gst_rtsp_message_add_header(request, field, value.c_str());
+    }
+    gst_rtsp_connection_send_usec(connection_, request, kTimeout);
+    gst_rtsp_message_free(request);
+    next_.reset();
+    while (receive() == GST_RTSP_MESSAGE_DATA) {
+    }
+    GstRTSPStatusCode code{};
+    gst_rtsp_message_parse_response(message_, &code, nullptr, nullptr);
+    gchar* range = nullptr;
+    gst_rtsp_message_get_header(message_, GST_RTSP_HDR_RANGE, &range, 0);
+    return std::to_string(code) + " " + (range != nullptr ? range : "");
+  }
+
+  // Receives this many packets of video, of which none is missing since the last request.
+  void receiveVideo(int packets) {
+    while (packets > 0) {
+      ASSERT_EQ(receive(), GST_RTSP_MESSAGE_DATA);
+      guint8 channel = 0;
+      gst_rtsp_message_parse_data(message_, &channel);
+      if (channel != 0) {
+        continue;
+      }
+      guint8* packet = nullptr;
+      guint size = 0;
+      gst_rtsp_message_get_body(message_, &packet, &size);
+      const guint16 number = GST_READ_UINT16_BE(packet + 2);
+      EXPECT_EQ(number, next_.value_or(number));
+      next_ = static_cast<guint16>(number + 1);
+      --packets;
+    }
+  }
+
+ private:
+  static constexpr gint64 kTimeout = 10'000'000;
+
+  GstRTSPMsgType receive() {
+    return gst_rtsp_connection_receive_usec(connection_, message_, kTimeout) == GST_RTSP_OK
+               ? gst_rtsp_message_get_type(message_)
+               : GST_RTSP_MESSAGE_INVALID;
+  }
+
+  GstRTSPConnection* connection_ = nullptr;
+  GstRTSPMessage* message_ = nullptr;
+  std::optional<guint16> next_;
+  const std::string url_;
+};
+
+// Beside one who watches. The third stream has no packets at all.
+TEST(ServeRtspRanges, AreAllNowAndAnEmptyTrackHoldsNobodyUp) {
+  Server server("rtsp", {"--board", "imx", "--klv", "--audio-silence", "--fallback", "disabled"});
+  RawClient watcher(server.url());
+  RawClient seeker(server.url());
+  EXPECT_EQ(watcher.request(GST_RTSP_PLAY), "200 npt=now-");
+  for (const char* const range : {"npt=now-", "npt=0-", "npt=5-7", "npt=3600-", "npt=-5",
+                                  "clock=20200101T000000Z-", "smpte=0:00:10-"}) {
+    EXPECT_EQ(seeker.request(GST_RTSP_PLAY,
+                             {{GST_RTSP_HDR_RANGE, range}, {GST_RTSP_HDR_SEEK_STYLE, "RAP"}}),
+              "200 npt=now-")
+        << range;
+    seeker.receiveVideo(10);
+    watcher.receiveVideo(10);
+    EXPECT_EQ(seeker.request(GST_RTSP_PAUSE), "200 ") << range;
+  }
+  EXPECT_EQ(server.stop().find("CRITICAL"), std::string::npos);
 }
 
 // Status line of one request over a connection of its own.
