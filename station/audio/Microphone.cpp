@@ -17,6 +17,9 @@ constexpr GstClockTime kOpenTimeout = 5 * GST_SECOND;
 constexpr std::chrono::milliseconds kLastPackets{250};
 // Less than half a packet: the clocks of the sound card and the system differ.
 constexpr std::int64_t kJitterNs = 9'000'000;
+// A device ahead of the system's clock by more has times of another clock: the gap before its
+// packets would have no end.
+constexpr std::int64_t kMostAheadNs = 1'000'000'000;
 
 std::string describe(const MicrophoneName& name) {
   return name.element +
@@ -105,10 +108,18 @@ GstFlowReturn Microphone::onSample(GstElement* sink, gpointer self) {
   return GST_FLOW_OK;
 }
 
+bool Microphone::isAhead(GstClockTime time) {
+  const bool isAhead = time > gst_element_get_current_running_time(pipeline_.get()) + kMostAheadNs;
+  if (isAhead && !std::exchange(wasAhead_, true)) {
+    std::fputs("note: the microphone is ahead of the clock, its packets are dropped\n", stderr);
+  }
+  return isAhead;
+}
+
 void Microphone::deliver(GstBuffer* packet) {
   const std::lock_guard lock(mutex_);
   std::int64_t time = static_cast<std::int64_t>(GST_BUFFER_PTS(packet)) - start_;
-  if (!delivers_ || time < -kJitterNs) {
+  if (!delivers_ || time < -kJitterNs || isAhead(GST_BUFFER_PTS(packet))) {
     return;
   }
   if (std::abs(time - expected_) <= kJitterNs) {

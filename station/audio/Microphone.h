@@ -25,6 +25,7 @@ struct MicrophoneName {
 
 // Encodes a microphone's sound into Opus packets of 20 ms, and delivers them to a track as they
 // come. If the microphone fails, a line on standard error says so, and no more packets come.
+// Packets with times that are still to come are dropped.
 //
 // Threads: one; the track is called on the microphone's own.
 class Microphone {
@@ -40,6 +41,7 @@ class Microphone {
 
  private:
   void waitUntilOpen(const std::string& device);
+  bool isAhead(GstClockTime time);
   void deliver(GstBuffer* packet);
   static GstFlowReturn onSample(GstElement* sink, gpointer self);
   static GstBusSyncReply onMessage(GstBus* bus, GstMessage* message, gpointer self);
@@ -48,6 +50,7 @@ class Microphone {
   std::mutex mutex_;
   std::condition_variable delivered_;
   bool delivers_ = false;
+  bool wasAhead_ = false;
   std::int64_t start_ = 0;     // of the track, in the pipeline's running time
   std::int64_t expected_ = 0;  // time of the next packet if none is lost
   PipelinePtr pipeline_;       // last: its threads use everything above
