@@ -9,6 +9,29 @@ namespace {
 
 constexpr const char* kFeedKey = "camera-feed";
 
+GstFlowReturn orDropped(GstFlowReturn result) {
+  return result == GST_FLOW_NOT_LINKED ? GST_FLOW_OK : result;
+}
+
+GstFlowReturn pushOrDrop(GstPad* pad, GstObject* parent, GstBuffer* packet) {
+  return orDropped(gst_proxy_pad_chain_default(pad, parent, packet));
+}
+
+GstFlowReturn pushListOrDrop(GstPad* pad, GstObject* parent, GstBufferList* packets) {
+  return orDropped(gst_proxy_pad_chain_list_default(pad, parent, packets));
+}
+
+// The library links a stream when the first client sets it up. Until then its packets are dropped:
+// a source that cannot push ends the media, for all clients.
+void dropUnlinkedStreams(GstRTSPMedia* media) {
+  for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
+    const GstPtr<GstPad> pad(gst_rtsp_stream_get_srcpad(gst_rtsp_media_get_stream(media, i)));
+    const GstPtr<GstProxyPad> inside(gst_proxy_pad_get_internal(GST_PROXY_PAD(pad.get())));
+    gst_pad_set_chain_function(GST_PAD(inside.get()), pushOrDrop);
+    gst_pad_set_chain_list_function(GST_PAD(inside.get()), pushListOrDrop);
+  }
+}
+
 }  // namespace
 
 // Ends the feed of a media, whose data it is.
@@ -54,6 +77,7 @@ void RtspFeeds::add(GstRTSPMedia* media) {
     }
     feeds_[media] = std::make_unique<Feed>(*this, bin.get());
   }
+  dropUnlinkedStreams(media);
   g_object_set_data_full(G_OBJECT(media), kFeedKey, new Key(shared_from_this(), media),
                          [](gpointer key) { delete static_cast<Key*>(key); });
   g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), nullptr);
