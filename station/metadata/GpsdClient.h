@@ -11,8 +11,8 @@ struct gps_data_t;
 
 namespace station {
 
-// Position, velocity, attitude and number of visible satellites from gpsd. A connection that is lost is
-// made anew every second.
+// Position, velocity, attitude and number of visible satellites from gpsd. A connection that is
+// lost is made anew every second.
 class GpsdClient : public MetadataSource {
  public:
   // Connects to "HOST" or "HOST:PORT". Throws StationError (Source).

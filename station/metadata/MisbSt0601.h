@@ -17,9 +17,9 @@ namespace station {
 //
 // What follows from the header is in the set, too: the corners and the width of the picture on the
 // ground, if it is level at the elevation of the frame centre, and if the sensor does not roll on
-// its platform. No key has that roll (item 20), so it is never written. Pitch and roll are the full-range
-// items where the others cannot say them. What is not known is left out, and so is a value out of
-// range, unless its item has a mark for that.
+// its platform. No key has that roll (item 20), so it is never written. Pitch and roll are the
+// full-range items where the others cannot say them. What is not known is left out, and so is a
+// value out of range, unless its item has a mark for that.
 //
 // Threads: any.
 class MisbSt0601 {

@@ -122,7 +122,7 @@ class Watcher(threading.Thread):
         source = (["-f", "h264", "-i", url + "stream.h264"] if url.startswith("http") else
                   ["-rtsp_transport", transport, "-i", url])
         self.process = subprocess.Popen(
-            ["ffmpeg", "-v", "error", "-probesize", "500000", *source, "-c", "copy", "-flush_packets", "1",
+            ["ffmpeg", "-v", "error", "-probesize", "500000", "-analyzeduration", "1000000", *source, "-c", "copy", "-flush_packets", "1",
              "-f", "framecrc", "-"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         CHILDREN.append(self.process)
         self.times = []

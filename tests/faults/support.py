@@ -74,10 +74,16 @@ class Station:
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env={**ONE_HEAP, **os.environ},
                                         stderr=self.errors.open("wb"), **more)
         CHILDREN.append(self.process)
-        if "serve" in command:
-            found = re.search(r"\w+://[\d.:]+/\S*", line := self.process.stdout.readline())
-            require(found, f"{name} does not start: {line}")
-            self.url = found[0]
+        self.urls = []
+        for word in command:
+            if word in ("serve", "--rtsp", "--http"):
+                found = re.search(r"\w+://[\d.:]+/\S*", line := self.process.stdout.readline())
+                require(found, f"{name} does not start: {line}")
+                self.urls.append(found[0])
+
+    @property
+    def url(self):
+        return self.urls[0]
 
     def usage(self):
         """Anonymous memory in KiB, descriptors and threads; frames of the camera's pool count as memory."""
