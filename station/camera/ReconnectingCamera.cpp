@@ -11,9 +11,9 @@
 namespace station {
 namespace {
 
-using std::chrono_literals::operator""s;
+using std::chrono::seconds;
 
-constexpr std::chrono::seconds kDelays[] = {1s, 2s, 5s};
+constexpr seconds kDelays[] = {seconds{1}, seconds{2}, seconds{5}};
 
 }  // namespace
 
@@ -22,8 +22,6 @@ ReconnectingCamera::ReconnectingCamera(const media_backend::GstVideoBackend& bac
     : Camera(options), backend_(backend), camera_(openFor(backend, options)) {
   format_ = camera_->format();
 }
-
-ReconnectingCamera::~ReconnectingCamera() = default;
 
 ReconnectingCamera::Picture ReconnectingCamera::next() {
   if (camera_ == nullptr) {
@@ -68,7 +66,7 @@ ReconnectingCamera::Picture ReconnectingCamera::tryAgain() {
   if (!attempt_.valid() && Clock::now() >= retryAt_) {
     attempt_ = std::async(std::launch::async, [this] { return open(); });
   }
-  if (!attempt_.valid() || attempt_.wait_for(0s) != std::future_status::ready) {
+  if (!attempt_.valid() || attempt_.wait_for(seconds{0}) != std::future_status::ready) {
     return nullptr;
   }
   Opened opened;

@@ -15,13 +15,14 @@ namespace station {
 // A camera that may be lost, and whose source is then tried again after 1, 2 and 5 seconds, and
 // every 5 seconds from there on. Until it is back, its pictures are a still that says "no signal".
 //
+// Its destructor waits for an attempt that is under way: ten seconds at most.
+//
 // next() fails as long as there was no picture, if the source comes back in another format, and for
 // want of memory for the still.
 class ReconnectingCamera : public Camera {
  public:
   // Opens the source for the board's elements, as Camera::openFor() does.
   ReconnectingCamera(const media_backend::GstVideoBackend& backend, const CameraOptions& options);
-  ~ReconnectingCamera() override;  // waits for an attempt: ten seconds at most
 
   std::shared_ptr<lumora::LumoraPicture> next() override;
   bool isLive() const override { return camera_ != nullptr && camera_->isLive(); }
