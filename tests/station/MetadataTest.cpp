@@ -186,7 +186,7 @@ std::unique_ptr<station::MetadataSource> openSource(const std::string& telemetry
   return options.open();
 }
 
-// What every source is told: 500 m above the sea, to the east with 19.4 knots.
+// Every source reports this: 500 m above the sea, moving east at 19.4 knots.
 void expectValues(const std::string& telemetry, const std::function<void()>& tell) {
   const auto source = openSource(telemetry);
   const auto picture = blankPicture();
