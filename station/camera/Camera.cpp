@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <regex>
 #include <utility>
 
@@ -75,8 +76,20 @@ class StillImage : public Camera {
 
   Picture next() override { return picture_; }
 
+  // Without a copy, all frames are one.
+  std::shared_ptr<lumora::ExportedFrame> exportPicture(
+      const lumora::LumoraPicture& picture) override {
+    if (format_.isPlain) {
+      return Camera::exportPicture(picture);
+    }
+    std::call_once(isExported_, [&] { frame_ = Camera::exportPicture(picture); });
+    return frame_;
+  }
+
  private:
   Picture picture_;
+  std::once_flag isExported_;
+  std::shared_ptr<lumora::ExportedFrame> frame_;
 };
 
 // Without the place in GStreamer's source, which the library's messages contain: one line for
