@@ -5,7 +5,6 @@
 // whose last sixth is compared with its first.
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
@@ -22,7 +21,7 @@
 #include <simulated_board/SimulatedBoard.h>
 
 #include "Ratios.h"
-#include "camera/Camera.h"
+#include "StampingCamera.h"
 #include "camera/LiveCamera.h"
 #include "rtsp/Server.h"
 #include "support/Profiles.h"
@@ -30,66 +29,18 @@
 namespace {
 
 using media_backend::GstVideoBackend;
-using std::chrono::microseconds;
-using std::chrono::steady_clock;
 
 const std::vector<Ratio> kRatios = {
     {"latency / the peer's and one frame time", "station", "peer", 1},
     {"latency after a while / at the beginning", "late", "early", 1.1},
 };
 
-constexpr int kWidth = 640;
-constexpr int kHeight = 360;
-constexpr int kFps = 30;
+constexpr unsigned int kWidth = 640;
+constexpr unsigned int kHeight = 360;
+constexpr int kFps = StampingCamera::kFps;
 constexpr double kFrameTime = 1.0 / kFps;
 constexpr int kSettle = 30;    // pictures that are not looked at
 constexpr int kPictures = 60;  // that are
-
-// A time as a row of black and white blocks, one a bit.
-constexpr int kBlock = 16;
-constexpr int kBits = kWidth / kBlock;
-const steady_clock::time_point kEpoch = steady_clock::now();
-
-void writeTime(std::uint8_t* luma, std::size_t stride) {
-  const auto time = std::chrono::duration_cast<microseconds>(steady_clock::now() - kEpoch).count();
-  for (int row = 0; row < kBlock; ++row) {
-    for (int bit = 0; bit < kBits; ++bit) {
-      std::fill_n(luma + static_cast<std::size_t>(row) * stride + bit * kBlock, kBlock,
-                  static_cast<std::uint8_t>((time >> bit & 1) != 0 ? 235 : 16));
-    }
-  }
-}
-
-// Seconds since the time that the picture carries.
-double age(const std::uint8_t* luma, std::size_t stride) {
-  std::int64_t time = 0;
-  const std::uint8_t* const middle = luma + kBlock / 2 * stride + kBlock / 2;
-  for (int bit = 0; bit < kBits; ++bit) {
-    time |= std::int64_t{middle[bit * kBlock] > 128 ? 1 : 0} << bit;
-  }
-  return std::chrono::duration<double>(steady_clock::now() - kEpoch - microseconds(time)).count();
-}
-
-class StampingCamera : public station::Camera {
- public:
-  explicit StampingCamera(const GstVideoBackend& backend)
-      : Camera({"test picture", kWidth, kHeight, false, kFps}) {
-    format_ = {kWidth, kHeight, {static_cast<int>(kFps), 1}, ""};
-    feedInto(backend);
-  }
-
-  std::shared_ptr<lumora::LumoraPicture> next() override {
-    due_ = std::max(due_ + microseconds(1000000 / kFps), steady_clock::now());
-    std::this_thread::sleep_until(due_);
-    writeTime(pixels_.data(), kWidth);
-    return lumora::LumoraPicture::fromNv12Host(pixels_.data(), kWidth, kHeight, kWidth);
-  }
-  bool isLive() const override { return true; }
-
- private:
-  std::vector<std::uint8_t> pixels_ = std::vector<std::uint8_t>(kWidth * kHeight * 3 / 2, 128);
-  steady_clock::time_point due_;
-};
 
 GstVideoBackend::EncoderConfig config() {
   GstVideoBackend::EncoderConfig result;
@@ -139,7 +90,7 @@ class PeerServer {
     GST_PAD_PROBE_INFO_DATA(info) = buffer;
     GstMapInfo map;
     if (gst_buffer_map(buffer, &map, GST_MAP_WRITE)) {
-      writeTime(map.data, kWidth);
+      writeTime(map.data, kWidth, kWidth);
       gst_buffer_unmap(buffer, &map);
     }
     return GST_PAD_PROBE_OK;
@@ -175,8 +126,9 @@ void watch(const std::string& url, const std::function<bool(double)>& look) {
     gst_video_info_from_caps(&info, gst_sample_get_caps(sample));
     GstVideoFrame frame;
     gst_video_frame_map(&frame, &info, gst_sample_get_buffer(sample), GST_MAP_READ);
-    more = look(age(static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0)),
-                    static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0))));
+    more =
+        look(pictureAge(static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0)),
+                        static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0)), kWidth));
     gst_video_frame_unmap(&frame);
   }
   gst_element_set_state(client, GST_STATE_NULL);
@@ -255,7 +207,7 @@ int main(int argc, char** argv) {
   const GstVideoBackend backend(nvidiaProfile());
   station::ServeOptions options;
   options.encoder = config();
-  station::LiveCamera camera(std::make_unique<StampingCamera>(backend));
+  station::LiveCamera camera(std::make_unique<StampingCamera>(backend, kWidth, kHeight, false));
   int exitCode = EXIT_FAILURE;
   {
     station::RtspServer server(backend, camera, nullptr, options);
