@@ -2,85 +2,16 @@
 
 #include <algorithm>
 #include <cctype>
-#include <limits>
-#include <new>
 #include <string_view>
 #include <utility>
 
-#include <gst/allocators/gstdmabuf.h>
-#include <gst/video/video.h>
-#include <unistd.h>
-
 #include "Description.h"
-#include "gst/UniqueFd.h"
+#include "Platforms.h"
 
 namespace media_backend {
 namespace {
 
 using Codec = GstVideoBackend::Codec;
-using EncoderConfig = GstVideoBackend::EncoderConfig;
-using Platform = GstVideoBackend::Platform;
-using Profile = GstVideoBackend::Profile;
-
-// Platform probe
-
-bool hasElement(const char* name) {
-  g_autoptr(GstElementFactory) factory = gst_element_factory_find(name);
-  return factory != nullptr;
-}
-
-// Selects the NVIDIA platform if the board has one of its converters and one of its encoders.
-bool probeNvidia(Profile& profile) {
-  const bool hasVidconv = hasElement("nvvidconv");
-  const bool hasVideoconvert = hasElement("nvvideoconvert");
-  const bool hasH264 = hasElement("nvv4l2h264enc");
-  const bool hasH265 = hasElement("nvv4l2h265enc");
-  if (!(hasVidconv || hasVideoconvert) || !(hasH264 || hasH265)) {
-    return false;
-  }
-  profile.platform = Platform::Nvidia;
-  profile.name = "nvidia-nvmm";
-  profile.inputConverter = hasVidconv ? "nvvidconv" : "nvvideoconvert";
-  profile.uploadConverter = hasVideoconvert ? "nvvideoconvert" : "nvvidconv";
-  profile.h264Encoder = "nvv4l2h264enc";
-  profile.h265Encoder = "nvv4l2h265enc";
-  profile.jpegEncoder = "nvjpegenc";
-  profile.hasH264 = hasH264;
-  profile.hasH265 = hasH265;
-  profile.hasAv1 = hasElement("nvv4l2av1enc") && hasElement("av1parse");
-  profile.hasJpeg = hasElement("nvjpegenc");
-  return true;
-}
-
-// Selects the i.MX platform if the board has one of its VPU encoders.
-bool probeImxVpu(Profile& profile) {
-  const bool hasH264 = hasElement("vpuenc_h264");
-  const bool hasH265 = hasElement("vpuenc_hevc");
-  if (!hasH264 && !hasH265) {
-    return false;
-  }
-  profile.platform = Platform::ImxVpu;
-  profile.name = "dmabuf-nv12-vpu";
-  profile.inputConverter = "identity";
-  profile.uploadConverter = hasElement("imxvideoconvert_g2d") ? "imxvideoconvert_g2d" : "identity";
-  profile.h264Encoder = "vpuenc_h264";
-  profile.h265Encoder = "vpuenc_hevc";
-  profile.jpegEncoder = hasElement("jpegenc") ? "jpegenc" : "";
-  profile.hasH264 = hasH264 && hasElement("h264parse");
-  profile.hasH265 = hasH265 && hasElement("h265parse");
-  profile.hasJpeg = !profile.jpegEncoder.empty();
-  return true;
-}
-
-Profile probePlatform() {
-  Profile profile;
-  if (!probeNvidia(profile)) {
-    probeImxVpu(profile);
-  }
-  return profile;
-}
-
-// Codec vocabulary
 
 struct CodecName {
   const char* text;
@@ -97,162 +28,9 @@ bool isH26x(Codec codec) {
   return codec == Codec::H264 || codec == Codec::H265;
 }
 
-// Frame wrapping
-
-// Keeps the host's frame alive while a memory wraps its streaming block.
-struct StreamingFrameHolder {
-  void* data;
-  std::shared_ptr<void> keepAlive;
-};
-
-void gst_buffer_keep_alive_free(gpointer holder) {
-  delete static_cast<std::shared_ptr<void>*>(holder);
-}
-
-void streaming_frame_holder_free(gpointer holder) {
-  delete static_cast<StreamingFrameHolder*>(holder);
-}
-
-GQuark gst_buffer_keep_alive_quark() {
-  static const GQuark kQuark = g_quark_from_static_string("kelvarion.media_backend.keep_alive");
-  return kQuark;
-}
-
-// Whether the handle describes an NV12 frame that lies wholly inside its dma-buf, with strides that
-// video meta can express.
-bool isNv12DmaBuf(const lumora::FrameExportHandle& handle) {
-  if (!handle.valid || handle.fd < 0 || handle.size == 0 || handle.width == 0 ||
-      handle.height == 0 || !handle.isDmaBuf || handle.planeCount != 2 || handle.width % 2 != 0 ||
-      handle.height % 2 != 0) {
-    return false;
-  }
-  const lumora::FramePlaneLayout& luma = handle.planes[0];
-  const lumora::FramePlaneLayout& chroma = handle.planes[1];
-  if (luma.rowBytes < handle.width || luma.rows != handle.height ||
-      chroma.rowBytes < handle.width || chroma.rows != handle.height / 2) {
-    return false;
-  }
-  std::size_t lumaEnd = 0;
-  std::size_t chromaEnd = 0;
-  if (!luma.endOffset(handle.size, lumaEnd) || !chroma.endOffset(handle.size, chromaEnd)) {
-    return false;
-  }
-  constexpr std::uint32_t kMaxStride = std::numeric_limits<gint>::max();
-  return chroma.offset >= lumaEnd && luma.stride <= kMaxStride && chroma.stride <= kMaxStride;
-}
-
-// dma-buf memory over dup(fd); null if dup() or the allocator fails.
-GstMemory* duplicateDmaBuf(int fd, gsize size) {
-  g_autoptr(GstAllocator) allocator = gst_dmabuf_allocator_new();
-  if (allocator == nullptr) {
-    return nullptr;
-  }
-  UniqueFd duplicate(dup(fd));
-  if (duplicate.get() < 0) {
-    return nullptr;
-  }
-  GstMemory* const memory = gst_dmabuf_allocator_alloc(allocator, duplicate.get(), size);
-  gst_clear_object(&allocator);  // the memory holds its own reference
-  if (memory != nullptr) {
-    duplicate.release();
-  }
-  return memory;
-}
-
-void addNv12Meta(GstBuffer* buffer, const lumora::FrameExportHandle& handle) {
-  gsize offsets[GST_VIDEO_MAX_PLANES] = {handle.planes[0].offset, handle.planes[1].offset};
-  gint strides[GST_VIDEO_MAX_PLANES] = {static_cast<gint>(handle.planes[0].stride),
-                                        static_cast<gint>(handle.planes[1].stride)};
-  gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_NV12,
-                                 handle.width, handle.height, 2, offsets, strides);
-}
-
-GstBuffer* wrapDmaBuf(const lumora::FrameExportHandle& handle, std::shared_ptr<void> keepAlive) {
-  if (!isNv12DmaBuf(handle)) {
-    return nullptr;
-  }
-  g_autoptr(GstBuffer) buffer = gst_buffer_new();
-  if (buffer == nullptr) {
-    return nullptr;
-  }
-  GstMemory* const memory = duplicateDmaBuf(handle.fd, handle.size);
-  if (memory == nullptr) {
-    return nullptr;
-  }
-  gst_buffer_append_memory(buffer, memory);
-  addNv12Meta(buffer, handle);
-
-  auto* const holder = new (std::nothrow) std::shared_ptr<void>(std::move(keepAlive));
-  if (holder == nullptr) {
-    return nullptr;
-  }
-  gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(buffer), gst_buffer_keep_alive_quark(), holder,
-                            gst_buffer_keep_alive_free);
-  return std::exchange(buffer, nullptr);
-}
-
-GstBuffer* wrapStreamingMemory(const lumora::FrameExportHandle& handle,
-                               std::shared_ptr<void> keepAlive) {
-  lumora::StreamingFrameMemory memory{};
-  if (!lumora::prepareStreamingFrameMemory(handle, memory)) {
-    return nullptr;
-  }
-  g_autoptr(GstBuffer) buffer = gst_buffer_new();
-  if (buffer == nullptr) {
-    return nullptr;
-  }
-  std::unique_ptr<StreamingFrameHolder> holder(
-      new (std::nothrow) StreamingFrameHolder{memory.data, std::move(keepAlive)});
-  if (holder == nullptr) {
-    return nullptr;
-  }
-  GstMemory* const wrapped =
-      gst_memory_new_wrapped(static_cast<GstMemoryFlags>(0), memory.data, memory.size, 0,
-                             memory.size, holder.get(), streaming_frame_holder_free);
-  if (wrapped == nullptr) {
-    return nullptr;
-  }
-  static_cast<void>(holder.release());
-  gst_buffer_append_memory(buffer, wrapped);
-  return std::exchange(buffer, nullptr);
-}
-
-// Pieces of descriptions that builders share
-
-constexpr std::string_view kNvmmCaps = "video/x-raw(memory:NVMM),format=NV12";
-constexpr std::string_view kVpuCaps = "video/x-raw,format=NV12,interlace-mode=progressive";
-constexpr std::string_view kByteStreamAu =
-    ",stream-format=byte-stream,alignment=au ";  // H.264, H.265
 constexpr std::string_view kAv1Caps =
     "video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ";
 constexpr std::string_view kHttpSink = "! appsink name=sink emit-signals=true sync=false";
-
-void writeInputConversion(Description& text, const Profile& profile, const char* colorimetry) {
-  switch (profile.platform) {
-    case Platform::Nvidia:
-      text << "  ! " << profile.inputConverter << " "
-           << "  ! " << kNvmmCaps;
-      break;
-    case Platform::ImxVpu:
-      text << "  ! " << kVpuCaps << ",pixel-aspect-ratio=1/1";
-      break;
-    default:
-      return;
-  }
-  text.optional(",colorimetry=", colorimetry) << " ";
-}
-
-// Key frame intervals, rate control and preset of NVIDIA's encoders on the transport path.
-void writeNvidiaTransportSettings(Description& text, const EncoderConfig& config) {
-  text << "           iframeinterval=" << config.iframeInterval
-       << " idrinterval=" << config.idrInterval << " control-rate=" << config.controlRate << " "
-       << "           bitrate=" << config.bitrateBps << " "
-       << "           preset-level=" << config.presetLevel;
-}
-
-void writeVpuSettings(Description& text, const EncoderConfig& config) {
-  text << "gop-size=" << config.idrInterval << " bitrate=" << config.bitrateBps / 1000;
-}
 
 }  // namespace
 
@@ -326,8 +104,8 @@ const char* GstVideoBackend::h26xPayloader(bool h265) const {
 
 GstCaps* GstVideoBackend::makeInputCaps(int width, int height, int fps, bool squarePixels,
                                         const char* colorimetry) const noexcept {
-  const bool onNvidia = profile_.platform == Platform::Nvidia;
-  if ((!onNvidia && profile_.platform != Platform::ImxVpu) || width <= 0 || height <= 0) {
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr || width <= 0 || height <= 0) {
     return nullptr;
   }
   const bool hasColorimetry = colorimetry != nullptr && *colorimetry != '\0';
@@ -339,8 +117,8 @@ GstCaps* GstVideoBackend::makeInputCaps(int width, int height, int fps, bool squ
   if (caps == nullptr) {
     return nullptr;
   }
-  if (onNvidia) {
-    gst_caps_set_features(caps, 0, gst_caps_features_new("memory:NVMM", nullptr));
+  if (traits->memory != nullptr) {
+    gst_caps_set_features(caps, 0, gst_caps_features_new(traits->memory, nullptr));
   }
   if (squarePixels) {
     gst_caps_set_simple(caps, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
@@ -363,41 +141,38 @@ bool GstVideoBackend::setInputCaps(GstAppSrc* appsrc, int width, int height, int
 
 GstBuffer* GstVideoBackend::wrapFrame(const lumora::FrameExportHandle& handle,
                                       std::shared_ptr<void> keepAlive) const noexcept {
-  if (!available()) {
-    return nullptr;
-  }
-  return profile_.platform == Platform::ImxVpu ? wrapDmaBuf(handle, std::move(keepAlive))
-                                               : wrapStreamingMemory(handle, std::move(keepAlive));
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  return traits != nullptr ? traits->wrap(handle, std::move(keepAlive)) : nullptr;
 }
 
 std::string GstVideoBackend::inputConversionChain(const char* colorimetry) const {
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr) {
+    return {};
+  }
   Description text(128);
-  writeInputConversion(text, profile_, colorimetry);
+  traits->writeInput(text, profile_);
+  text.optional(",colorimetry=", colorimetry) << " ";
   return text.take();
 }
 
 std::string GstVideoBackend::transportEncoderChain(const EncoderConfig& config,
                                                    const char* configInterval) const {
-  if (!supports(config.codec)) {
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr || !supports(config.codec)) {
     return {};
   }
   Description text(320);
   if (isH26x(config.codec)) {
     const bool h265 = config.codec == Codec::H265;
-    text << "  ! " << h26xEncoder(h265);
-    if (profile_.platform == Platform::ImxVpu) {
-      text << " name=encoder ";
-      writeVpuSettings(text, config);
-    } else {
-      text << " name=encoder maxperf-enable=1 ";
-      writeNvidiaTransportSettings(text, config);
-    }
+    text << "  ! " << h26xEncoder(h265) << " name=encoder ";
+    traits->writeTransport(text, config);
     text << " "
          << "  ! " << h26xParser(h265);
     text.optional(" config-interval=", configInterval) << " ";
   } else if (config.codec == Codec::Av1) {
-    text << "  ! nvv4l2av1enc name=encoder maxperf-enable=1 ";
-    writeNvidiaTransportSettings(text, config);
+    text << "  ! nvv4l2av1enc name=encoder ";
+    traits->writeTransport(text, config);
     text << " "
          << "  ! av1parse name=parser "
          << "  ! " << kAv1Caps;
@@ -419,27 +194,19 @@ std::string GstVideoBackend::rtspPayloaderChain(Codec codec, unsigned int mtu) c
 }
 
 std::string GstVideoBackend::httpUploadChain(const char* colorimetry) const {
-  Description text(128);
-  switch (profile_.platform) {
-    case Platform::Nvidia:
-      text << "! " << profile_.uploadConverter << " nvbuf-memory-type=0 "
-           << "! " << kNvmmCaps;
-      break;
-    case Platform::ImxVpu:
-      if (profile_.uploadConverter != "identity") {
-        text << "! " << profile_.uploadConverter << " ";
-      }
-      text << "! " << kVpuCaps;
-      break;
-    default:
-      return {};
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr) {
+    return {};
   }
+  Description text(128);
+  traits->writeUpload(text, profile_);
   text.optional(",colorimetry=", colorimetry) << " ";
   return text.take();
 }
 
 std::string GstVideoBackend::httpEncoderChain(const EncoderConfig& config) const {
-  if (!supports(config.codec)) {
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr || !supports(config.codec)) {
     return {};
   }
   Description text(256);
@@ -453,14 +220,7 @@ std::string GstVideoBackend::httpEncoderChain(const EncoderConfig& config) const
   } else {
     const bool h265 = config.codec == Codec::H265;
     text << "! " << h26xEncoder(h265) << " name=encoder ";
-    if (profile_.platform == Platform::ImxVpu) {
-      text << "! " << h26xParser(h265) << " "
-           << "! " << h26xCaps(h265) << kByteStreamAu;
-    } else {
-      text << "bitrate=" << config.bitrateBps
-           << " insert-sps-pps=true maxperf-enable=1 iframeinterval=30 "
-           << "! " << h26xCaps(h265) << ",stream-format=byte-stream ";
-    }
+    traits->writeHttp(text, config, h26xParser(h265), h26xCaps(h265));
   }
   text << kHttpSink;
   return text.take();
@@ -469,7 +229,8 @@ std::string GstVideoBackend::httpEncoderChain(const EncoderConfig& config) const
 std::string GstVideoBackend::recorderPipeline(const EncoderConfig& config,
                                               unsigned int segmentSeconds, bool withKlv,
                                               bool withAudio) const {
-  if (!supports(config.codec) || !isH26x(config.codec)) {
+  const PlatformTraits* const traits = traitsOf(profile_.platform);
+  if (traits == nullptr || !supports(config.codec) || !isH26x(config.codec)) {
     return {};
   }
   const bool h265 = config.codec == Codec::H265;
@@ -477,20 +238,12 @@ std::string GstVideoBackend::recorderPipeline(const EncoderConfig& config,
 
   text << "appsrc name=mysrc is-live=true block=false format=time do-timestamp=false "
           "    ! queue max-size-buffers=1 leaky=downstream ";
-  writeInputConversion(text, profile_, nullptr);
+  traits->writeInput(text, profile_);
+  text << " ";
 
-  text << "    ! " << h26xEncoder(h265);
-  if (profile_.platform == Platform::ImxVpu) {
-    text << " name=enc ";
-    writeVpuSettings(text, config);
-    text << " ";
-  } else {
-    text << " name=enc maxperf-enable=1 output-io-mode=5"
-         << "        insert-sps-pps=true iframeinterval=" << config.iframeInterval
-         << " idrinterval=" << config.idrInterval << " control-rate=" << config.controlRate << " "
-         << "        bitrate=" << config.bitrateBps << " preset-level=" << config.presetLevel
-         << " ";
-  }
+  text << "    ! " << h26xEncoder(h265) << " name=enc ";
+  traits->writeRecorder(text, config);
+  text << " ";
   text << "    ! " << h26xParser(h265) << " name=vparse config-interval=1 "
        << "    ! " << h26xCaps(h265) << ",alignment=au "
        << "    ! queue ! sink.video ";
