@@ -42,17 +42,17 @@ void addTrackOptions(CLI::App& command, AudioTrack::Settings& track) {
 
 void AudioOptions::addTo(CLI::App& command) {
   CLI::Option* const source =
-      command.add_option("--audio", file, "Sound: the Opus packets of this Ogg or Matroska file")
+      command.add_option("--audio", file, "Audio: the Opus packets of this Ogg or Matroska file")
           ->type_name("FILE");
   CLI::Option* const live =
       command
           .add_option_function<std::string>(
               "--mic",
               [this](const std::string& text) { microphone = MicrophoneName::parse(text); },
-              "Sound: of alsa:DEVICE, pulse:NAME, or a test tone")
+              "Audio: of alsa:DEVICE, pulse:NAME, or a test tone")
           ->type_name("alsa:DEVICE|pulse:NAME|test")
           ->excludes(source);
-  command.add_flag("--audio-silence", silence, "Sound: a silent track")
+  command.add_flag("--audio-silence", silence, "Audio: a silent track")
       ->excludes(source)
       ->excludes(live);
   command
@@ -67,8 +67,7 @@ void AudioOptions::addTo(CLI::App& command) {
       ->type_name("START-END")
       ->needs(source);
   command
-      .add_option("--loss", reception.lossPercent,
-                  "Percent of the sound's packets to lose at random")
+      .add_option("--loss", reception.lossPercent, "Percent of the audio packets to lose at random")
       ->check(CLI::Range(0.0, 100.0))
       ->check(refuseNan)
       ->needs(source);

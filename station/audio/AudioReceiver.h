@@ -22,8 +22,8 @@ struct Dropout {
 // "START-END" in seconds. Throws StationError (Usage).
 Dropout parseDropout(const std::string& text);
 
-// Simulates a network source: its thread delivers the packets of a file to the track at their
-// times, without those that are lost. Delivers nothing after the end of the file.
+// Simulates a network source: its thread delivers a file's packets to the track in real time,
+// except for those that are to be lost. Delivers nothing after the end of the file.
 class AudioReceiver {
  public:
   struct Settings {

@@ -15,7 +15,7 @@ std::string describeAudioSource(const std::string& element) {
 AudioSource::AudioSource(LiveAudio& audio, GstElement* bin)
     : source_(findElement(bin, "audio")),
       subscription_(audio, [this](const auto& packet, auto begin) { push(packet, begin); }) {
-  // With it the stream has its format before its first packet, which nobody waits for.
+  // Sends the caps downstream, so that nothing waits for a first packet, which may never come.
   gst_element_send_event(source_.get(), gst_event_new_gap(0, GST_CLOCK_TIME_NONE));
 }
 

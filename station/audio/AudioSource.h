@@ -11,7 +11,7 @@ namespace station {
 // An appsrc for live Opus packets, as text of a description; `element` follows it.
 std::string describeAudioSource(const std::string& element);
 
-// Pushes live sound into a pipeline's appsrc while this object lives.
+// Pushes live audio into a pipeline's appsrc while this object lives.
 class AudioSource {
  public:
   // `bin` holds the source of describeAudioSource(); throws StationError (Pipeline) otherwise.

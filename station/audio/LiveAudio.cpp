@@ -2,8 +2,8 @@
 
 #include <cstdio>
 #include <optional>
-#include <utility>
 
+#include "audio/MicrophoneTrack.h"
 #include "base/Callback.h"
 #include "base/StationError.h"
 
@@ -18,35 +18,19 @@ constexpr std::chrono::milliseconds kTakeInterval{10};
 
 }  // namespace
 
-LiveAudio::Subscription::Subscription(LiveAudio& audio, Consumer consumer) : audio_(audio) {
-  const std::lock_guard lock(audio_.mutex_);
-  place_ = audio_.consumers_.insert(audio_.consumers_.end(), std::move(consumer));
-  audio_.changed_.notify_all();
-}
-
-LiveAudio::Subscription::~Subscription() {
-  const std::lock_guard lock(audio_.mutex_);
-  audio_.consumers_.erase(place_);
-  audio_.changed_.notify_all();
-}
-
-LiveAudio::LiveAudio(const AudioOptions& options) : options_(options) {
+LiveAudio::LiveAudio(const AudioOptions& options, SharedMicrophone& microphone)
+    : options_(options), microphone_(microphone) {
   if (!options.file.empty()) {
     packets_ = readOpusFile(options.file);
   }
   if (options.hasMicrophone()) {
-    AudioTrack track(options.track);
-    Microphone(options.microphone, track);
+    microphone.open();
   }
   thread_ = std::thread([this] { callGuarded([this] { run(); }); });
 }
 
 LiveAudio::~LiveAudio() {
-  {
-    const std::lock_guard lock(mutex_);
-    stop_ = true;
-  }
-  changed_.notify_all();
+  stop();
   thread_.join();
 }
 
@@ -56,27 +40,14 @@ void LiveAudio::run() {
   }
 }
 
-// Whether there is one.
-bool LiveAudio::waitForConsumers() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
-  return !stop_;
-}
-
-// Whether there are still consumers after an interval.
-bool LiveAudio::pause() {
-  std::unique_lock lock(mutex_);
-  return !changed_.wait_for(lock, kTakeInterval, [this] { return stop_ || consumers_.empty(); });
-}
-
 void LiveAudio::play() {
   AudioTrack track(options_.track);
-  std::optional<Microphone> microphone;
+  std::optional<MicrophoneTrack> microphone;
   if (options_.hasMicrophone()) {
     try {
-      microphone.emplace(options_.microphone, track);
+      microphone.emplace(microphone_.open(), track);
     } catch (const StationError& error) {
-      std::fprintf(stderr, "note: the sound goes on without: %s\n", error.what());
+      std::fprintf(stderr, "note: the audio goes on without: %s\n", error.what());
     }
   }
   const steady_clock::time_point start = steady_clock::now();
@@ -87,17 +58,10 @@ void LiveAudio::play() {
   if (microphone) {
     microphone->start(start);
   }
-  while (pause()) {
+  while (pause(kTakeInterval)) {
     const steady_clock::time_point now = steady_clock::now();
-    deliver(track.take(now - start - kLiveLag, now), start);
-  }
-}
-
-void LiveAudio::deliver(const AudioTrack::Frames& frames, steady_clock::time_point start) {
-  const std::lock_guard lock(mutex_);
-  for (const media_backend::EncodedAudioFrame& frame : frames) {
-    for (const Consumer& consumer : consumers_) {
-      consumer(frame, start + std::chrono::nanoseconds(frame.ptsNs));
+    for (const auto& frame : track.take(now - start - kLiveLag, now)) {
+      deliver(frame, start + std::chrono::nanoseconds(frame.ptsNs));
     }
   }
 }

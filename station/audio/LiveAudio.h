@@ -1,43 +1,26 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <list>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "audio/AudioOptions.h"
+#include "audio/SharedMicrophone.h"
+#include "base/LiveSource.h"
 
 namespace station {
 
-// Live sound for servers: a gapless track of Opus packets, which runs on its own thread while it
-// has subscriptions. Begins anew with the first of them.
+// Live audio for servers: a gapless track of Opus packets, each with the time at which it begins.
+// Runs on its own thread while it has subscriptions, and begins anew with the first of them.
+// Consumers must not block.
 //
 // Threads: any.
-class LiveAudio {
+class LiveAudio : public LiveSource<const media_backend::EncodedAudioFrame&,
+                                    std::chrono::steady_clock::time_point> {
  public:
-  // Called for each packet on the sound's thread, with the time at which it begins; must not block,
-  // subscribe or unsubscribe.
-  using Consumer = std::function<void(const media_backend::EncodedAudioFrame& packet,
-                                      std::chrono::steady_clock::time_point begin)>;
-
-  // Packets are delivered while it lives. Its destructor waits for a running call of the consumer.
-  class Subscription {
-   public:
-    Subscription(LiveAudio& audio, Consumer consumer);
-    ~Subscription();
-    Subscription(const Subscription&) = delete;
-    Subscription& operator=(const Subscription&) = delete;
-
-   private:
-    LiveAudio& audio_;
-    std::list<Consumer>::iterator place_;
-  };
-
-  // Reads the file, or tries the microphone: throws StationError (Source).
-  explicit LiveAudio(const AudioOptions& options);
+  // Reads the file, or tries the microphone, which outlives this object: throws StationError
+  // (Source).
+  LiveAudio(const AudioOptions& options, SharedMicrophone& microphone);
   ~LiveAudio();  // after every subscription
   LiveAudio(const LiveAudio&) = delete;
   LiveAudio& operator=(const LiveAudio&) = delete;
@@ -50,17 +33,10 @@ class LiveAudio {
  private:
   void run();
   void play();
-  bool waitForConsumers();
-  bool pause();
-  void deliver(const AudioTrack::Frames& frames, std::chrono::steady_clock::time_point start);
 
   const AudioOptions options_;
+  SharedMicrophone& microphone_;
   std::vector<OpusPacket> packets_;
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::list<Consumer> consumers_;
-  bool stop_ = false;
   std::thread thread_;
 };
 

@@ -1,7 +1,7 @@
 #include "audio/Microphone.h"
 
 #include <cstdio>
-#include <cstdlib>
+#include <optional>
 #include <utility>
 
 #include "base/Callback.h"
@@ -13,13 +13,9 @@ namespace {
 
 constexpr const char* kTest = "audiotestsrc";
 constexpr GstClockTime kOpenTimeout = 5 * GST_SECOND;
-// Longer than a sound card's buffer and the encoder take.
-constexpr std::chrono::milliseconds kLastPackets{250};
-// Less than half a packet: the clocks of the sound card and the system differ.
-constexpr std::int64_t kJitterNs = 9'000'000;
 // A device ahead of the system's clock by more has times of another clock: the gap before its
 // packets would have no end.
-constexpr std::int64_t kMostAheadNs = 1'000'000'000;
+constexpr GstClockTime kMostAhead = GST_SECOND;
 
 std::string describe(const MicrophoneName& name) {
   return name.element +
@@ -48,7 +44,7 @@ MicrophoneName MicrophoneName::parse(const std::string& text) {
                      "a microphone is alsa:DEVICE, pulse:NAME or test, not " + text);
 }
 
-Microphone::Microphone(const MicrophoneName& name, AudioTrack& track) : track_(track) {
+Microphone::Microphone(const MicrophoneName& name) {
   g_autoptr(GstElementFactory) factory = gst_element_factory_find(name.element.c_str());
   if (factory == nullptr) {
     throw StationError(ExitCode::Source, "the microphone needs GStreamer's " + name.element +
@@ -64,7 +60,7 @@ Microphone::Microphone(const MicrophoneName& name, AudioTrack& track) : track_(t
   } else {
     gst_util_set_object_arg(G_OBJECT(source.get()), "slave-method", "resample");
   }
-  // The system's, as the track's times are by it.
+  // The system's, which the times of packets are by.
   g_autoptr(GstClock) clock = gst_system_clock_obtain();
   gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock);
   g_signal_connect(findElement(pipeline_.get(), "packets").get(), "new-sample",
@@ -86,56 +82,38 @@ void Microphone::waitUntilOpen(const std::string& device) {
   gst_bus_set_sync_handler(bus.get(), guarded<onMessage>, this, nullptr);
 }
 
-void Microphone::start(std::chrono::steady_clock::time_point time) {
-  const std::lock_guard lock(mutex_);
-  // GStreamer's system clock and the steady clock are both CLOCK_MONOTONIC.
-  start_ = std::chrono::nanoseconds(time.time_since_epoch()).count() -
-           static_cast<std::int64_t>(gst_element_get_base_time(pipeline_.get()));
-  delivers_ = true;
-}
-
-void Microphone::stopAt(std::chrono::nanoseconds end) {
-  std::unique_lock lock(mutex_);
-  delivered_.wait_for(lock, kLastPackets, [&] { return expected_ >= end.count(); });
-  delivers_ = false;
-}
-
 GstFlowReturn Microphone::onSample(GstElement* sink, gpointer self) {
   g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0);
   if (GstBuffer* const packet = sample != nullptr ? gst_sample_get_buffer(sample) : nullptr) {
-    static_cast<Microphone*>(self)->deliver(packet);
+    static_cast<Microphone*>(self)->encoded(packet);
   }
   return GST_FLOW_OK;
 }
 
 bool Microphone::isAhead(GstClockTime time) {
-  const bool isAhead = time > gst_element_get_current_running_time(pipeline_.get()) + kMostAheadNs;
+  const bool isAhead = time > gst_element_get_current_running_time(pipeline_.get()) + kMostAhead;
   if (isAhead && !std::exchange(wasAhead_, true)) {
     std::fputs("note: the microphone is ahead of the clock, its packets are dropped\n", stderr);
   }
   return isAhead;
 }
 
-void Microphone::deliver(GstBuffer* packet) {
-  const std::lock_guard lock(mutex_);
-  std::int64_t time = static_cast<std::int64_t>(GST_BUFFER_PTS(packet)) - start_;
-  if (!delivers_ || time < -kJitterNs || isAhead(GST_BUFFER_PTS(packet))) {
+void Microphone::encoded(GstBuffer* packet) {
+  const GstClockTime time = GST_BUFFER_PTS(packet);
+  if (isAhead(time)) {
     return;
   }
-  if (std::abs(time - expected_) <= kJitterNs) {
-    time = expected_;
-  }
   media_backend::EncodedAudioFrame frame;
-  expected_ = time + static_cast<std::int64_t>(frame.durationNs);
-  frame.ptsNs = static_cast<std::uint64_t>(time);
   frame.payload.resize(gst_buffer_get_size(packet));
   gst_buffer_extract(packet, 0, frame.payload.data(), frame.payload.size());
-  track_.receive(std::move(frame), std::chrono::steady_clock::now());
-  delivered_.notify_all();
+  // GStreamer's system clock and the steady clock are both CLOCK_MONOTONIC.
+  const std::chrono::nanoseconds begin(gst_element_get_base_time(pipeline_.get()) + time);
+  deliver(frame, std::chrono::steady_clock::time_point(begin));
 }
 
-GstBusSyncReply Microphone::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer /*unused*/) {
+GstBusSyncReply Microphone::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    static_cast<Microphone*>(self)->hasFailed_ = true;
     std::fprintf(stderr, "note: the microphone has failed, its track goes on without: %s\n",
                  BusError::parse(message).message.c_str());
   }

@@ -13,27 +13,10 @@ using std::chrono::nanoseconds;
 
 }  // namespace
 
-LiveCamera::Subscription::Subscription(LiveCamera& camera, Consumer consumer) : camera_(camera) {
-  {
-    const std::lock_guard lock(camera_.mutex_);
-    place_ = camera_.consumers_.insert(camera_.consumers_.end(), std::move(consumer));
-  }
-  camera_.changed_.notify_all();
-  camera_.onChange_();
-}
-
-LiveCamera::Subscription::~Subscription() {
-  {
-    const std::lock_guard lock(camera_.mutex_);
-    camera_.consumers_.erase(place_);
-  }
-  camera_.onChange_();
-}
-
 LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onChange,
                        Annotate annotate)
-    : camera_(std::move(camera)),
-      onChange_(std::move(onChange)),
+    : LiveSource(std::move(onChange)),
+      camera_(std::move(camera)),
       annotate_(std::move(annotate)),
       picture_(nextPicture()),
       metrics_("camera", [this] {
@@ -48,11 +31,7 @@ LiveCamera::LiveCamera(std::unique_ptr<Camera> camera, std::function<void()> onC
 }
 
 LiveCamera::~LiveCamera() {
-  {
-    const std::lock_guard lock(mutex_);
-    stop_ = true;
-  }
-  changed_.notify_all();
+  stop();
   if (thread_.joinable()) {
     thread_.join();
   }
@@ -60,11 +39,6 @@ LiveCamera::~LiveCamera() {
 
 void LiveCamera::start() {
   thread_ = std::thread([this] { callGuarded([this] { run(); }); });
-}
-
-bool LiveCamera::isRunning() const {
-  const std::lock_guard lock(mutex_);
-  return !consumers_.empty();
 }
 
 std::optional<StationError> LiveCamera::failure() const {
@@ -93,17 +67,24 @@ void LiveCamera::run() {
     const std::lock_guard lock(mutex_);
     failure_ = error;
   }
-  onChange_();
+  notifyOfChange();
 }
 
 void LiveCamera::deliverPictures() {
-  while (picture_ != nullptr && waitForConsumers()) {
+  while (picture_ != nullptr) {
+    if (!isRunning()) {
+      camera_->suspend();
+      firstDelivered_ = {};
+    }
+    if (!waitForConsumers()) {
+      return;
+    }
     if (camera_->isLive()) {
       picture_ = nextPicture();
     }
     noteSignal();
     pace();
-    deliver();
+    deliverPicture();
     if (!camera_->isLive()) {
       picture_ = nextPicture();
     }
@@ -111,17 +92,6 @@ void LiveCamera::deliverPictures() {
   }
   const std::lock_guard lock(mutex_);
   hasEnded_ = picture_ == nullptr;
-}
-
-// Whether to go on.
-bool LiveCamera::waitForConsumers() {
-  std::unique_lock lock(mutex_);
-  if (consumers_.empty()) {
-    camera_->suspend();
-    firstDelivered_ = {};
-    changed_.wait(lock, [this] { return stop_ || !consumers_.empty(); });
-  }
-  return !stop_;
 }
 
 // A camera that is lost or comes back begins anew, after the numbers of the time in between.
@@ -154,7 +124,7 @@ std::uint64_t LiveCamera::numberAt(Clock::time_point time) const {
   return first_ + format().rate.framesUntil(static_cast<GstClockTime>(elapsed.count()));
 }
 
-void LiveCamera::deliver() {
+void LiveCamera::deliverPicture() {
   CameraFrame frame;
   frame.hasSignal = hasSignal_;
   frame.number = number_;
@@ -164,12 +134,7 @@ void LiveCamera::deliver() {
     frame.klv = annotate_(*picture_, frame.time);
   }
   frame.picture = camera_->exportPicture(*picture_);
-  {
-    const std::lock_guard lock(mutex_);
-    for (const Consumer& consumer : consumers_) {
-      consumer(frame);
-    }
-  }
+  deliver(frame);
   ++frames_;
   if (firstDelivered_ == Clock::time_point{}) {  // encoders may take long to start
     firstDelivered_ = Clock::now();

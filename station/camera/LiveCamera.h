@@ -2,17 +2,17 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 #include <lumora/FrameExport.h>
 
+#include "base/LiveSource.h"
 #include "base/Metrics.h"
 #include "base/StationError.h"
 #include "camera/Camera.h"
@@ -21,30 +21,15 @@
 namespace station {
 
 // A camera that runs, at its frame rate and on its own thread, while it has subscriptions, and is
-// suspended otherwise.
+// suspended otherwise. A consumer may block for its first frame only; a StationError that it throws
+// stops the camera.
 //
 // Threads: any.
-class LiveCamera {
+class LiveCamera : public LiveSource<const CameraFrame&> {
  public:
-  // Called on the camera's thread for every frame; must not subscribe or unsubscribe, and not block
-  // after its first frame. A StationError that it throws stops the camera.
-  using Consumer = std::function<void(const CameraFrame& frame)>;
   // Writes a picture's metadata and returns their KLV packet. Called on the camera's thread.
   using Annotate = std::function<std::vector<std::uint8_t>(
       lumora::LumoraPicture& picture, std::chrono::system_clock::time_point time)>;
-
-  // Frames are delivered while it lives. Its destructor waits for a running call of the consumer.
-  class Subscription {
-   public:
-    Subscription(LiveCamera& camera, Consumer consumer);
-    ~Subscription();
-    Subscription(const Subscription&) = delete;
-    Subscription& operator=(const Subscription&) = delete;
-
-   private:
-    LiveCamera& camera_;
-    std::list<Consumer>::iterator place_;
-  };
 
   // Captures a first frame, so that a source that cannot be opened is reported at once: throws
   // StationError (Source). `onChange` is called on any thread after isRunning(), hasEnded() or
@@ -61,7 +46,6 @@ class LiveCamera {
   // Begins to deliver frames; to be called once. First subscriptions may be made before, so that
   // they get the first frame.
   void start();
-  bool isRunning() const;
   // Whether it has delivered the last frame of a file that does not loop.
   bool hasEnded() const;
   std::uint64_t frames() const { return frames_; }
@@ -72,17 +56,15 @@ class LiveCamera {
   using Clock = std::chrono::steady_clock;
 
   void run();
-  bool waitForConsumers();
   void deliverPictures();
   void noteSignal();
   void pace();
   std::uint64_t numberAt(Clock::time_point time) const;
   std::shared_ptr<lumora::LumoraPicture> nextPicture();
-  void deliver();
+  void deliverPicture();
   std::chrono::nanoseconds timeOf(std::uint64_t number) const;
 
   const std::unique_ptr<Camera> camera_;
-  const std::function<void()> onChange_;
   const Annotate annotate_;
   std::shared_ptr<lumora::LumoraPicture> picture_;  // the next to deliver; null after the last
 
@@ -96,11 +78,8 @@ class LiveCamera {
   std::atomic<std::uint64_t> frames_{0};
 
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::list<Consumer> consumers_;
   std::optional<StationError> failure_;
   bool hasEnded_ = false;
-  bool stop_ = false;
   std::thread thread_;
   const Metrics::Publication metrics_;
 };

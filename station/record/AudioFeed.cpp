@@ -16,10 +16,11 @@ constexpr std::chrono::milliseconds kLag{250};
 
 }  // namespace
 
-AudioFeed::AudioFeed(const AudioOptions& options) : options_(options) {
+AudioFeed::AudioFeed(const AudioOptions& options, SharedMicrophone& microphone)
+    : options_(options), microphone_(microphone) {
   open();
   if (options.hasMicrophone()) {
-    microphone_.emplace(options.microphone, *track_);
+    microphoneTrack_.emplace(microphone.open(), *track_);
   }
 }
 
@@ -36,12 +37,12 @@ void AudioFeed::reopen() {
   earlier_ = statistics();
   early_.clear();
   receiver_.reset();
-  microphone_.reset();
+  microphoneTrack_.reset();
   track_.reset();
   open();
   if (options_.hasMicrophone()) {
     try {
-      microphone_.emplace(options_.microphone, *track_);
+      microphoneTrack_.emplace(microphone_.open(), *track_);
     } catch (const StationError& error) {
       std::fprintf(stderr, "note: %s; its track goes on without\n", error.what());
     }
@@ -52,8 +53,8 @@ void AudioFeed::start(steady_clock::time_point time) {
   if (!packets_.empty()) {
     receiver_.emplace(std::move(packets_), options_.reception, *track_, time);
   }
-  if (microphone_) {
-    microphone_->start(time);
+  if (microphoneTrack_) {
+    microphoneTrack_->start(time);
   }
 }
 
@@ -67,15 +68,15 @@ void AudioFeed::finish(Recorder& recorder, nanoseconds end) {
   if (receiver_) {
     receiver_->stopAt(end);
   }
-  if (microphone_) {
-    microphone_->stopAt(end);
+  if (microphoneTrack_) {
+    microphoneTrack_->stopAt(end);
   }
   if (track_) {
     pushBefore(recorder, end, track_->finish(end));
   }
 }
 
-// The video of a file falls behind on a machine that is too slow; the sound then waits for it.
+// The video of a file falls behind on a machine that is too slow; the audio then waits for it.
 void AudioFeed::pushBefore(Recorder& recorder, nanoseconds end, AudioTrack::Frames frames) {
   std::move(frames.begin(), frames.end(), std::back_inserter(early_));
   while (!early_.empty() && early_.front().ptsNs < static_cast<std::uint64_t>(end.count())) {

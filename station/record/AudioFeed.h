@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "audio/AudioOptions.h"
+#include "audio/MicrophoneTrack.h"
+#include "audio/SharedMicrophone.h"
 #include "record/Recorder.h"
 
 namespace station {
@@ -12,8 +14,9 @@ namespace station {
 // The audio of a recording: the track and its receiver. Does nothing for a recording without audio.
 class AudioFeed {
  public:
-  // Reads the file or opens the microphone; throws StationError (Source).
-  explicit AudioFeed(const AudioOptions& options);
+  // Reads the file or opens the microphone, which outlives this object; throws StationError
+  // (Source).
+  AudioFeed(const AudioOptions& options, SharedMicrophone& microphone);
 
   bool isWanted() const { return track_.has_value(); }
   // Begins anew, for another recording. A microphone that does not open any more leaves its track
@@ -30,11 +33,12 @@ class AudioFeed {
   AudioTrack::Statistics statistics() const;
   void pushBefore(Recorder& recorder, std::chrono::nanoseconds end, AudioTrack::Frames frames);
 
-  const AudioOptions& options_;
+  const AudioOptions options_;
+  SharedMicrophone& microphone_;
   std::vector<OpusPacket> packets_;
   std::optional<AudioTrack> track_;
   std::optional<AudioReceiver> receiver_;
-  std::optional<Microphone> microphone_;
+  std::optional<MicrophoneTrack> microphoneTrack_;
   AudioTrack::Statistics earlier_{};  // of earlier recordings
   AudioTrack::Frames early_;          // ahead of the video; after finish(): not recorded
 };

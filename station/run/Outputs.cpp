@@ -36,17 +36,21 @@ void noteUnusedBitRate(const EngineOptions& options, const GstVideoBackend& back
 
 Outputs::Outputs(const Options& options, const GstVideoBackend& backend, LiveCamera& camera,
                  MainLoop& loop)
-    : backend_(backend), camera_(camera), loop_(loop), options_(options) {
+    : backend_(backend),
+      camera_(camera),
+      loop_(loop),
+      options_(options),
+      microphone_(options->audio.microphone) {
   start();
 }
 
 // Those that are missing.
 void Outputs::start() {
   if (options_->record && !recording_) {
-    recordedAudio_.emplace(options_->audio);
+    recordedAudio_.emplace(options_->audio, microphone_);
   }
   if (options_->audio.isWanted() && (options_->rtsp || options_->http) && !audio_) {
-    audio_.emplace(options_->audio);
+    audio_.emplace(options_->audio, microphone_);
   }
   if (options_->rtsp && !rtsp_) {
     startRtsp();

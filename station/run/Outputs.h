@@ -6,6 +6,7 @@
 #include <media_backend/GstVideoBackend.h>
 
 #include "audio/LiveAudio.h"
+#include "audio/SharedMicrophone.h"
 #include "camera/LiveCamera.h"
 #include "http/Server.h"
 #include "record/AudioFeed.h"
@@ -46,6 +47,7 @@ class Outputs {
   MainLoop& loop_;
   Options options_;
   bool isComplete_ = true;
+  SharedMicrophone microphone_;
   std::optional<LiveAudio> audio_;  // of the servers
   std::optional<RtspServer> rtsp_;
   std::optional<HttpServer> http_;

@@ -25,6 +25,8 @@ class Program {
   // Reads standard error up to this line, or fails the test at its end.
   void awaitErrorLine(const std::string& line);
   void signal(int number);
+  // Of its process, while it runs.
+  std::string id() const { return g_subprocess_get_identifier(process_); }
   // The rest of its output.
   Result wait();
 

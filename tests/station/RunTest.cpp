@@ -30,7 +30,8 @@ int brightness(const std::string& image) {
   return std::stoi("0" + mean.out.substr(mean.out.find_first_not_of(' ')));
 }
 
-// A file that vanishes, and is replaced by one of another size and frame rate.
+// A file that vanishes, and is replaced by one of another size and frame rate. Recording and server
+// hear one microphone.
 TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
@@ -42,13 +43,17 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const std::string line = program.readLine();
   const std::string url = line.substr(line.find("http"), line.find("/ ") - line.find("http"));
   program.awaitErrorLine("camera runs");
-  Program viewer({"curl", "-sS", "-o", folder / "stream.h264", url + "/stream.h264"});
+  Program viewer({"curl", "-sS", "-o", folder / "stream.mp4", url + "/stream.mp4"});
   fs::remove(clip);
   program.awaitErrorLine("camera lost: source failed: media file does not exist: " + clip +
                          "; waiting for it to come back");
   run({"curl", "-sSf", "-o", snapshot, url + "/snapshot.jpg"});
   EXPECT_LT(brightness(snapshot), 60);
-  const auto frames = [&] { return fs::file_size(folder / "stream.h264"); };
+  const auto frames = [&] {
+    std::error_code missing;
+    const std::uintmax_t size = fs::file_size(folder / "stream.mp4", missing);
+    return missing ? 0 : size;
+  };
   const std::uintmax_t seen = frames();
   const std::string before = utcNow();
   fs::rename(folder / "other.mkv", clip);
@@ -67,6 +72,10 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   EXPECT_GT(frames(), seen);
   const std::string status = run({"curl", "-sSf", url + "/status.json"}).out;
   EXPECT_NE(status.find("\"losses\": 1\n"), std::string::npos) << status;
+  EXPECT_EQ(
+      run({"sh", "-c", "grep -lx microphone:src /proc/" + program.id() + "/task/*/comm | wc -l"})
+          .out,
+      "1\n");
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_EQ(result.exitCode, 9) << result.err;
