@@ -6,6 +6,7 @@
 
 #include <gst/rtp/rtp.h>
 
+#include "Av1Packet.h"
 #include "Guarded.h"
 #include "Obu.h"
 #include "TypeRegistration.h"
@@ -18,16 +19,6 @@ constexpr const char* kSinkCaps = "video/x-av1,parsed=true,stream-format=obu-str
 constexpr const char* kSrcCaps =
     "application/x-rtp,media=video,payload=[96,127],clock-rate=[1,2147483647],encoding-name=AV1";
 
-// Smallest fragment of an OBU; larger than an OBU header, so that no header is split.
-constexpr std::size_t kMinFragment = 8;
-
-// Aggregation header, the first byte of a packet's payload.
-constexpr unsigned kZ = 0x80;     // the first element continues an OBU
-constexpr unsigned kY = 0x40;     // the last element is continued in the next packet
-constexpr unsigned kWShift = 4;   // W: number of elements
-constexpr std::size_t kMaxW = 3;  // W is 0 with more elements, and each has a size field
-constexpr unsigned kN = 0x08;     // the packet starts a coded video sequence
-
 struct Av1Payloader {
   GstRTPBasePayload parent;
   guint clockRate;
@@ -35,106 +26,10 @@ struct Av1Payloader {
   Av1SequenceHeader sequence;  // the last one
 };
 
-// OBU element: an OBU or a fragment of one.
-struct Element {
-  bool isContinuation() const { return begin > 0; }
-  bool isContinued() const { return begin + size < obu->size(); }
-
-  const Obu* obu;
-  std::size_t begin;  // in the OBU
-  std::size_t size;
-};
-
-// The payload of a packet.
-class Packet {
- public:
-  // Space for one more element in a payload of `capacity` bytes.
-  std::size_t room(std::size_t capacity) const {
-    const std::size_t left = capacity > used_ ? capacity - used_ : 0;
-    return elements_.size() < kMaxW || left == 0 ? left : left - leb128Size(left);
-  }
-
-  void add(const Element& element) {
-    elements_.push_back(element);
-    used_ += leb128Size(element.size) + element.size;
-    if (element.obu->hasLayer()) {
-      layered_ = element.obu;
-    }
-  }
-
-  // A packet carries one layer; a sequence header, which applies to all layers, starts a packet.
-  bool takes(const Obu& obu) const {
-    const bool sameLayer =
-        layered_ == nullptr || (obu.hasLayer() && obu.layer() == layered_->layer());
-    return elements_.empty() || (obu.type != Obu::SequenceHeader && sameLayer);
-  }
-
-  const std::vector<Element>& elements() const { return elements_; }
-  bool countsElements() const { return elements_.size() <= kMaxW; }
-
-  unsigned aggregationHeader() const {
-    const std::size_t count = countsElements() ? elements_.size() : 0;
-    return (elements_.front().isContinuation() ? kZ : 0) |
-           (elements_.back().isContinued() ? kY : 0) | static_cast<unsigned>(count << kWShift);
-  }
-
- private:
-  std::vector<Element> elements_;
-  std::size_t used_ = 1;  // bytes, with a size field for every element
-  const Obu* layered_ = nullptr;
-};
-
-std::vector<Packet> pack(const std::vector<Obu>& obus, std::size_t capacity) {
-  std::vector<Packet> packets;
-  for (const Obu& obu : obus) {
-    if (packets.empty() || !packets.back().takes(obu)) {
-      packets.emplace_back();
-    }
-    for (std::size_t begin = 0; begin < obu.size();) {
-      const std::size_t rest = obu.size() - begin;
-      const std::size_t size = std::min(rest, packets.back().room(capacity));
-      if (size < std::min(rest, kMinFragment)) {
-        packets.emplace_back();
-        continue;
-      }
-      packets.back().add({&obu, begin, size});
-      begin += size;
-    }
-  }
-  return packets;
-}
-
-// Offset and size in the input of an element's bytes after the OBU header.
-std::pair<std::size_t, std::size_t> payloadPart(const Element& element) {
-  const std::size_t skipped = element.isContinuation() ? 0 : element.obu->headerSize;
-  return {element.obu->payloadBegin + element.begin + skipped - element.obu->headerSize,
-          element.size - skipped};
-}
-
-// The payload up to the last element's OBU header; the rest is memory of the input.
-std::string payloadHead(const Packet& packet, unsigned flags, std::string_view stream) {
-  std::string head(1, static_cast<char>(packet.aggregationHeader() | flags));
-  for (const Element& element : packet.elements()) {
-    const bool last = &element == &packet.elements().back();
-    if (!last || !packet.countsElements()) {
-      appendLeb128(element.size, head);
-    }
-    if (!element.isContinuation()) {
-      head.append(element.obu->header.begin(),
-                  element.obu->header.begin() + element.obu->headerSize);
-    }
-    if (!last) {
-      const auto [offset, size] = payloadPart(element);
-      head.append(stream.substr(offset, size));
-    }
-  }
-  return head;
-}
-
 // Shares the input's memory for the last element, which usually is most of the packet.
 GstBuffer* makePacket(GstRTPBasePayload* payload, const media_backend::MappedBuffer& input,
-                      const Packet& packet, bool newSequence, bool marker) {
-  const std::string head = payloadHead(packet, newSequence ? kN : 0, input.bytes());
+                      const Av1Packet& packet, bool newSequence, bool marker) {
+  const std::string head = packet.head(newSequence, input.bytes());
   const auto sources =
       static_cast<guint8>(gst_rtp_base_payload_get_source_count(payload, input.buffer()));
   GstBuffer* const buffer = gst_rtp_base_payload_allocate_output_buffer(
@@ -145,7 +40,7 @@ GstBuffer* makePacket(GstRTPBasePayload* payload, const media_backend::MappedBuf
   std::memcpy(gst_rtp_buffer_get_payload(&rtp), head.data(), head.size());
   gst_rtp_buffer_unmap(&rtp);
 
-  const auto [offset, size] = payloadPart(packet.elements().back());
+  const auto [offset, size] = packet.tail();
   if (size > 0) {
     gst_buffer_copy_into(buffer, input.buffer(), GST_BUFFER_COPY_MEMORY, offset, size);
   }
@@ -162,9 +57,9 @@ GstFlowReturn sendObus(GstRTPBasePayload* payload, const media_backend::MappedBu
   const bool newSequence = startsCodedVideoSequence(input.bytes(), obus);
   const bool key = !GST_BUFFER_FLAG_IS_SET(input.buffer(), GST_BUFFER_FLAG_DELTA_UNIT);
   const bool discont = GST_BUFFER_FLAG_IS_SET(input.buffer(), GST_BUFFER_FLAG_DISCONT);
-  const std::vector<Packet> packets = pack(obus, capacity);
+  const std::vector<Av1Packet> packets = Av1Packet::pack(obus, capacity);
   GstBufferList* const list = gst_buffer_list_new_sized(static_cast<guint>(packets.size()));
-  for (const Packet& packet : packets) {
+  for (const Av1Packet& packet : packets) {
     const bool first = &packet == &packets.front();
     GstBuffer* const buffer =
         makePacket(payload, input, packet, first && newSequence, &packet == &packets.back());
@@ -184,7 +79,7 @@ std::size_t payloadCapacity(GstRTPBasePayload* payload, GstBuffer* input) {
   const guint sources = gst_rtp_base_payload_get_source_count(payload, input);
   const std::size_t header = gst_rtp_buffer_calc_header_len(static_cast<guint8>(sources));
   const std::size_t mtu = GST_RTP_BASE_PAYLOAD_MTU(payload);
-  if (mtu > header + kMinFragment) {
+  if (mtu > header + Av1Packet::kMinFragment) {
     return mtu - header;
   }
   GST_ELEMENT_ERROR(payload, LIBRARY, SETTINGS,
