@@ -145,6 +145,7 @@ std::optional<MisbItem::Value> MisbItem::decode(const Bytes& content) const {
   return number ? std::optional<Value>(*number) : std::nullopt;
 }
 
+// NOLINTNEXTLINE(readability-function-size): a table
 const std::vector<MisbItem>& misbItems() {
   static const std::vector<MisbItem> kItems = {
       {2, Keys::kUtcTimestampUs, Mapping::Integer, 8},
