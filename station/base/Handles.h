@@ -5,12 +5,15 @@
 #include <gst/gst.h>
 
 #include "gst/GstPtr.h"
+#include "gst/MappedBuffer.h"
 #include "gst/UniqueFd.h"
 
 namespace station {
 
-// Owns one reference to a GObject, for members; locals use g_autoptr.
+// The library's owners: of a reference to a GObject, for members (locals use g_autoptr), of a
+// buffer's mapping, and of a file descriptor.
 using media_backend::GstPtr;
+using media_backend::MappedBuffer;
 using media_backend::UniqueFd;
 
 struct GstStopAndUnref {

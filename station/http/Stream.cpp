@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/Callback.h"
+#include "base/Handles.h"
 #include "base/Pipelines.h"
 
 namespace station {
@@ -169,17 +170,20 @@ GstFlowReturn HttpStream::onSample(GstElement* sink, gpointer self) {
   auto* const stream = static_cast<HttpStream*>(self);
   g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0);
   GstBuffer* const buffer = sample != nullptr ? gst_sample_get_buffer(sample) : nullptr;
-  GstMapInfo map;
-  if (buffer == nullptr || !gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+  if (buffer == nullptr) {
+    return GST_FLOW_OK;
+  }
+  const MappedBuffer accessUnit(buffer);
+  if (!accessUnit) {
     return GST_FLOW_OK;
   }
   // Copied, as readers must not exhaust the encoder's buffer pool.
-  const bool kept = stream->buffer_.add(
-      map.data, map.size, !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
+  const bool kept =
+      stream->buffer_.add(accessUnit.data(), accessUnit.size(),
+                          !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
   ++stream->accessUnits_;
-  stream->bytes_ += map.size;
+  stream->bytes_ += accessUnit.size();
   stream->oversized_ += kept ? 0 : 1;
-  gst_buffer_unmap(buffer, &map);
   if (const std::shared_ptr<Mp4Muxer> muxer = stream->muxer()) {
     muxer->push(sample, gst_element_get_base_time(sink));
   }

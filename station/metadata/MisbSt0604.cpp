@@ -1,6 +1,7 @@
 #include "metadata/MisbSt0604.h"
 
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include <sys/timex.h>
@@ -8,6 +9,7 @@
 #include <gst/base/gstbytereader.h>
 
 #include "base/Callback.h"
+#include "base/Handles.h"
 #include "metadata/Klv.h"
 
 namespace station {
@@ -34,13 +36,13 @@ const SeiFormat kSeiFormats[] = {
      [](std::uint8_t header) { return (header >> 1 & 0x3F) < 32; }},
 };
 
-// Whether the kernel says that something keeps its clock at UTC.
+// Whether NTP or PTP disciplines the kernel's clock.
 bool isClockSynchronised() {
   timex state{};
   return adjtimex(&state) != TIME_ERROR;
 }
 
-// The standard's bytes between those of the time make emulation prevention unnecessary.
+// The standard puts 0xFF after each two bytes of the time, so that no start code can occur in it.
 Bytes messageOf(const SeiFormat& format, std::chrono::system_clock::time_point time) {
   Bytes message = format.begin;
   message.push_back(isClockSynchronised() ? 0x1F : 0x9F);
@@ -56,19 +58,20 @@ Bytes messageOf(const SeiFormat& format, std::chrono::system_clock::time_point t
 }
 
 // Offset of the start code of the first slice.
-std::optional<std::size_t> findSlice(const GstMapInfo& map, const SeiFormat& format) {
+std::optional<std::size_t> findSlice(std::string_view unit, const SeiFormat& format) {
   GstByteReader reader;
-  gst_byte_reader_init(&reader, map.data, static_cast<guint>(map.size));
+  gst_byte_reader_init(&reader, reinterpret_cast<const guint8*>(unit.data()),
+                       static_cast<guint>(unit.size()));
   constexpr guint kStartCode = 0x00000100;
   guint at = 0;
-  while (map.size - at >= 4) {
+  while (unit.size() - at >= 4) {
     const guint found = gst_byte_reader_masked_scan_uint32(&reader, 0xFFFFFF00, kStartCode, at,
-                                                           static_cast<guint>(map.size) - at);
+                                                           static_cast<guint>(unit.size()) - at);
     if (found == G_MAXUINT) {
       break;
     }
-    if (format.isSlice(map.data[found + 3])) {
-      return found > 0 && map.data[found - 1] == 0 ? found - 1 : found;
+    if (format.isSlice(static_cast<std::uint8_t>(unit[found + 3]))) {
+      return found > 0 && unit[found - 1] == 0 ? found - 1 : found;
     }
     at = found + 3;
   }
@@ -92,12 +95,7 @@ const SeiFormat* seiFormatOf(GstPad* pad) {
 
 // The same access unit with the message, without copying its data; null if it has no slice.
 GstBuffer* withMessage(GstBuffer* unit, const SeiFormat& format, const Bytes& message) {
-  GstMapInfo map;
-  if (!gst_buffer_map(unit, &map, GST_MAP_READ)) {
-    return nullptr;
-  }
-  const std::optional<std::size_t> slice = findSlice(map, format);
-  gst_buffer_unmap(unit, &map);
+  const std::optional<std::size_t> slice = findSlice(MappedBuffer(unit).bytes(), format);
   if (!slice) {
     return nullptr;
   }
