@@ -24,9 +24,9 @@ std::string describeFile(const SourcePipeline::Config& /*config*/) {
 
 constexpr const char* kContainerColorimetry = "container-colorimetry";
 
-// Keeps what the container says of the colours out of the decoder's caps, as data of the appsink:
-// qtdemux of GStreamer 1.22 ignores the flag of a full range there, and parsers and decoders prefer
-// it to what the stream says.
+// Moves the container's colorimetry from the decoder's caps to data of the appsink: parsers and
+// decoders prefer it to the stream's, and qtdemux of GStreamer 1.22, not of 1.26, ignores its flag
+// of a full range.
 GstPadProbeReturn takeColorimetry(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer sink) {
   GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
   GstCaps* caps = nullptr;

@@ -55,7 +55,7 @@ bool isKeyFragment(const std::string& moof) {
   return numberAt(moof, kTrackNumber) == 1 && (numberAt(moof, end - 4) & kNonSync) == 0;
 }
 
-// Workaround for GStreamer's mp4mux, up to 1.22 at least: it writes Opus's sample rate
+// Workaround for mp4mux of GStreamer 1.22, not needed with 1.26: it writes Opus's sample rate
 // little-endian, and browsers refuse the track.
 void correctOpusRate(std::string& header) {
   const std::size_t box = header.find("dOps");

@@ -68,8 +68,8 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
 }
 
 // Workaround for splitmuxsink of GStreamer 1.22: set to NULL before its first GOP is complete, it
-// may leave its stopping state when the muxer, which has stopped, refuses caps; the metadata stream
-// then never ends its wait. EOS first avoids that.
+// may leave SPLITMUX_OUTPUT_STATE_STOPPED when the muxer, which has stopped, refuses caps; the KLV
+// stream then waits without end. EOS first avoids that.
 Recorder::~Recorder() {
   if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
     return;

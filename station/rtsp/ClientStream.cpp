@@ -31,7 +31,7 @@ Link* linkOf(GSocket* socket) {
   return static_cast<Link*>(g_object_get_data(G_OBJECT(socket), kLinkKey));
 }
 
-// A pollable stream of what the filter lets pass.
+// Pollable input stream of the filter's output.
 struct FilteredInput {
   GFilterInputStream parent;
   Link* link;
@@ -46,7 +46,7 @@ GPollableInputStream* baseStreamOf(gpointer input) {
       g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(input)));
 }
 
-// Whether what has come has to wait.
+// Whether the filter's output has to wait, as ClientLink::isBusy says.
 bool isHeld(Link& link) {
   if (link.client->filter.output().empty() || !link.client->isBusy()) {
     link.heldSince.reset();
@@ -72,7 +72,7 @@ void noteActivity(Link& link) {
   }
 }
 
-// Never waits: the answer is short, and a client that cannot take it goes without.
+// Sends the response without blocking: it is short, and a client with a full socket misses it.
 gssize endRefused(Link& link, GError** error) {
   const ClientFilter::Refusal& refusal = *link.client->filter.refusal();
   if (!refusal.answer.empty()) {
@@ -93,7 +93,7 @@ gssize takeOutput(ClientFilter& filter, void* buffer, gsize size) {
   return static_cast<gssize>(count);
 }
 
-// Reads a piece at most, however much a client sends: others wait for the same thread.
+// Reads at most 4 KiB per call: other clients wait for the same thread.
 gssize readNonblocking(GPollableInputStream* input, void* buffer, gsize size, GError** error) {
   Link& link = *asFilteredInput(input)->link;
   ClientFilter& filter = link.client->filter;
@@ -129,7 +129,7 @@ gssize readBlocking(GInputStream* /*input*/, void* /*buffer*/, gsize /*size*/,
   return -1;
 }
 
-// Ready when the filter has something, when the base stream is, and at the filter's deadline.
+// Ready when the filter has output, when the base stream is readable, and at the filter's deadline.
 struct InputSource {
   GSource parent;
   FilteredInput* input;  // see inputOf()
@@ -223,7 +223,7 @@ GIOStreamClass* originalClass() {
   return G_IO_STREAM_CLASS(kClass);
 }
 
-// Shuts the socket down first: TLS would wait for the client, to say goodbye to it.
+// Shuts the socket down first: closing TLS sends close_notify and waits for the client.
 void dropStreams(gpointer data) {
   auto* const streams = static_cast<Streams*>(data);
   g_socket_shutdown(streams->link->socket, TRUE, TRUE, nullptr);
@@ -270,8 +270,10 @@ GOutputStream* getOutput(GIOStream* connection) {
                             : originalClass()->get_output_stream(connection);
 }
 
-// The library makes a GTcpConnection from its socket. In GLib up to 2.74 at least, registering
-// another class for TCP sockets with GIO's factory frees the entry that it is about to use.
+// Changes the class GTcpConnection, of which GIO's factory makes the library's connections. A class
+// of our own cannot be registered there: g_socket_connection_factory_register_type(), in
+// GLib 2.90.1 as well, passes its new entry to g_hash_table_insert() as key and as value. As there
+// is an entry for TCP, that frees the key.
 void replaceStreams() {
   auto* const type = G_IO_STREAM_CLASS(g_type_class_ref(G_TYPE_TCP_CONNECTION));
   type->get_input_stream = getInput;

@@ -4,7 +4,7 @@
 
 namespace station {
 
-// Workaround for rtsp-stream.c of gst-rtsp-server, up to 1.22 at least: with shared media, TCP
+// Workaround for rtsp-stream.c of gst-rtsp-server, still needed with 1.28.8: with shared media, TCP
 // backpressure of one client stalls UDP clients.
 //
 // - While no TCP transport is ready for more, the stream takes no packet from its appsinks, and the

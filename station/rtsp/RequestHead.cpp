@@ -42,8 +42,8 @@ std::string_view nameOf(std::string_view line) {
   return name;
 }
 
-// Whether it says where in time to play. The library answers a range of another clock than NPT with
-// none, and a Seek-Style with a critical warning, up to 1.22 at least.
+// Whether it says where in time to play. gst-rtsp-server, 1.28.8 as well, sends no response to a
+// Range of clock time, and fails an assertion of GLib for a Range with Seek-Style.
 bool isPlace(std::string_view line) {
   return equalsIgnoringCase(nameOf(line), "Range") ||
          equalsIgnoringCase(nameOf(line), "Seek-Style");

@@ -5,10 +5,10 @@
 
 namespace station {
 
-// The head of a request that an RTSP client sends: its lines, without the empty one and without
-// those that ask for another time than now, and what the filter has to know of them. Views of the
-// text that it was made of.
+// The head of an RTSP client's request: its lines, without the empty one and without those that ask
+// for another time than now, and the values that the filter checks. Views of the request's text.
 struct RequestHead {
+  // `allLines`: the request line first, and the headers.
   explicit RequestHead(std::vector<std::string_view> allLines);
 
   std::vector<std::string_view> lines;

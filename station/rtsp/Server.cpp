@@ -23,9 +23,10 @@ constexpr unsigned int kAnsweredConnections = 16;  // that are answered with 503
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
 
-// Workaround for rtsp-client.c of gst-rtsp-server, up to 1.22 at least: a second SETUP of a stream
-// in a session replaces its transport. send_func() may be using it, or the stream counts it for the
-// other protocol after a PLAY that failed; either way the process ends.
+// Workaround for rtsp-client.c of gst-rtsp-server, still needed with 1.28.8: a second SETUP of a
+// stream in a session replaces its transport. send_func() may be using it, whereupon get_data_seq()
+// asserts, or the stream counts it for the other protocol after a PLAY that failed; either way the
+// process ends.
 GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
   GList* const all = context->session != nullptr
                          ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
@@ -44,8 +45,8 @@ GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gp
   return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
-// The library warns of each part of a Transport header that it does not know, in its client's
-// words: thousands of lines a request.
+// The library logs each unknown part of a Transport header as a warning, so a single request can
+// write thousands of lines.
 void keepRequestsOutOfLog() {
   static const guint kHandler = g_log_set_handler(
       "GStreamer-RTSP", G_LOG_LEVEL_WARNING,
@@ -77,7 +78,7 @@ void onMedia(GstRTSPMediaFactory* /*factory*/, GstRTSPMedia* media, gpointer fee
   dropReceiverReports(media);
 }
 
-// The library's description, and behind it the station's own streams: metadata, then sound.
+// The library's description, followed by the station's own streams: metadata, then audio.
 std::string describeTracks(const GstVideoBackend& backend, const ServeOptions& options,
                            bool hasAudio) {
   std::string text = "( " + requireDescription(backend, Use::Rtsp,
@@ -152,7 +153,7 @@ void RtspServer::addCamera() {
   gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it
 }
 
-// Sends RTP over UDP from the address that was asked for, too.
+// Binds the sockets of RTP over UDP to --address as well.
 void RtspServer::restrictPorts(GstRTSPMediaFactory* factory) const {
   g_autoptr(GInetAddress) address = g_inet_address_new_from_string(options_.address.c_str());
   if (g_inet_address_get_is_any(address)) {
@@ -184,7 +185,8 @@ void RtspServer::accept(GSocketConnection* connection) {
   }
 }
 
-// The library's thread may call onActivity after the end of the server.
+// onActivity owns a reference to the sessions: the library's thread may call it after the server's
+// destructor.
 std::unique_ptr<ClientLink> RtspServer::makeLink() {
   const std::shared_ptr<GstRTSPSessionPool> sessions(
       GST_RTSP_SESSION_POOL(g_object_ref(sessions_.get())), g_object_unref);
