@@ -22,7 +22,7 @@ constexpr int kEnd = 1600;
 constexpr int kNetworkDelay = 10;
 constexpr int kBreakBegins = 1200;  // what is sent from here on is lost,
 constexpr int kBreakEnds = 1400;    // and this packet arrives again
-constexpr int kLag = 60;            // how far the muxer's sound stays behind
+constexpr int kLag = 60;            // how far the muxer's audio stays behind
 
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 // A "now" at which the watchdog has run out: for a gap that is known and not only suspected.

@@ -6,22 +6,22 @@
 
 namespace station {
 
-// Exceptions of callbacks, which C code calls, and of threads. They end the command: the first one
-// is kept until the command throws it.
+// Exceptions must cross neither C code that calls us back nor the end of a thread. The first one is
+// kept for the command, which rethrows it and ends.
 //
 // Threads: any.
 void keepException() noexcept;  // the one that is being handled
 void throwKeptException();      // if there is one
 bool hasKeptException();
-// Calls `call` on any thread after an exception has been kept; null ends that.
+// Sets a function that is called, on any thread, after an exception has been kept; null for none.
 void notifyOfException(std::function<void()> call);
 
-// `Function` as a callback.
+// `Function` as a C callback that keeps its exceptions.
 template <auto Function>
 constexpr auto guarded =  // NOLINT(readability-identifier-naming): it is called, like a function
     media_backend::GuardedCallback<Function, keepException>::call;
 
-// Calls what a thread consists of.
+// Calls the body of a thread and keeps its exception.
 template <typename Function>
 void callGuarded(const Function& function) noexcept {
   try {

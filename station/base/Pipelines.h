@@ -30,10 +30,10 @@ struct DescriptionSettings {
 // Colorimetry of JPEG, which cannot say another one: full-range BT.601.
 constexpr const char* kJpegColorimetry = "1:4:0:0";
 
-// What GStreamer converts colours by way of where 8 bits are too few.
+// Caps between two videoconverts where 8 bits would round the colours.
 constexpr const char* kExactRgb = "video/x-raw,format=ARGB64";
 
-// Parser interval of what is streamed: parameter sets with every key frame.
+// config-interval of streams: parameter sets with every key frame.
 constexpr const char* kConfigInterval = "-1";
 
 // The whole description that the station runs; a server's begins with the appsrc "camera". Empty if
@@ -50,8 +50,8 @@ PipelinePtr buildPipeline(const std::string& description, const std::string& wha
 // The element of that name, at any depth. Throws StationError (Pipeline) if there is none.
 GstPtr<GstElement> findElement(GstElement* bin, const char* name);
 
-// Whether its state is PLAYING. Before that, a live source has no base time: do-timestamp would
-// write the absolute clock time, and the pipeline wait for it.
+// Whether its state is PLAYING. Before that, a live source has no base time, and do-timestamp
+// stamps the absolute clock time, for which the pipeline would wait.
 bool isPlaying(GstElement* element);
 
 // An error message of a pipeline's bus.

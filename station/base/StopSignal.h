@@ -2,18 +2,17 @@
 
 namespace station {
 
-// The signals that ask the program to stop are SIGINT (Ctrl-C), SIGTERM, and SIGHUP unless it has
-// another meaning or was ignored when the program started, as under nohup. From this call on, the
-// first one makes the returned descriptor readable, which belongs to the process, and the second
-// one ends the process at once with exit code 130. To be called once. Throws StationError
+// Handles SIGINT (Ctrl-C) and SIGTERM, and with `isHangUpStop` SIGHUP unless it is ignored, as
+// under nohup. The first signal makes the returned descriptor readable; the second ends the process
+// with exit code 130. The process owns the descriptor. To be called once. Throws StationError
 // (Internal).
 int watchStopSignals(bool isHangUpStop);
 
-// Whether the first one has come. Threads: any.
+// Whether the first of them has arrived. Threads: any.
 bool isStopRequested();
 
-// From now on writing reports an error where a signal would end the process: to a pipe without a
-// reader, and beyond the largest size of a file.
+// Ignores SIGPIPE and SIGXFSZ: writing to a pipe without a reader, or beyond the file size limit,
+// then reports an error.
 void ignoreWriteSignals();
 
 }  // namespace station

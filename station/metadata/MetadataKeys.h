@@ -5,16 +5,15 @@
 
 namespace station {
 
-// How a picture's metadata key is read from telemetry, and how its value goes from one time to the
-// next.
+// How a metadata key is read from telemetry and interpolated between two samples.
 enum class KeyKind {
-  Number,    // goes straight
-  Angle,     // degrees, goes the short way round; 0 <= value < 360 in between
-  HalfTurn,  // the same, -180 <= value < 180
-  Latitude,  // degrees; the next row is its longitude, and both go the shortest way over the ground
+  Number,    // linear
+  Angle,     // degrees, the short way round; result 0 <= value < 360
+  HalfTurn,  // the same; result -180 <= value < 180
+  Latitude,  // degrees; the next row is its longitude. Both follow the geodesic
   Longitude,
-  Component,  // a number that makes sense only with others; it stays
-  Integer,    // stays, as the following
+  Component,  // a number that has a meaning only with others; keeps the earlier value
+  Integer,    // keeps the earlier value, as the following
   Flag,
   Text,
   Frame,  // belongs to the picture itself and is not read

@@ -12,14 +12,14 @@
 
 namespace station {
 
-// The metadata of a picture as a UAS datalink local set (MISB ST 0601), with what its minimum set
-// (MISB ST 0902) asks for as far as it is known. MisbItem has the items.
+// Encodes a picture's metadata as a UAS datalink local set (MISB ST 0601), including the known
+// items of the minimum set (MISB ST 0902). MisbItem has the items.
 //
-// What follows from the header is in the set, too: the corners and the width of the picture on the
-// ground, if it is level at the elevation of the frame centre, and if the sensor does not roll on
-// its platform. No key has that roll (item 20), so it is never written. Pitch and roll are the
-// full-range items where the others cannot say them. What is not known is left out, and so is a
-// value out of range, unless its item has a mark for that.
+// The set also has computed items: the corners and the width of the picture on the ground. They
+// assume level ground at the elevation of the frame centre and a sensor that does not roll on its
+// platform; no key has that roll (item 20), so it is never written. Pitch and roll use the
+// full-range items if the short ones cannot hold the value. Unknown values are left out, and so are
+// values out of range whose item has no code for that.
 //
 // Threads: any.
 class MisbSt0601 {
@@ -39,8 +39,8 @@ class MisbSt0601 {
   // One KLV packet.
   Bytes encode(const lumora::LumoraPicture& picture) const;
 
-  // The first packet of `bytes` as a JSON object with names as in MisbItem and null for a value
-  // that its item marks, and the packet's size, at least one. `error` says what is wrong with it.
+  // The first packet of `bytes` as a JSON object: names as in MisbItem, null for "out of range",
+  // and "error" for what is wrong with the packet. `size` receives the packet's size, at least 1.
   static nlohmann::ordered_json decode(const Bytes& bytes, std::size_t& size);
 
  private:

@@ -8,16 +8,16 @@
 
 namespace station {
 
-// Timestamps in the video itself (MISB ST 0604): an SEI message before the slices of each access
-// unit of H.264 and H.265.
+// Writes timestamps into H.264 and H.265 video (MISB ST 0604): an SEI message before the first
+// slice of each access unit.
 class MisbSt0604 {
  public:
-  // The wall clock's time of the frame with this running time; nothing if it is not known.
+  // Wall clock time of the frame with this running time; nothing if unknown.
   using TimeOf = std::function<std::optional<std::chrono::system_clock::time_point>(GstClockTime)>;
 
-  // Adds a message to every access unit of known time that passes the pad, as long as it is a byte
-  // stream.
-  // `timeOf` is called on the pad's streaming thread until the pad is gone.
+  // Adds a pad probe that inserts the message into every access unit whose time is known, if the
+  // pad's caps are a byte stream. `timeOf` is called on the pad's streaming thread until the pad is
+  // freed.
   static void insertAt(GstPad* pad, TimeOf timeOf);
 };
 

@@ -16,21 +16,21 @@
 
 namespace station {
 
-// Values of metadata keys over time, from whoever measures them.
+// Values of metadata keys over time.
 //
-// Between two values, the one asked for is in between, as KeyKind says. A value stays until the
-// next, but never for longer than the timeout; then it is unknown.
+// Between two samples, a value is interpolated as KeyKind says. After the last one it stays until
+// the timeout; then it is unknown.
 //
 // Threads: any, for add() and writeTo().
 class Telemetry {
  public:
   using Time = MetadataSource::Time;
   using Value = lumora::LumoraPicture::MetadataValue;
-  // Values of one time by their keys; nothing for what is not known from then on. Positions come as
-  // pairs of latitude and longitude.
+  // Values of one time by their keys; an empty value makes the key unknown from then on. A sample
+  // with a latitude has the longitude, too.
   using Sample = std::map<std::string, std::optional<Value>>;
 
-  // Keeps at most `capacity` values of a key, and drops the oldest for others.
+  // Keeps at most `capacity` values of a key, and drops the oldest beyond that.
   Telemetry(std::chrono::nanoseconds timeout, std::size_t capacity)
       : timeout_(timeout), capacity_(capacity) {}
 

@@ -80,14 +80,14 @@ PacketTrack::Counts PacketTrack::counts() const {
   return {pushed_, muxer_.buffers()};
 }
 
-// Half of the queue's limits. The queue's time counts from the packet that left it last, over any
-// gap.
+// Whether the queue is below half of its limits. Its max-size-time counts from the packet that left
+// it last, gaps included.
 bool PacketTrack::hasRoomLocked() const {
   return queued_.empty() ||
          (queued_.size() < queueBuffers_ / 2 && queued_.back() - left_ < queueTime_ / 2);
 }
 
-// A failing source reports on the bus.
+// The flow return is ignored: an appsrc that fails posts an error on the bus.
 void PacketTrack::feedLocked() {
   while (!waiting_.empty() && hasRoomLocked()) {
     GstBuffer* const packet = waiting_.front().release();

@@ -13,11 +13,12 @@
 
 namespace station {
 
-// A track of packets beside the video of a recording, from its application source to the muxer.
-// Outlives the pipeline.
+// A track of packets beside the video of a recording, from its appsrc to the muxer. Outlives the
+// pipeline.
 //
-// The queue behind the source drops packets when it is full, and the muxer takes none that are
-// ahead of the video. So packets wait here until the queue has room, up to 4 MiB of them: minutes.
+// The muxer takes no packet that is ahead of the video, and the queue between appsrc and muxer
+// drops packets when it is full. So packets wait here until the queue has room, up to 4 MiB of
+// them: minutes.
 //
 // Threads: any.
 class PacketTrack {
@@ -27,7 +28,7 @@ class PacketTrack {
     std::uint64_t written;  // to the files
   };
 
-  // `source` is an application source with a queue in front of the segment sink.
+  // `source` is an appsrc, followed by a queue in front of the segment sink.
   PacketTrack(GstElement* pipeline, const char* source);
   ~PacketTrack() = default;
   PacketTrack(const PacketTrack&) = delete;
@@ -35,8 +36,9 @@ class PacketTrack {
 
   // Takes a packet with timestamp and duration.
   void push(GstBuffer* packet);
-  // Ends the stream after the last packet that was pushed, or at once, without those that wait.
+  // Sends EOS after the last packet that was pushed.
   void end();
+  // Sends EOS at once; packets that wait are lost.
   void endNow();
 
   Counts counts() const;

@@ -24,8 +24,8 @@
 
 namespace station {
 
-// Records camera frames into MPEG-TS segments: runs the library's recorder description as it is
-// and feeds its application sources.
+// Records camera frames into MPEG-TS segments: runs the library's recorder description unchanged
+// and pushes into its appsrcs.
 //
 // Failures throw StationError (Pipeline, DiskFull, Output).
 // Threads: one thread at a time.
@@ -41,7 +41,7 @@ class Recorder {
     SegmentStore* segments = nullptr;  // outlives the recorder; null for none
   };
 
-  // What is in the files: what has reached the muxer.
+  // Counts of what has reached the muxer, and so the files.
   struct Statistics {
     std::uint64_t frames;
     // Frames that were pushed and will not be in the files: until finish(), those that the encoder
@@ -67,7 +67,7 @@ class Recorder {
   // Time of the first frame by the wall clock; segment names count from it. Before the first push.
   void setStart(std::chrono::system_clock::time_point start) { start_ = start; }
 
-  // The same clock's time of frame number `index`, which the video has in it, too.
+  // Wall clock time of frame number `index`, as written into the video.
   std::chrono::system_clock::time_point timeOf(std::uint64_t index) const;
 
   // Pushes frame number `index`, from 0 and growing, and its KLV packet, which is ignored when
@@ -78,8 +78,8 @@ class Recorder {
   // Pushes an Opus packet; only when recording with audio.
   void pushAudio(const media_backend::EncodedAudioFrame& packet);
 
-  // Waits up to `timeout` for the encoder's first frame: an encoder that is still starting would
-  // drop the next ones.
+  // Waits up to `timeout` for the encoder's first output: the queue in front of an encoder that is
+  // still starting drops frames.
   void waitForFirstFrame(std::chrono::milliseconds timeout);
 
   // Throws if the bus has an error.

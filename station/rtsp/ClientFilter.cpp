@@ -18,12 +18,12 @@ constexpr std::size_t kMaxLineBytes = 4000;  // the library cuts lines off at 40
 constexpr std::size_t kMaxLines = 64;
 constexpr std::size_t kMaxBodyBytes{16384};
 constexpr std::chrono::seconds kRequestTime{15};
-// Of bytes; a viewer sends a few hundred a second. Each request and packet counts for some more.
+// Rate limit of a client's input (token bucket), in bytes. A player sends a few hundred a second.
 constexpr double kBurst = 64 * 1024;
 constexpr double kPerSecond = 8 * 1024;
-constexpr std::size_t kPerMessage = 128;
+constexpr std::size_t kPerMessage = 128;  // added for each request and packet
 
-// A keyed hash, so that the ids of a tunnel's sessions do not tell its cookie.
+// A keyed hash: a session id must not reveal the cookie of its tunnel.
 std::string tunnelOwner(std::string_view cookie) {
   static const auto kHashKey = [] {
     std::array<std::random_device::result_type, 8> key{};
@@ -100,7 +100,7 @@ void ClientFilter::feed(std::string_view bytes) {
   }
 }
 
-// Returns the number of bytes taken, 0 if more have to come first.
+// Returns the number of bytes consumed, 0 if it needs more input. `rest` is not empty.
 std::size_t ClientFilter::takePiece(std::string_view rest) {
   if (mode_ == Mode::TunnelOut) {
     return rest.size();
@@ -123,7 +123,7 @@ std::size_t ClientFilter::takePiece(std::string_view rest) {
   return rest.front() == '$' ? takeData(rest) : takeRequest(rest);
 }
 
-// "$", channel, length.
+// Interleaved data: "$", channel, length, packet.
 std::size_t ClientFilter::takeData(std::string_view rest) {
   constexpr std::size_t kHeader = 4;
   if (rest.size() < kHeader) {
@@ -139,6 +139,7 @@ std::size_t ClientFilter::takeData(std::string_view rest) {
   return kHeader;
 }
 
+// `rest` begins with no line end, so the request line is not empty.
 std::size_t ClientFilter::takeRequest(std::string_view rest) {
   std::vector<std::string_view> lines;
   std::size_t begin = 0;

@@ -12,12 +12,12 @@ namespace station {
 
 struct RequestHead;
 
-// What an RTSP client sends, checked before the server library reads it:
-// - requests pass one at a time, complete and with plain line ends, if they are within bounds and
-//   name no session but their own;
-// - interleaved data is dropped: the library leaks RTP, and takes a packet with the server's SSRC
-//   for a collision that ends the stream for all;
-// - the base64 of an HTTP tunnel is decoded, checked in the same way and encoded again;
+// Checks an RTSP client's input before the server library reads it:
+// - a request passes when it is complete, within the limits and names no other client's session; it
+//   gets CRLF line ends;
+// - interleaved data is dropped: the library leaks RTP packets, and a packet with the server's SSRC
+//   counts as a collision, which ends the stream for all clients;
+// - an HTTP tunnel's base64 is decoded, checked in the same way and encoded again;
 // - a client that sends too much is refused.
 //
 // Threads: one at a time.
@@ -31,11 +31,11 @@ class ClientFilter {
     std::string reason;  // for the log
   };
 
-  // `owner` begins the ids of the client's sessions, unless it is a tunnel. A client for whom there
-  // is no place gets 503 for its first request.
+  // `owner` is the prefix of the client's session ids, unless the client opens a tunnel. Without
+  // `hasPlace`, the first request is refused with 503.
   ClientFilter(std::string owner, bool hasPlace);
 
-  // Takes what the client has sent; does nothing after a refusal.
+  // Takes bytes from the client; does nothing after a refusal.
   void push(std::string_view bytes, TimePoint now);
   // Refuses the client if its request has not become complete in time.
   void checkTime(TimePoint now);
@@ -48,7 +48,7 @@ class ClientFilter {
   const std::string& output() const { return output_; }
   // The connection's, or the tunnel's.
   const std::string& owner() const { return owner_; }
-  // Whether interleaved data has come since the last call.
+  // Whether the client has sent interleaved data since the last call.
   bool takeActivity();
 
  private:

@@ -11,8 +11,8 @@
 
 namespace station {
 
-// How long the library handles a request. It has one thread for all clients, whose requests wait
-// meanwhile.
+// Measures how long the server library has been handling a request. The library has one thread for
+// all clients, so their requests wait for each other.
 //
 // Threads: any.
 class RequestClock {
@@ -28,22 +28,22 @@ class RequestClock {
   std::atomic<gint64> begin_{0};  // monotonic, in microseconds; 0: no request
 };
 
-// What stands between a client's socket and the RTSP library.
+// The filter between a client's socket and the server library, and its callbacks.
 struct ClientLink {
   ClientFilter filter;
   GTlsCertificate* certificate;  // null: no TLS; outlives the client
-  std::function<bool()> isBusy;  // requests wait meanwhile, for 2 s at most
+  std::function<bool()> isBusy;  // delays requests while true, by 2 s at most
   std::function<void(const std::string& owner)> onActivity;  // at most once a second
   std::shared_ptr<RequestClock> clock;                       // of all clients of a server
 };
 
-// From this call on, connections made from the socket read through the link's filter, and through
-// TLS if it has a certificate. A client that the filter refuses is answered and disconnected.
+// Makes all further connections of the socket read through the link's filter, and through TLS if it
+// has a certificate. A client that the filter refuses gets a response and is disconnected.
 //
 // Threads: the main context's; streams and onActivity on the library's thread of the client.
 void attachLink(GSocket* socket, std::unique_ptr<ClientLink> link);
 
-// What the ids of the client's sessions begin with. The socket needs a link.
+// The prefix of the client's session ids. The socket has to have a link.
 //
 // Threads: the library's thread of the client.
 const std::string& ownerOf(GSocket* socket);

@@ -13,8 +13,8 @@
 
 namespace station {
 
-// Tracks an RTSP client until it disconnects, and disconnects it when it is late. Its sessions are
-// removed with it: the server keeps them for 60 s otherwise, so clients that reconnect without
+// Tracks an RTSP client until it disconnects, disconnects it after a timeout, and removes its
+// sessions with it: the server keeps them for 60 s otherwise, so clients that reconnect without
 // TEARDOWN would exhaust the session pool.
 //
 // Threads: check() the main context's; the rest runs on the server library's thread of the client.
@@ -22,11 +22,9 @@ class ClientTimeouts {
  public:
   static void track(GstRTSPClient* client, GSocket* socket, GstRTSPSessionPool* pool);
 
-  // To be called a few times a second. Disconnects a client
-  // - that has had no session for 15 s in which it did not wait for the server (`serverIsBusy`),
-  // - that the stream has dropped for 3 s, as it does with one over TCP after a backlog of 10 s:
-  // its
-  //   player would wait for frames that do not come.
+  // To be called a few times a second. Disconnects a client that has had no session for 15 s, time
+  // with `serverIsBusy` not counted, and one whose stream has dropped its transport for 3 s, as
+  // streams do over TCP at a backlog of 10 s: its player gets no more frames.
   static void check(GstRTSPClient* client, bool serverIsBusy);
 
   ~ClientTimeouts();

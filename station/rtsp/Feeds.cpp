@@ -21,8 +21,9 @@ GstFlowReturn pushListOrDrop(GstPad* pad, GstObject* parent, GstBufferList* pack
   return orDropped(gst_proxy_pad_chain_list_default(pad, parent, packets));
 }
 
-// The library links a stream when the first client sets it up. Until then its packets are dropped:
-// a source that cannot push ends the media, for all clients.
+// Makes streams that are not linked drop their packets. The library links a stream at its first
+// SETUP; without this, its source gets NOT_LINKED and posts an error, which ends the media for all
+// clients.
 void dropUnlinkedStreams(GstRTSPMedia* media) {
   for (guint i = 0; i < gst_rtsp_media_n_streams(media); ++i) {
     const GstPtr<GstPad> pad(gst_rtsp_stream_get_srcpad(gst_rtsp_media_get_stream(media, i)));

@@ -15,8 +15,8 @@
 
 namespace station {
 
-// The feeds of the server library's media. Media begin and end on threads of the library, and the
-// last ones may end after the camera.
+// Feeds camera and audio into the server library's media. Media are prepared and unprepared on
+// threads of the library, the last ones possibly after the camera has gone.
 //
 // Threads: any.
 class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
@@ -31,7 +31,7 @@ class RtspFeeds : public std::enable_shared_from_this<RtspFeeds> {
   void requestKeyPicture(GstRTSPMedia* media);
   // Ends all feeds.
   void close();
-  // Whether a media is on its way to unprepared: the library refuses requests for it meanwhile.
+  // Whether a media is being unprepared. The library refuses requests for such a media.
   bool isMediaEnding() const { return ending_ > 0; }
 
  private:

@@ -4,10 +4,10 @@
 
 namespace station {
 
-// Keeps RTCP that arrives over UDP away from the media's RTP session: a packet from anywhere with
-// the server's SSRC would count as a collision, which ends the stream for all, and each new SSRC
-// takes memory. A packet from a client's address keeps its session, as the library would. Call it
-// in media-configure.
+// Drops RTCP over UDP before the media's RTP session: a packet from any address with the server's
+// SSRC counts as a collision, which ends the stream for all clients, and each new SSRC takes
+// memory. As in the library, a packet from a client's address keeps its session alive. Call it in
+// media-configure.
 //
 // Threads: any; packets on the library's threads.
 void dropReceiverReports(GstRTSPMedia* media);

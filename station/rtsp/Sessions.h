@@ -6,11 +6,11 @@
 
 namespace station {
 
-// A pool whose sessions have ids that begin with the owner of the connection that began them
-// (ClientLink). The caller owns it.
+// A session pool whose ids begin with ownerOf() the client that created the session. The caller
+// owns it.
 GstRTSPSessionPool* newSessionPool(unsigned int maxSessions);
 
-// Keeps the sessions of this owner.
+// Restarts the timeout of this owner's sessions.
 //
 // Threads: any.
 void touchSessions(GstRTSPSessionPool* pool, const std::string& owner);

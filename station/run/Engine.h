@@ -19,7 +19,7 @@ struct EngineOptions {
   // The options that a part depends on, as text: what differs has changed.
   struct Texts {
     std::string board;
-    std::string camera;  // with its sound and metadata, of all outputs
+    std::string camera;  // with its audio and metadata, of all outputs
     std::string record;
     std::string rtsp;
     std::string http;

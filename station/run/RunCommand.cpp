@@ -45,7 +45,7 @@ std::string configOf(const CLI::App& command) {
 // Groups of options, by what depends on them.
 constexpr const char* kBoard = "Board";
 constexpr const char* kEncoder = "Encoder";
-constexpr const char* kCamera = "Camera, sound and metadata";
+constexpr const char* kCamera = "Camera, audio and metadata";
 constexpr const char* kRecording = "Recording";
 constexpr const char* kRtsp = "RTSP";
 constexpr const char* kHttp = "HTTP";
