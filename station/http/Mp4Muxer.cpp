@@ -1,6 +1,5 @@
 #include "http/Mp4Muxer.h"
 
-#include <cstring>
 #include <utility>
 
 #include <gst/app/gstappsrc.h>
@@ -8,6 +7,7 @@
 
 #include "base/Callback.h"
 #include "base/Pipelines.h"
+#include "http/Mp4Boxes.h"
 
 namespace station {
 namespace {
@@ -15,15 +15,16 @@ namespace {
 using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 
-constexpr guint32 kSampleRate = 48000;  // of all Opus
-constexpr std::size_t kBoxHead = 8;     // size and type
-
+// Into the format of MP4, which AV1 has already: the filter makes the muxer's pad one of video.
+// Null for a codec without a mapping.
 const char* parserOf(Codec codec) {
   switch (codec) {
     case Codec::H264:
       return "h264parse";
     case Codec::H265:
       return "h265parse";
+    case Codec::Av1:
+      return "video/x-av1";
     default:
       return nullptr;
   }
@@ -40,30 +41,21 @@ std::string describeMuxer(Codec codec, bool hasAudio) {
                    : "");
 }
 
-std::uint32_t numberAt(const std::string& bytes, std::size_t offset) {
-  std::uint32_t number = 0;
-  std::memcpy(&number, bytes.data() + offset, sizeof(number));
-  return GUINT32_FROM_BE(number);
-}
-
-// Whether a moof is of the first track, and its only sample refers to no other (ISO/IEC 14496-12:
-// the flags are the last field of tfhd).
-bool isKeyFragment(const std::string& moof) {
-  constexpr std::size_t kTrackNumber = 44;  // after the heads of moof, mfhd, traf and tfhd
-  constexpr std::uint32_t kNonSync = 0x10000;
-  const std::size_t end = kTrackNumber - 12 + numberAt(moof, kTrackNumber - 12);
-  return numberAt(moof, kTrackNumber) == 1 && (numberAt(moof, end - 4) & kNonSync) == 0;
-}
-
-// Workaround for mp4mux of GStreamer 1.22, not needed with 1.26: it writes Opus's sample rate
-// little-endian, and browsers refuse the track.
-void correctOpusRate(std::string& header) {
-  const std::size_t box = header.find("dOps");
-  constexpr std::size_t kRateOffset = 8;  // after type, version, channels and pre-skip
-  if (box != std::string::npos && box + kRateOffset + 4 <= header.size()) {
-    const std::uint32_t rate = GUINT32_TO_BE(kSampleRate);
-    std::memcpy(header.data() + box + kRateOffset, &rate, sizeof(rate));
+// The binding of AV1 leaves out temporal delimiters, the first OBU of each temporal unit.
+void dropTemporalDelimiter(GstBuffer* temporalUnit) {
+  if (gst_buffer_memcmp(temporalUnit, 0, "\x12\0", 2) == 0) {
+    gst_buffer_resize(temporalUnit, 2, -1);
   }
+}
+
+std::optional<Av1Config> readConfig(GstBuffer* temporalUnit, const GstCaps* caps) {
+  GstMapInfo map;
+  if (gst_buffer_map(temporalUnit, &map, GST_MAP_READ) == FALSE) {
+    return std::nullopt;
+  }
+  const auto config = Av1Config::of({reinterpret_cast<const char*>(map.data), map.size}, caps);
+  gst_buffer_unmap(temporalUnit, &map);
+  return config;
 }
 
 }  // namespace
@@ -74,7 +66,8 @@ bool Mp4Muxer::supports(Codec codec) {
 
 Mp4Muxer::Mp4Muxer(Codec codec, LiveAudio* audio, std::function<void()> onFragment,
                    std::function<void(const StationError& error)> onFailure)
-    : onFragment_(std::move(onFragment)),
+    : isAv1_(codec == Codec::Av1),
+      onFragment_(std::move(onFragment)),
       onFailure_(std::move(onFailure)),
       pipeline_(buildPipeline(describeMuxer(codec, audio != nullptr), "the MP4 muxer")),
       video_(findElement(pipeline_.get(), "video")) {
@@ -107,11 +100,17 @@ void Mp4Muxer::push(GstSample* sample, GstClockTime baseTime) {
     if (GST_BUFFER_FLAG_IS_SET(accessUnit, GST_BUFFER_FLAG_DELTA_UNIT)) {
       return;
     }
+    if (isAv1_) {
+      av1_ = readConfig(accessUnit, gst_sample_get_caps(sample));
+    }
     origin_ = time;
     g_object_set(video_.get(), "caps", gst_sample_get_caps(sample), nullptr);
   }
   // Deep, as the muxer must not exhaust the encoder's buffer pool.
   GstBuffer* const copy = gst_buffer_copy_deep(accessUnit);
+  if (isAv1_) {
+    dropTemporalDelimiter(copy);
+  }
   GST_BUFFER_PTS(copy) = GST_BUFFER_DTS(copy) = time - *origin_;
   gst_app_src_push_buffer(GST_APP_SRC(video_.get()), copy);
 }
@@ -154,9 +153,9 @@ GstFlowReturn Mp4Muxer::onSample(GstElement* sink, gpointer self) {
 // The muxer sends boxes in parts: a header ends with moov, a fragment with mdat.
 void Mp4Muxer::takeBoxes() {
   std::size_t end = 0;
-  while (bytes_.size() >= end + kBoxHead) {
+  while (bytes_.size() >= end + kMp4BoxHead) {
     const std::string type = bytes_.substr(end + 4, 4);
-    end += numberAt(bytes_, end);
+    end += mp4NumberAt(bytes_, end);
     if (end > bytes_.size()) {
       return;
     }
@@ -174,21 +173,20 @@ void Mp4Muxer::takeBoxes() {
 }
 
 void Mp4Muxer::keepHeader(std::string bytes) {
-  correctOpusRate(bytes);
   const GstPtr<GstElement> muxer = findElement(pipeline_.get(), "muxer");
-  std::string codecs;
-  g_autoptr(GstIterator) pads = gst_element_iterate_sink_pads(muxer.get());
-  gst_iterator_foreach(
-      pads,
-      [](const GValue* value, gpointer text) {
-        g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_PAD(g_value_get_object(value)));
-        g_autofree gchar* codec = gst_codec_utils_caps_get_mime_codec(caps);
-        std::string& list = *static_cast<std::string*>(text);
-        list += (list.empty() ? "" : ",") + std::string(codec != nullptr ? codec : "");
-      },
-      &codecs);
+  const GstPtr<GstPad> pad(gst_element_get_static_pad(muxer.get(), "video_0"));
+  g_autoptr(GstCaps) caps = gst_pad_get_current_caps(pad.get());
+  g_autofree gchar* codec = gst_codec_utils_caps_get_mime_codec(caps);
   const std::lock_guard lock(mutex_);
-  header_ = {std::move(bytes), "video/mp4; codecs=\"" + codecs + "\""};
+  if (av1_) {
+    replaceAv1Config(bytes, av1_->content);
+  }
+  if (sound_ != nullptr) {
+    correctOpusRate(bytes);
+  }
+  const std::string video = av1_ ? av1_->codecs : codec != nullptr ? codec : "";
+  header_ = {std::move(bytes),
+             "video/mp4; codecs=\"" + video + (sound_ != nullptr ? ",opus\"" : "\"")};
 }
 
 gboolean Mp4Muxer::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {

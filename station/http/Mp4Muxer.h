@@ -13,6 +13,7 @@
 #include "base/Handles.h"
 #include "base/StationError.h"
 #include "http/AccessUnitBuffer.h"
+#include "http/Av1Config.h"
 
 namespace station {
 
@@ -60,6 +61,7 @@ class Mp4Muxer {
   static GstFlowReturn onSample(GstElement* sink, gpointer self);
   static gboolean onMessage(GstBus* bus, GstMessage* message, gpointer self);
 
+  const bool isAv1_;
   const std::function<void()> onFragment_;
   const std::function<void(const StationError& error)> onFailure_;
   // 50 packets of audio a second beside the video.
@@ -69,6 +71,7 @@ class Mp4Muxer {
   mutable std::mutex mutex_;
   std::optional<Header> header_;
   std::optional<GstClockTime> origin_;
+  std::optional<Av1Config> av1_;  // with the origin, if it is AV1
 
   PipelinePtr pipeline_;  // after what its threads use
   GstPtr<GstElement> video_;

@@ -38,12 +38,15 @@ TEST_F(ServeHttpPage, ShowsTheLivePictureIfThereIsOne) {
        {"profile\">nvidia-nvmm<", "codec\">mjpeg<", "viewers\">1 of 32<",
         "Live, 320 × 180, motion JPEG", "role=\"status\">live<"}},
       {"nvvidconv,nvv4l2h264enc", "h264", {"codec\">h264<", "Live, 320 × 180, H264", "0 shown, "}},
+      {"nvidia",
+       "av1",
+       {"Live, 320 × 180, AV1", "0 shown, ", "<button id=\"sound\" type=\"button\">Sound on<"}},
       {"imx", "h265", {"codec\">mjpeg<", "Live, 320 × 180, motion JPEG"}},
       {"nvvidconv,nvv4l2h265enc", "h265", {"codec\">h265<", "no JPEG encoder", "hidden=\"\""}},
   };
   Browser browser;
   for (const auto& [board, codec, texts] : rows) {
-    Server server("http", {"--board", board, "--codec", codec});
+    Server server("http", {"--board", board, "--codec", codec, "--mic", "test"});
     browser.open(server.url());
     expectTexts(browser.awaitTexts(texts), texts);
     server.stop();
