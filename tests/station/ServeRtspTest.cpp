@@ -119,12 +119,12 @@ TEST(ServeRtspKlv, ArrivesWholeBesideVideoAndSound) {
   server.stop();
 }
 
-// A client over TCP by GStreamer's connection, which has set up three streams.
+// A client over TCP by GStreamer's connection, which has set up the first streams.
 class RawClient {
  public:
   using Headers = std::vector<std::pair<GstRTSPHeaderField, std::string>>;
 
-  explicit RawClient(std::string url) : url_(std::move(url)) {
+  explicit RawClient(std::string url, int streams = 3) : url_(std::move(url)) {
     GstRTSPUrl* parsed = nullptr;
     gst_rtsp_url_parse(url_.c_str(), &parsed);
     gst_rtsp_connection_create(parsed, &connection_);
@@ -132,9 +132,9 @@ class RawClient {
     gst_rtsp_connection_connect_usec(connection_, kTimeout);
     gst_rtsp_message_new(&message_);
     EXPECT_EQ(request(GST_RTSP_DESCRIBE), "200 ");
-    for (const char* const stream : {"/stream=0", "/stream=1", "/stream=2"}) {
+    for (int i = 0; i < streams; ++i) {
       const Headers transport = {{GST_RTSP_HDR_TRANSPORT, "RTP/AVP/TCP;unicast"}};
-      EXPECT_EQ(request(GST_RTSP_SETUP, transport, stream), "200 ");
+      EXPECT_EQ(request(GST_RTSP_SETUP, transport, "/stream=" + std::to_string(i)), "200 ");
     }
   }
   ~RawClient() {
@@ -145,7 +145,8 @@ class RawClient {
   RawClient& operator=(const RawClient&) = delete;
 
   // Status and range of the answer.
-  std::string request(GstRTSPMethod method, const Headers& headers = {}, const char* stream = "") {
+  std::string request(GstRTSPMethod method, const Headers& headers = {},
+                      const std::string& stream = "") {
     GstRTSPMessage* request = nullptr;
     gst_rtsp_message_new_request(&request, method, (url_ + stream).c_str());
     for (const auto& [field, value] : headers) {
@@ -197,11 +198,16 @@ class RawClient {
   const std::string url_;
 };
 
-// Beside one who watches. The third stream has no packets at all.
+// Beside one who watches. The third stream has no packets at all, and the first client does not
+// take those of the second.
 TEST(ServeRtspRanges, AreAllNowAndAnEmptyTrackHoldsNobodyUp) {
   Server server("rtsp", {"--board", "imx", "--klv", "--audio-silence", "--fallback", "disabled"});
+  std::optional<RawClient> videoOnly(std::in_place, server.url(), 1);
+  EXPECT_EQ(videoOnly->request(GST_RTSP_PLAY), "200 npt=now-");
+  videoOnly->receiveVideo(10);
   RawClient watcher(server.url());
   RawClient seeker(server.url());
+  videoOnly.reset();
   EXPECT_EQ(watcher.request(GST_RTSP_PLAY), "200 npt=now-");
   for (const char* const range : {"npt=now-", "npt=0-", "npt=5-7", "npt=3600-", "npt=-5",
                                   "clock=20200101T000000Z-", "smpte=0:00:10-"}) {
@@ -221,6 +227,7 @@ std::string statusOf(const std::string& url, const std::string& method,
                      const std::string& header = "X: y") {
   const std::string request = method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n" + header + "\r\n\r\n";
   g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_socket_client_set_timeout(client, 60);
   g_autoptr(GSocketConnection) connection =
       g_socket_client_connect_to_uri(client, url.c_str(), 0, nullptr, nullptr);
   if (connection == nullptr) {
@@ -245,6 +252,16 @@ TEST(ServeRtspOnce, DescribesWhileTheStreamEnds) {
       statusOf(server.url() + "/stream=0", "SETUP", "Transport: RTP/AVP/TCP;unicast;of-no-meaning"),
       "RTSP/1.0 200 OK");
   EXPECT_EQ(server.stop().find("of-no-meaning"), std::string::npos);
+}
+
+// ALSA's null device has sound at once, whatever the time.
+TEST(ServeRtspOnce, AnswersBesideASoundDeviceThatIsAheadOfTheClock) {
+  Server server("rtsp", {"--board", "imx", "--mic", "alsa:null"});
+  RawClient watcher(server.url(), 2);
+  ASSERT_EQ(watcher.request(GST_RTSP_PLAY), "200 npt=now-");
+  watcher.receiveVideo(10);
+  ASSERT_EQ(statusOf(server.url(), "DESCRIBE"), "RTSP/1.0 200 OK");
+  EXPECT_NE(server.stop().find("the microphone is ahead of the clock"), std::string::npos);
 }
 
 // SETUP waits for the first picture, longer than a client may stay without a session, and the
