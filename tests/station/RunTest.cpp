@@ -30,6 +30,15 @@ int brightness(const std::string& image) {
   return std::stoi("0" + mean.out.substr(mean.out.find_first_not_of(' ')));
 }
 
+std::set<fs::path> awaitTwoIn(const std::string& folder) {
+  std::set<fs::path> files;
+  for (int looks = 0; files.size() < 2 && looks < 300; ++looks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    files = {fs::directory_iterator(folder), {}};
+  }
+  return files;
+}
+
 // A file that vanishes, and is replaced by one of another size and frame rate. Recording and server
 // hear one microphone.
 TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
@@ -58,11 +67,7 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const std::string before = utcNow();
   fs::rename(folder / "other.mkv", clip);
   program.awaitErrorLine("camera is back");
-  std::set<fs::path> segments;
-  while (segments.size() < 2) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    segments = {fs::directory_iterator(folder / "out"), {}};
-  }
+  const std::set<fs::path> segments = awaitTwoIn(folder / "out");
   run({"curl", "-sSf", "-o", snapshot, url + "/snapshot.jpg"});
   EXPECT_GT(brightness(snapshot), 70);
   const std::string after = utcNow();
@@ -85,7 +90,8 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   }
 }
 
-// Only the recording changes.
+// The recording changes, then the server, and then the recording goes on after a loss of the
+// camera.
 TEST(Run, ReadsItsOptionsAgain) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
@@ -93,15 +99,17 @@ TEST(Run, ReadsItsOptionsAgain) {
   makeClip(clip, "320x180", 30, 60);
   const auto write = [&](const std::string& record, const std::string& path) {
     std::ofstream(config) << "source = \"" << clip << "\"\nboard = \"imx\"\nrecord = \""
-                          << folder / record << "\"\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
+                          << folder / record
+                          << "\"\naudio-silence = true\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
                           << path << "\"\n";
   };
   write("before", "/camera");
   Program program(station({"run", "--config", config}));
   const std::string line = program.readLine();
   const std::string url = line.substr(line.find("rtsp"), line.find("  ") - line.find("rtsp"));
-  Program viewer({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-read_intervals", "%+#90",
-                  "-show_entries", "packet=flags", "-of", "csv=p=0", url});
+  Program viewer({"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-allowed_media_types",
+                  "video", "-read_intervals", "%+#90", "-show_entries", "packet=flags", "-of",
+                  "csv=p=0", url});
   EXPECT_EQ(viewer.readLine().front(), 'K');
   write("never", "camera");
   program.signal(SIGHUP);
@@ -113,6 +121,14 @@ TEST(Run, ReadsItsOptionsAgain) {
   const Result stream = viewer.wait();
   EXPECT_EQ(stream.exitCode, 0);
   EXPECT_GE(std::count(stream.out.begin(), stream.out.end(), '\n'), 89) << stream.err;
+  write("after", "/moved");
+  program.signal(SIGHUP);
+  program.awaitErrorLine("options read again");
+  fs::rename(clip, folder / "away.mkv");
+  program.awaitErrorLine("camera lost: source failed: media file does not exist: " + clip +
+                         "; waiting for it to come back");
+  fs::rename(folder / "away.mkv", clip);
+  awaitTwoIn(folder / "after");
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 9) << result.err;
