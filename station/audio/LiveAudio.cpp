@@ -12,7 +12,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Of fallback frames behind the present: packets may be that late, less one of them.
+// Fallback frames are made this far behind the present: packets may be late by that, less one
+// frame.
 constexpr std::chrono::milliseconds kLiveLag{120};
 constexpr std::chrono::milliseconds kTakeInterval{10};
 

@@ -8,8 +8,8 @@
 
 namespace station {
 
-// Calls what opens or reads `source`: no memory for its pictures and a path that cannot be looked
-// up are failures of the source. Throws StationError.
+// Calls a function that opens or reads `source`. Throws StationError (Source) for its
+// std::bad_alloc and its errors of the file system.
 template <typename Call>
 auto callSource(const std::string& source, const Call& call) {
   try {

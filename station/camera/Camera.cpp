@@ -92,8 +92,7 @@ class StillImage : public Camera {
   std::shared_ptr<lumora::ExportedFrame> frame_;
 };
 
-// Without the place in GStreamer's source, which the library's messages contain: one line for
-// users.
+// Removes file, line and function in GStreamer's source from a message of the library.
 std::string withoutPlace(const std::string& reason) {
   static const std::regex kPlace(R"( \([^ ]+\(\d+\): \w+ \(\): [^\n]*(?:\)$|\n))");
   std::smatch place;

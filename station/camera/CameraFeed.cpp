@@ -48,7 +48,7 @@ void CameraFeed::push(const CameraFrame& frame) {
   }
 }
 
-// In order with the frames, so that it reaches the encoder with the next one.
+// Sends the event through the appsrc, so that it reaches the encoder in order with the frames.
 void CameraFeed::sendKeyRequest() {
   if (++sinceKey_ > format_.rate.framesUntil(kKeyInterval) && isKeyWanted_.exchange(false)) {
     gst_element_send_event(source_.get(), gst_video_event_new_downstream_force_key_unit(

@@ -9,14 +9,14 @@
 
 namespace station {
 
-// When the frames on their way through an encoder were captured.
+// Capture times of the frames that are in an encoder.
 //
 // Threads: any.
 class CaptureTimes {
  public:
   using Time = std::chrono::system_clock::time_point;
 
-  // Forgets the oldest of many frames.
+  // Drops the oldest of too many frames.
   void add(GstClockTime runningTime, Time captured);
 
   // Of the frame with this running time, or the nearest within a millisecond, because encoders may

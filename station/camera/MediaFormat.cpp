@@ -69,7 +69,8 @@ void prepareFile(GstElement* pipeline) {
 constexpr SourcePipeline::Traits kFile =
     MediaProbe::traits("simu_file_src", "location", describeFile, prepareFile);
 
-// As the library's V4L2 source: what is asked for decides which format the driver gives.
+// As the library's V4L2 source: the driver chooses its format by the size and rate that are asked
+// for.
 std::string describeDevice(const SourcePipeline::Config& config) {
   const auto [numerator, denominator] = media_backend::gst_source::fps_fraction(config.fps);
   return "v4l2src name=simu_v4l_src io-mode=2 ! queue max-size-buffers=2 ! videoconvert "

@@ -8,8 +8,8 @@
 
 namespace station {
 
-// A pipeline that looks into a source besides the library's. Failures are silent: the library's
-// source fails again, with its own text.
+// A pipeline of the station's own that examines a source. Failures are silent: the library's source
+// fails again, with a message.
 //
 // Threads: one at a time.
 class MediaProbe {

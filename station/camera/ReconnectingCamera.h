@@ -12,13 +12,13 @@
 
 namespace station {
 
-// A camera that may be lost, and whose source is then tried again after 1, 2 and 5 seconds, and
-// every 5 seconds from there on. Until it is back, its pictures are a still that says "no signal".
+// A camera that opens its source again after a failure: after 1, 2 and 5 seconds, then every 5
+// seconds. Meanwhile, next() returns a still picture that says "no signal".
 //
-// Its destructor waits for an attempt that is under way: ten seconds at most.
+// The destructor waits for an attempt in progress, ten seconds at most.
 //
-// next() fails as long as there was no picture, if the source comes back in another format, and for
-// want of memory for the still.
+// next() throws if the source fails before its first picture or comes back in another format, and
+// if there is no memory for the still picture.
 class ReconnectingCamera : public Camera {
  public:
   // Opens the source for the board's elements, as Camera::openFor() does.

@@ -104,7 +104,7 @@ std::string encoded(const lumora::LumoraPicture& picture, const std::string& col
   return result;
 }
 
-// Leaves a file that exists as it was if it fails.
+// Replaces an existing file only if writing succeeds.
 void write(const fs::path& file, const std::string& bytes) {
   g_autoptr(GError) error = nullptr;
   if (!g_file_set_contents_full(file.c_str(), bytes.data(), static_cast<gssize>(bytes.size()),

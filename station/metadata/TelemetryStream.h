@@ -10,8 +10,8 @@
 namespace station {
 
 // Telemetry that arrives while the program runs, as TelemetryLine: from standard input, or in UDP
-// datagrams of one line or several. A line without a time counts from its arrival. Standard error
-// tells of the first lines that cannot be read.
+// datagrams of one line or several. A line without a time gets that of its arrival. The first lines
+// that cannot be parsed are reported on standard error.
 class TelemetryStream : public MetadataSource {
  public:
   static constexpr std::size_t kCapacity = 4096;  // values of a key

@@ -11,7 +11,7 @@ namespace {
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
-// Of fallback audio behind the video: packets may be that late, less one of them.
+// Fallback frames are made this far behind the video: packets may be late by that, less one frame.
 constexpr std::chrono::milliseconds kLag{250};
 
 }  // namespace

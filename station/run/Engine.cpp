@@ -40,7 +40,7 @@ void refuseUnusedSettings(const EngineOptions& options, const GstVideoBackend& b
   }
 }
 
-// Before anything is opened or written.
+// Throws for options that cannot work, before anything is opened or written.
 void check(const EngineOptions& options, const GstVideoBackend& backend) {
   refuseUnusedSettings(options, backend);
   if (options.record) {
@@ -71,7 +71,7 @@ class Engine {
     check(*options_, backend_);
   }
 
-  // Runs a camera. Returns whether to do so again, with other options.
+  // Runs a camera and its outputs. Returns whether to run again, with the options that were read.
   bool run() {
     next_.reset();
     LiveCamera camera(
@@ -88,7 +88,8 @@ class Engine {
     try {
       loop_.run(camera, isQuiet(*options_));
     } catch (const StationError& error) {
-      if (error.code() == ExitCode::Source || !camera.failure()) {  // not the recording's own
+      if (error.code() == ExitCode::Source ||
+          !camera.failure()) {  // not a failure of the recording itself
         outputs.finish();
       }
       throw;

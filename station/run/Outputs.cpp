@@ -22,7 +22,7 @@ void announce(const char* scheme, const Listener& listener, const std::string& p
   }
 }
 
-// Over HTTP, some encoders run without any setting: the library leaves them theirs.
+// Over HTTP, the library sets no bit rate on some encoders.
 void noteUnusedBitRate(const EngineOptions& options, const GstVideoBackend& backend) {
   if (options.encoder.isBitRateUnused(backend, Use::Http, {options.http->encoder})) {
     std::fprintf(stderr,
@@ -44,7 +44,7 @@ Outputs::Outputs(const Options& options, const GstVideoBackend& backend, LiveCam
   start();
 }
 
-// Those that are missing.
+// Starts the outputs that are wanted and do not run.
 void Outputs::start() {
   if (options_->record && !recording_) {
     recordedAudio_.emplace(options_->audio, microphone_);
@@ -78,7 +78,7 @@ void Outputs::startHttp() {
   noteUnusedBitRate(*options_, backend_);
 }
 
-// All that end do so before any starts: an address may move from one to the other.
+// Ends outputs before it starts any: one may take over the address of another.
 void Outputs::change(const Options& options) {
   const EngineOptions::Texts& before = options_->texts;
   const EngineOptions::Texts& now = options->texts;

@@ -52,7 +52,7 @@ constexpr const char* kHttp = "HTTP";
 constexpr const char* kServers = "RTSP and HTTP";
 constexpr const char* kProgram = "Other";
 
-// When the files of --auth and --tls have changed; nothing for what names no file.
+// Modification times of the files that a value of --auth or --tls names.
 std::string timesOf(const std::string& value) {
   std::istringstream parts(value);
   std::string text;
@@ -64,7 +64,7 @@ std::string timesOf(const std::string& value) {
   return text;
 }
 
-// The given options of these groups.
+// The options of these groups that were given, a line each.
 std::string textOf(const CLI::App& command, const std::set<std::string>& groups) {
   std::string text;
   for (const CLI::Option* const option : command.get_options()) {

@@ -31,7 +31,7 @@ class RunCommand : public Command {
   const CLI::App* command_ = nullptr;
   const CLI::Option* config_ = nullptr;
   const std::shared_ptr<EngineOptions> options_ =
-      std::make_shared<EngineOptions>();  // the outputs after the parser
+      std::make_shared<EngineOptions>();  // its outputs: by completeOptions()
   media_backend::GstVideoBackend::EncoderConfig encoder_;
   RecordOptions record_;
   ServeOptions server_;  // what both servers take
