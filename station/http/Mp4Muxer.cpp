@@ -36,7 +36,7 @@ std::string describeMuxer(Codec codec, bool hasAudio) {
          parserOf(codec) +
          " ! mp4mux name=muxer fragment-duration=1 streamable=true ! "
          "appsink name=fragments sync=false emit-signals=true " +
-         (hasAudio ? "appsrc name=sound format=time max-buffers=100 leaky-type=downstream "
+         (hasAudio ? "appsrc name=audio format=time max-buffers=100 leaky-type=downstream "
                      "caps=audio/x-opus,channel-mapping-family=0,channels=1,rate=48000 ! muxer."
                    : "");
 }
@@ -49,13 +49,7 @@ void dropTemporalDelimiter(GstBuffer* temporalUnit) {
 }
 
 std::optional<Av1Config> readConfig(GstBuffer* temporalUnit, const GstCaps* caps) {
-  GstMapInfo map;
-  if (gst_buffer_map(temporalUnit, &map, GST_MAP_READ) == FALSE) {
-    return std::nullopt;
-  }
-  const auto config = Av1Config::of({reinterpret_cast<const char*>(map.data), map.size}, caps);
-  gst_buffer_unmap(temporalUnit, &map);
-  return config;
+  return Av1Config::of(MappedBuffer(temporalUnit).bytes(), caps);
 }
 
 }  // namespace
@@ -77,7 +71,7 @@ Mp4Muxer::Mp4Muxer(Codec codec, LiveAudio* audio, std::function<void()> onFragme
   gst_bus_add_watch(bus.get(), guarded<onMessage>, this);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);  // the bus reports a failure
   if (audio != nullptr) {
-    sound_ = findElement(pipeline_.get(), "sound");
+    audioSource_ = findElement(pipeline_.get(), "audio");
     audio_.emplace(*audio, [this](const auto& packet, auto begin) {
       pushAudio(packet, static_cast<GstClockTime>(begin.time_since_epoch().count()));
     });
@@ -124,7 +118,7 @@ void Mp4Muxer::pushAudio(const media_backend::EncodedAudioFrame& packet, GstCloc
   gst_buffer_fill(buffer, 0, packet.payload.data(), packet.payload.size());
   GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = time - *origin_;
   GST_BUFFER_DURATION(buffer) = packet.durationNs;
-  gst_app_src_push_buffer(GST_APP_SRC(sound_.get()), buffer);
+  gst_app_src_push_buffer(GST_APP_SRC(audioSource_.get()), buffer);
 }
 
 std::optional<Mp4Muxer::Header> Mp4Muxer::header() const {
@@ -141,10 +135,8 @@ GstFlowReturn Mp4Muxer::onSample(GstElement* sink, gpointer self) {
   auto* const muxer = static_cast<Mp4Muxer*>(self);
   g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0);
   GstBuffer* const buffer = sample != nullptr ? gst_sample_get_buffer(sample) : nullptr;
-  GstMapInfo map;
-  if (buffer != nullptr && gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-    muxer->bytes_.append(reinterpret_cast<const char*>(map.data), map.size);
-    gst_buffer_unmap(buffer, &map);
+  if (buffer != nullptr) {
+    muxer->bytes_ += MappedBuffer(buffer).bytes();
     muxer->takeBoxes();
   }
   return GST_FLOW_OK;
@@ -181,12 +173,12 @@ void Mp4Muxer::keepHeader(std::string bytes) {
   if (av1_) {
     replaceAv1Config(bytes, av1_->content);
   }
-  if (sound_ != nullptr) {
+  if (audioSource_ != nullptr) {
     correctOpusRate(bytes);
   }
   const std::string video = av1_ ? av1_->codecs : codec != nullptr ? codec : "";
   header_ = {std::move(bytes),
-             "video/mp4; codecs=\"" + video + (sound_ != nullptr ? ",opus\"" : "\"")};
+             "video/mp4; codecs=\"" + video + (audioSource_ != nullptr ? ",opus\"" : "\"")};
 }
 
 gboolean Mp4Muxer::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {

@@ -17,7 +17,7 @@
 
 namespace station {
 
-// Puts encoded video and sound into fragmented MP4, one fragment per frame or packet: ISO BMFF as
+// Puts encoded video and audio into fragmented MP4, one fragment per frame or packet: ISO BMFF as
 // Media Source Extensions take it. A frame leaves when two more have come, as the muxer needs their
 // times.
 //
@@ -75,7 +75,7 @@ class Mp4Muxer {
 
   PipelinePtr pipeline_;  // after what its threads use
   GstPtr<GstElement> video_;
-  GstPtr<GstElement> sound_;
+  GstPtr<GstElement> audioSource_;
   std::optional<LiveAudio::Subscription> audio_;
 };
 
