@@ -78,7 +78,7 @@ TEST(MisbSt0601, EncodesTheStandardsExamples) {
   }
   const Bytes packet = encode(*picture);
   EXPECT_EQ(packet.at(16), 0x81) << "BER long form";
-  EXPECT_EQ(packet.at(18), 2) << "the time stamp comes first";
+  EXPECT_EQ(packet.at(18), 2) << "the timestamp comes first";
   auto items = itemsOf(packet);
   for (const Row& row : rows) {
     EXPECT_EQ(station::numberOf(items[row.tag]), row.encoded) << row.key;
