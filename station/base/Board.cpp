@@ -10,6 +10,11 @@ using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 using Platform = GstVideoBackend::Platform;
 
+bool areAlternatives(const BoardElement& one, const BoardElement& other) {
+  return one.need == Need::OneOf && other.need == Need::OneOf && one.platform == other.platform &&
+         (one.codec == Codec::Unknown) == (other.codec == Codec::Unknown);
+}
+
 const char* platformName(Platform platform) {
   switch (platform) {
     case Platform::Nvidia:

@@ -30,6 +30,9 @@ struct BoardElement {
   bool present;
 };
 
+// Whether the platform takes either of two elements.
+bool areAlternatives(const BoardElement& one, const BoardElement& other);
+
 // For display: the name of the platform's profile, or "every platform".
 const char* platformName(media_backend::GstVideoBackend::Platform platform);
 

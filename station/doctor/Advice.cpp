@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "doctor/WrongPictures.h"
+
 namespace station {
 namespace {
 
@@ -10,12 +12,6 @@ using Codec = media_backend::GstVideoBackend::Codec;
 using Platform = media_backend::GstVideoBackend::Platform;
 
 constexpr std::uint64_t kPoolKb = 8 * 1280 * 736 * 3 / 2 / 1024;  // frames in use at once
-
-// Whether two elements are alternatives of a platform.
-bool areAlternatives(const BoardElement& one, const BoardElement& other) {
-  return one.need == Need::OneOf && other.need == Need::OneOf && one.platform == other.platform &&
-         (one.codec == Codec::Unknown) == (other.codec == Codec::Unknown);
-}
 
 class Advice {
  public:
@@ -64,13 +60,8 @@ class Advice {
   void adviseOnMissing() {
     for (const ElementDiagnosis& row : board_.elements) {
       const BoardElement& element = row.element;
-      const auto replaces = [&element](const ElementDiagnosis& other) {
-        return other.element.present && areAlternatives(element, other.element) &&
-               element.codec == other.element.codec;
-      };
       const bool counts = element.platform == board_.platform || element.platform == Platform::None;
-      if (!element.present && counts &&
-          std::none_of(board_.elements.begin(), board_.elements.end(), replaces)) {
+      if (!element.present && counts && !board_.hasAlternativeTo(element)) {
         add(std::string("to have ") + element.name + " (" + element.role + "), install " +
             providerOf(element.name));
       }
@@ -139,34 +130,28 @@ class Advice {
   }
 
   void adviseOnTrials() {
+    for (const std::string& line : adviseOnWrongPictures(board_)) {
+      add(line);
+    }
     for (const CodecDiagnosis& codec : board_.codecs) {
       for (const DescriptionDiagnosis& description : codec.descriptions) {
-        if (description.trial && !description.trial->ok) {
+        if (description.trial && !description.hasWrongPictures()) {
           adviseOnTrial(codec, description);
-        } else if (description.trial && !description.trial->value["compared"].get<bool>()) {
-          add(std::string("to compare pictures of ") + codec.name() +
-              ", install a decoder of software (Debian: gstreamer1.0-libav)");
         }
       }
     }
   }
 
-  // The uses differ in their converters.
   void adviseOnTrial(const CodecDiagnosis& codec, const DescriptionDiagnosis& description) {
-    const std::string& error = description.trial->error;
-    const std::string remedy = remedyFor(error);
-    const std::string name = std::string(codec.name()) + ", " + description.name();
-    if (!remedy.empty()) {
-      add(remedy);
-    } else if (error.find("pictures come back") == std::string::npos) {
-      add("see what the drivers say of the trial of " + name + ", below, and dmesg");
-    } else {
-      add(error + " (" + name +
-          "). If another use of the codec works, its converter is at fault (" +
-          (board_.platform == Platform::Nvidia ? "nvvideoconvert on some releases, where nvvidconv "
-                                                 "works"
-                                               : "imxvideoconvert_g2d") +
-          "): update the board maker's release, or take that element out of GStreamer's path");
+    const CheckResult& trial = *description.trial;
+    if (!trial.ok) {
+      const std::string remedy = remedyFor(trial.error);
+      add(!remedy.empty() ? remedy
+                          : std::string("see what the drivers say of the trial of ") +
+                                codec.name() + ", " + description.name() + ", below, and dmesg");
+    } else if (!trial.value["compared"].get<bool>()) {
+      add(std::string("to compare pictures of ") + codec.name() +
+          ", install a decoder of software (Debian: gstreamer1.0-libav)");
     }
   }
 

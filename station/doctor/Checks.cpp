@@ -78,11 +78,16 @@ void tryOut(CodecDiagnosis& codec, const CheckRunner& runner) {
       continue;
     }
     const int frames = description.use == Use::Record ? 30 : 10;
-    description.trial = runner.run(Check::Trial, std::string(description.name()) + " " +
+    CheckResult trial = runner.run(Check::Trial, std::string(description.name()) + " " +
                                                      codec.name() + " " + std::to_string(frames));
-    if (!description.trial->ok) {
-      codec.problems.push_back(description.name() + (": " + description.trial->error));
+    if (trial.ok) {
+      trial.error = trial.value["fault"];
+      trial.ok = trial.error.empty();
     }
+    if (!trial.ok) {
+      codec.problems.push_back(description.name() + (": " + trial.error));
+    }
+    description.trial = std::move(trial);
   }
 }
 
@@ -142,6 +147,10 @@ bool DescriptionDiagnosis::hasElement(const std::string& name) const {
   return std::find(elements.begin(), elements.end(), name) != elements.end();
 }
 
+bool DescriptionDiagnosis::hasWrongPictures() const {
+  return trial && !trial->ok && trial->value.is_object();
+}
+
 bool CodecDiagnosis::encodes() const {
   return std::any_of(descriptions.begin(), descriptions.end(),
                      [](const DescriptionDiagnosis& description) { return description.works(); });
@@ -156,6 +165,13 @@ const CheckResult* Diagnosis::feed() const {
     }
   }
   return nullptr;
+}
+
+bool Diagnosis::hasAlternativeTo(const BoardElement& element) const {
+  return std::any_of(elements.begin(), elements.end(), [&element](const ElementDiagnosis& other) {
+    return other.element.present && other.element.name != std::string(element.name) &&
+           areAlternatives(element, other.element) && element.codec == other.element.codec;
+  });
 }
 
 Diagnosis diagnose(const GstVideoBackend& backend, const CheckRunner& runner) {

@@ -36,6 +36,7 @@ struct DescriptionDiagnosis {
   bool hasElement(const std::string& name) const;
   bool ok() const { return check.ok && problems().empty(); }
   bool works() const { return ok() && trial && trial->ok; }
+  bool hasWrongPictures() const;  // the trial has run, and they did not come back as sent
 };
 
 struct CodecDiagnosis {
@@ -72,6 +73,8 @@ struct Diagnosis {
 
   // Of the first use that works, how its frames got to the elements; null without one.
   const CheckResult* feed() const;
+  // Whether another element is here that does the same for the platform.
+  bool hasAlternativeTo(const BoardElement& element) const;
   bool available() const { return platform != media_backend::GstVideoBackend::Platform::None; }
 };
 

@@ -36,14 +36,17 @@ std::string remedyFor(const std::string& error) {
     return "";
   }
   const std::string node = match.str(1);
-  return isNull(node)
-             ? node +
-                   " has the numbers of /dev/null, a stub: this module has no encoder, though "
-                   "the elements are installed; take a module that has one"
-             : node +
-                   " is no V4L2 driver for the libv4l2 that was loaded: the board maker's own, "
-                   "with its plugins, has to come first (ldconfig -p | grep libv4l2, and unset "
-                   "LD_LIBRARY_PATH)";
+  const std::string look = " (ldconfig -p | grep libv4l2, and unset LD_LIBRARY_PATH)";
+  // Where there is an encoder, such a node is a placeholder for the board maker's libv4l2.
+  return isNull(node) ? node +
+                            " has the numbers of /dev/null: this module has no encoder, though the "
+                            "elements are installed (see its data sheet), or another libv4l2 than "
+                            "the board maker's was loaded" +
+                            look
+                      : node +
+                            " is no V4L2 driver for the libv4l2 that was loaded: the board "
+                            "maker's own, with its plugins, has to come first" +
+                            look;
 }
 
 std::vector<OtherEncoder> findOtherEncoders() {
