@@ -11,7 +11,7 @@ namespace {
 using Codec = media_backend::GstVideoBackend::Codec;
 using Platform = media_backend::GstVideoBackend::Platform;
 
-constexpr std::uint64_t kPoolKb = 8 * 1280 * 736 * 3 / 2 / 1024;  // frames in use at once
+constexpr std::uint64_t kPoolKb = kFramesInUse * 1280 * 736 * 3 / 2 / 1024;
 
 class Advice {
  public:
@@ -42,9 +42,9 @@ class Advice {
   }
 
   void adviseOnAccess() {
-    for (const DeviceDiagnosis& device : board_.devices) {
-      if (device.check.ok && !device.check.value["remedy"].get<std::string>().empty()) {
-        add(device.check.value["remedy"]);
+    for (const auto& device : board_.devices) {
+      if (device["remedy"] != "") {
+        add(device["remedy"]);
       }
     }
   }
@@ -156,8 +156,13 @@ class Advice {
   }
 
   void adviseOnMemory() {
+    if (board_.frames && !board_.frames->ok) {
+      add(board_.frames->error);
+    }
     const Machine& machine = board_.machine;
-    if (machine.contiguousFreeKb && *machine.contiguousFreeKb < kPoolKb) {
+    // NVIDIA's video hardware has memory management of its own.
+    if (board_.platform == Platform::ImxVpu && machine.contiguousFreeKb &&
+        *machine.contiguousFreeKb < kPoolKb) {
       add("give the kernel more contiguous memory (cma=256M on its command line): " +
           std::to_string(*machine.contiguousFreeKb) +
           " kB are free, and frames of 1280 x 720 take " + std::to_string(kPoolKb));

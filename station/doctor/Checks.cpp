@@ -94,6 +94,9 @@ void tryOut(CodecDiagnosis& codec, const CheckRunner& runner) {
 CodecDiagnosis diagnoseCodec(const GstVideoBackend& backend, Codec codec, const Diagnosis& board,
                              const CheckRunner& runner) {
   CodecDiagnosis diagnosis{codec, backend.supports(codec), {}, {}};
+  if (!board.available()) {
+    return diagnosis;
+  }
   if (!diagnosis.supported) {
     nameMissing(diagnosis, board);
     return diagnosis;
@@ -109,9 +112,12 @@ CodecDiagnosis diagnoseCodec(const GstVideoBackend& backend, Codec codec, const 
     }
   }
   nameUnopened(diagnosis, board);
-  const bool opens = diagnosis.problems.empty();
+  if (!board.frames->ok) {
+    diagnosis.problems.push_back("frames: " + board.frames->error);
+  }
+  const bool canRun = diagnosis.problems.empty();
   nameProblems(diagnosis);
-  if (opens) {
+  if (canRun) {
     tryOut(diagnosis, runner);
   }
   return diagnosis;
@@ -156,15 +162,19 @@ bool CodecDiagnosis::encodes() const {
                      [](const DescriptionDiagnosis& description) { return description.works(); });
 }
 
-const CheckResult* Diagnosis::feed() const {
+const CheckResult* Diagnosis::trial() const {
+  const CheckResult* first = nullptr;
   for (const CodecDiagnosis& codec : codecs) {
     for (const DescriptionDiagnosis& description : codec.descriptions) {
       if (description.works()) {
         return &*description.trial;
       }
+      if (first == nullptr && description.trial) {
+        first = &*description.trial;
+      }
     }
   }
-  return nullptr;
+  return first;
 }
 
 bool Diagnosis::hasAlternativeTo(const BoardElement& element) const {
@@ -180,13 +190,18 @@ Diagnosis diagnose(const GstVideoBackend& backend, const CheckRunner& runner) {
   board.profile = backend.name();
   board.elements = diagnoseElements(board, runner);
   if (board.available()) {
-    for (const Codec codec : kCodecs) {
-      board.codecs.push_back(diagnoseCodec(backend, codec, board, runner));
-    }
+    board.frames = runner.run(Check::Frames, std::to_string(kFramesInUse));
+  }
+  for (const Codec codec : kCodecs) {
+    board.codecs.push_back(diagnoseCodec(backend, codec, board, runner));
   }
   board.failedPlugins = findFailedPlugins(runner);
   for (const std::string& node : listDeviceNodes()) {
-    board.devices.push_back({node, runner.run(Check::Device, node)});
+    CheckResult check = runner.run(Check::Device, node);
+    Device broken;
+    broken.node = node;
+    broken.error = check.error;
+    board.devices.push_back(check.ok ? std::move(check.value) : toJson(broken));
   }
   board.machine = describeMachine();
   board.otherEncoders = findOtherEncoders();

@@ -15,6 +15,8 @@
 
 namespace station {
 
+constexpr unsigned int kFramesInUse = 8;  // at once, of 1280 x 720
+
 struct ElementDiagnosis {
   BoardElement element;
   PluginOrigin origin;
@@ -56,23 +58,19 @@ struct FailedPlugin {
   std::string error;
 };
 
-struct DeviceDiagnosis {
-  std::string node;
-  CheckResult check;
-};
-
 struct Diagnosis {
   media_backend::GstVideoBackend::Platform platform;  // None: not available
   std::string profile;
   std::vector<ElementDiagnosis> elements;
-  std::vector<CodecDiagnosis> codecs;
+  std::optional<CheckResult> frames;   // whether memory has kFramesInUse; none without a platform
+  std::vector<CodecDiagnosis> codecs;  // all
   std::vector<FailedPlugin> failedPlugins;
-  std::vector<DeviceDiagnosis> devices;
+  std::vector<nlohmann::ordered_json> devices;
   Machine machine;
   std::vector<OtherEncoder> otherEncoders;
 
-  // Of the first use that works, how its frames got to the elements; null without one.
-  const CheckResult* feed() const;
+  // Of the first use that works, or else the first that was tried; null without one.
+  const CheckResult* trial() const;
   // Whether another element is here that does the same for the platform.
   bool hasAlternativeTo(const BoardElement& element) const;
   bool available() const { return platform != media_backend::GstVideoBackend::Platform::None; }

@@ -156,6 +156,12 @@ std::vector<std::string> listDeviceNodes() {
   return nodes;
 }
 
+nlohmann::ordered_json toJson(const Device& device) {
+  return {{"node", device.node},     {"kind", device.kind},   {"driver", device.driver},
+          {"card", device.card},     {"bus", device.bus},     {"takes", device.inputs},
+          {"gives", device.formats}, {"error", device.error}, {"remedy", device.remedy}};
+}
+
 Device describeDevice(const std::string& node) {
   Device device;
   device.node = node;

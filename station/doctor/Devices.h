@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace station {
 
 // A device node of video hardware: V4L2, DMA heap or DRM render node. Unknown texts are empty.
@@ -20,6 +22,9 @@ struct Device {
 
 // The machine's nodes, sorted.
 std::vector<std::string> listDeviceNodes();
+
+// The report's object of a device.
+nlohmann::ordered_json toJson(const Device& device);
 
 // Opens the node. A broken driver can block the calling thread indefinitely.
 Device describeDevice(const std::string& node);

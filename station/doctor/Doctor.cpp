@@ -93,24 +93,33 @@ std::string joined(const ordered_json& texts) {
   return line;
 }
 
-void printDevice(const DeviceDiagnosis& diagnosis) {
-  const CheckResult& device = diagnosis.check;
-  std::printf("  %s", diagnosis.node.c_str());
-  if (!device.ok) {
-    std::printf("  %s\n", device.error.c_str());
-    return;
-  }
+void printDevice(const ordered_json& device) {
+  std::printf("  %s", device["node"].get<std::string>().c_str());
   for (const char* const key : {"kind", "driver", "card", "bus"}) {
-    const std::string text = device.value[key];
+    const std::string text = device[key];
     std::printf("%s%s", text.empty() ? "" : "  ", text.c_str());
   }
   for (const char* const key : {"takes", "gives"}) {
-    if (!device.value[key].empty()) {
-      std::printf("\n    %s%s", key, joined(device.value[key]).c_str());
+    if (!device[key].empty()) {
+      std::printf("\n    %s%s", key, joined(device[key]).c_str());
     }
   }
-  const std::string error = device.value["error"];
+  const std::string error = device["error"];
   std::printf("%s%s\n", error.empty() ? "" : "\n    cannot be opened: ", error.c_str());
+}
+
+// Where the station's frames would be, and what came of the trial.
+void printFrames(const CheckResult& frames, const CheckResult* trial) {
+  std::string line = frames.ok ? frames.value["feed"].get<std::string>() : frames.error;
+  if (trial != nullptr && !trial->ok) {
+    line += "; " + trial->error;
+  } else if (trial != nullptr) {
+    line += "; " + trial->value["encoded"].dump() + " of " + trial->value["sent"].dump() +
+            " came back" +
+            (trial->value["compared"].get<bool>() ? " as they were sent" : ", not compared");
+  }
+  std::printf("  frames   %s\n", line.c_str());
+  printLog(frames);
 }
 
 void printMachine(const Diagnosis& board) {
@@ -123,11 +132,8 @@ void printMachine(const Diagnosis& board) {
                 static_cast<unsigned long long>(*machine.contiguousKb),
                 static_cast<unsigned long long>(*machine.contiguousFreeKb));
   }
-  if (const CheckResult* const feed = board.feed()) {
-    const auto& trial = feed->value;
-    std::printf("  frames   %s; %u of %u came back%s\n", trial["feed"].get<std::string>().c_str(),
-                trial["encoded"].get<unsigned int>(), trial["sent"].get<unsigned int>(),
-                trial["compared"].get<bool>() ? " as they were sent" : ", not compared");
+  if (board.frames) {
+    printFrames(*board.frames, board.trial());
   }
   for (const OtherEncoder& encoder : board.otherEncoders) {
     std::printf("  %s is not supported: it is of %s\n", encoder.name, encoder.boards);
@@ -141,7 +147,7 @@ void printText(const Diagnosis& board, const std::vector<std::string>& next,
     std::printf("next: %s\n", line.c_str());
   }
   printMachine(board);
-  if (!board.codecs.empty()) {
+  if (board.available()) {
     std::printf("\ncodecs\n");
     std::for_each(board.codecs.begin(), board.codecs.end(), printCodec);
     printProblems(board);

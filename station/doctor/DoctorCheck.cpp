@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include <gst/gst.h>
+#include <lumora/LumoraPicture.h>
 #include <sys/prctl.h>
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -17,7 +18,7 @@
 #include "base/Handles.h"
 #include "base/Options.h"
 #include "base/Pipelines.h"
-#include "base/StationError.h"
+#include "camera/FrameFeed.h"
 #include "doctor/Child.h"
 #include "doctor/DescriptionCheck.h"
 #include "doctor/Devices.h"
@@ -87,6 +88,21 @@ ordered_json tryPictures(const std::string& argument) {
           {"fault", trial.fault}};
 }
 
+// "FRAMES": are there so many in memory that the elements take?
+ordered_json reserveFrames(const std::string& argument) {
+  FrameFormat format;
+  FrameFeed feed(GstVideoBackend::instance(), {});
+  feed.begin(format);
+  const std::vector<std::uint8_t> grey(format.width * format.height * 3 / 2, 128);
+  const auto picture =
+      lumora::LumoraPicture::fromNv12Host(grey.data(), format.width, format.height, format.width);
+  std::vector<std::shared_ptr<lumora::ExportedFrame>> frames(std::stoul(argument));
+  for (auto& frame : frames) {
+    frame = feed.exportPicture(*picture);
+  }
+  return {{"feed", format.feed}, {"zeroCopy", feed.isZeroCopy()}};
+}
+
 ordered_json load(const std::string& file) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GstPlugin) plugin = gst_plugin_load_file(file.c_str(), &error);
@@ -97,10 +113,7 @@ ordered_json load(const std::string& file) {
 }
 
 ordered_json device(const std::string& node) {
-  const Device device = describeDevice(node);
-  return {{"node", device.node},     {"kind", device.kind},   {"driver", device.driver},
-          {"card", device.card},     {"bus", device.bus},     {"takes", device.inputs},
-          {"gives", device.formats}, {"error", device.error}, {"remedy", device.remedy}};
+  return toJson(describeDevice(node));
 }
 
 constexpr struct {
@@ -108,8 +121,11 @@ constexpr struct {
   const char* name;
   ordered_json (*run)(const std::string& argument);
 } kChecks[] = {
-    {Check::Open, "open", openElement},   {Check::Description, "description", check},
-    {Check::Trial, "trial", tryPictures}, {Check::Load, "load", load},
+    {Check::Open, "open", openElement},
+    {Check::Description, "description", check},
+    {Check::Frames, "frames", reserveFrames},
+    {Check::Trial, "trial", tryPictures},
+    {Check::Load, "load", load},
     {Check::Device, "device", device},
 };
 
@@ -145,11 +161,6 @@ void DoctorCheck::run() {
   ordered_json answer = {{"error", ""}, {"value", nullptr}};
   try {
     answer["value"] = runHere(check_, argument_);
-  } catch (const StationError& error) {
-    if (error.code() == ExitCode::Usage) {
-      throw;
-    }
-    answer["error"] = error.what();
   } catch (const std::runtime_error& error) {
     answer["error"] = error.what();
   }

@@ -10,6 +10,7 @@ namespace station {
 enum class Check {
   Open,         // an element: does it reach READY?
   Description,  // a description: what is wrong with it, and which elements are in it?
+  Frames,       // a number of frames: which memory has them?
   Trial,        // a use and a codec: do pictures come back as they were sent?
   Load,         // a plugin's file: why does it not load?
   Device,       // a device node: what is it?

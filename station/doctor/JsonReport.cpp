@@ -21,22 +21,32 @@ ordered_json toJson(const std::optional<CheckResult>& result) {
   return {{"ok", result->ok}, {"error", valueOrNull(result->error)}, {"said", result->log}};
 }
 
-ordered_json trialJson(const DescriptionDiagnosis& description) {
-  ordered_json trial = toJson(description.trial);
-  if (description.works()) {
-    trial.update(description.trial->value);
+// Part of a check's value; null if the check has not come so far.
+ordered_json partOf(const CheckResult* check, const char* key) {
+  return check != nullptr && check->value.is_object() ? check->value[key] : ordered_json();
+}
+
+ordered_json trialJson(const std::optional<CheckResult>& result) {
+  ordered_json trial = toJson(result);
+  if (result) {
+    for (const char* const key : {"feed", "zeroCopy", "sent", "encoded", "decoder", "compared"}) {
+      trial[key] = partOf(&*result, key);
+    }
   }
   return trial;
 }
 
 ordered_json toJson(const CodecDiagnosis& codec) {
   ordered_json uses = ordered_json::object();
+  for (const Use use : kUses) {
+    uses[nameOf(use)] = nullptr;
+  }
   for (const DescriptionDiagnosis& description : codec.descriptions) {
     uses[description.name()] = {{"ok", description.ok()},
                                 {"description", description.description},
                                 {"error", valueOrNull(description.check.error)},
                                 {"problems", description.problems()},
-                                {"trial", trialJson(description)}};
+                                {"trial", trialJson(description.trial)}};
   }
   return {{"works", codec.works()},
           {"supported", codec.supported},
@@ -69,9 +79,17 @@ ordered_json toJson(const Machine& machine) {
           {"contiguousFreeKb", valueOrNull(machine.contiguousFreeKb)}};
 }
 
-ordered_json feedJson(const Diagnosis& board) {
-  const CheckResult* const feed = board.feed();
-  return feed != nullptr ? feed->value : ordered_json();
+ordered_json framesJson(const Diagnosis& board) {
+  const CheckResult* const frames = board.frames ? &*board.frames : nullptr;
+  const CheckResult* const trial = board.trial();
+  return {{"feed", partOf(frames, "feed")},
+          {"zeroCopy", partOf(frames, "zeroCopy")},
+          {"error", valueOrNull(frames != nullptr ? frames->error : "")},
+          {"said", frames != nullptr ? frames->log : std::vector<std::string>()},
+          {"sent", partOf(trial, "sent")},
+          {"encoded", partOf(trial, "encoded")},
+          {"decoder", partOf(trial, "decoder")},
+          {"compared", partOf(trial, "compared")}};
 }
 
 }  // namespace
@@ -84,12 +102,12 @@ void printJson(const Diagnosis& board, const std::vector<std::string>& next,
                          {"next", next},
                          {"profile", board.profile},
                          {"board", toJson(board.machine)},
-                         {"frames", feedJson(board)},
+                         {"frames", framesJson(board)},
                          {"otherEncoders", ordered_json::array()},
                          {"codecs", ordered_json::object()},
                          {"elements", ordered_json::array()},
                          {"failedPlugins", ordered_json::array()},
-                         {"devices", ordered_json::array()}};
+                         {"devices", board.devices}};
   for (const CodecDiagnosis& codec : board.codecs) {
     report["codecs"][codec.name()] = toJson(codec);
   }
@@ -101,11 +119,6 @@ void printJson(const Diagnosis& board, const std::vector<std::string>& next,
   }
   for (const FailedPlugin& plugin : board.failedPlugins) {
     report["failedPlugins"].push_back({{"file", plugin.file}, {"error", plugin.error}});
-  }
-  for (const DeviceDiagnosis& device : board.devices) {
-    report["devices"].push_back(
-        device.check.ok ? device.check.value
-                        : ordered_json{{"node", device.node}, {"error", device.check.error}});
   }
   std::cout << report.dump(2) << '\n';
 }

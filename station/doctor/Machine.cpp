@@ -10,9 +10,9 @@
 namespace station {
 namespace {
 
-std::string firstLine(const char* file) {
+std::string firstLine(const std::string& file) {
   std::string line;
-  std::ifstream stream(file);
+  std::ifstream stream(simulated_board::faultText("board", "files") + file);
   std::getline(stream, line);
   return line.substr(0, line.find('\0'));  // the device tree's strings end with it
 }
@@ -20,8 +20,9 @@ std::string firstLine(const char* file) {
 // Such as "# R35 (release), REVISION: 4.1, ..." in the board maker's file.
 std::string releaseOf() {
   const std::string makers = firstLine("/etc/nv_tegra_release");
-  if (!makers.empty()) {
-    return makers.substr(makers.find_first_not_of("# "));
+  const std::size_t begin = makers.find_first_not_of("# ");
+  if (begin != std::string::npos) {
+    return makers.substr(begin);
   }
   g_autofree gchar* name = g_get_os_info(G_OS_INFO_KEY_PRETTY_NAME);
   return name != nullptr ? name : "";

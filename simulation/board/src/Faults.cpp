@@ -28,13 +28,17 @@ bool hasFault(const std::string& element, const std::string& fault) {
   return find(element + "=" + fault, [](const std::string& rest) { return rest.empty(); });
 }
 
-unsigned int faultNumber(const std::string& element, const std::string& fault) {
-  unsigned int number = 0;
-  find(element + "=" + fault + ":", [&number](const std::string& rest) {
-    number = static_cast<unsigned int>(std::strtoul(rest.c_str(), nullptr, 10));
+std::string faultText(const std::string& element, const std::string& fault) {
+  std::string text;
+  find(element + "=" + fault + ":", [&text](const std::string& rest) {
+    text = rest;
     return true;
   });
-  return number;
+  return text;
+}
+
+unsigned int faultNumber(const std::string& element, const std::string& fault) {
+  return static_cast<unsigned int>(std::strtoul(faultText(element, fault).c_str(), nullptr, 10));
 }
 
 }  // namespace simulated_board
