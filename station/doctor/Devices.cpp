@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 
 #include <fcntl.h>
@@ -29,12 +30,17 @@ struct NodeKind {
   const char* kind;  // null: see askV4l2()
 };
 
-constexpr std::array<NodeKind, 4> kNodeKinds = {{
+constexpr NodeKind kNodeKinds[] = {
     {"/dev", "video", nullptr},
     {"/dev", "udmabuf", "dma-bufs of memory files"},
+    {"/dev", "v4l2-nv", "NVIDIA codec"},
+    {"/dev", "nvhost-msenc", "NVIDIA encoder"},
+    {"/dev", "nvmap", "NVIDIA memory"},
+    {"/dev", "mxc_", "i.MX codec"},
+    {"/dev", "galcore", "i.MX converter"},
     {"/dev/dma_heap", "", "dma heap"},
     {"/dev/dri", "renderD", "drm render"},
-}};
+};
 
 constexpr const char* kRootOnly = "/dev/dma_heap/root-only";  // simulated
 
@@ -132,9 +138,11 @@ std::string drmDriver(const fs::path& node) {
 }
 
 NodeKind kindOf(const fs::path& node) {
-  return *std::find_if(kNodeKinds.begin(), kNodeKinds.end() - 1, [&node](const NodeKind& kind) {
-    return node.parent_path() == kind.folder && node.filename().string().rfind(kind.prefix, 0) == 0;
-  });
+  return *std::find_if(std::begin(kNodeKinds), std::end(kNodeKinds) - 1,
+                       [&node](const NodeKind& kind) {
+                         return node.parent_path() == kind.folder &&
+                                node.filename().string().rfind(kind.prefix, 0) == 0;
+                       });
 }
 
 }  // namespace

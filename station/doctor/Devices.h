@@ -7,7 +7,8 @@
 
 namespace station {
 
-// A device node of video hardware: V4L2, DMA heap or DRM render node. Unknown texts are empty.
+// A device node that video takes: V4L2, a board maker's own, DMA heap or DRM render node. Unknown
+// texts are empty.
 struct Device {
   std::string node;
   std::string driver;
