@@ -15,8 +15,10 @@ using Platform = media_backend::GstVideoBackend::Platform;
 // GStreamer's own for NV12, so that no meta is needed to read a frame.
 constexpr lumora::FramePool::Layout kPlainLayout = {4, 2};
 
-const char* nameOf(Kind kind) {
-  return kind == Kind::Heap ? "heap" : kind == Kind::Udmabuf ? "udmabuf" : "memfd";
+std::string optionFor(Kind kind) {
+  return std::string("--memory ") + (kind == Kind::Heap      ? "heap"
+                                     : kind == Kind::Udmabuf ? "udmabuf"
+                                                             : "memfd");
 }
 
 void append(std::vector<std::string>& places, Kind kind) {
@@ -54,7 +56,7 @@ FrameFeed::FrameFeed(const media_backend::GstVideoBackend& backend, const Camera
 
 void FrameFeed::choosePlaces(bool isDmaBufNeeded, bool isSimulated) {
   if (options_.memory) {
-    const std::string option = std::string("--memory ") + nameOf(*options_.memory);
+    const std::string option = optionFor(*options_.memory);
     if (*options_.memory == Kind::Memfd && !isSimulated) {
       throw StationError(ExitCode::Usage, option + ": only simulated elements take memory files");
     }
@@ -79,8 +81,8 @@ void FrameFeed::copyBecause(const std::string& reason, ExitCode otherwise) {
     throw StationError(otherwise, "no zero copy: " + reason);
   }
   if (options_.memory) {
-    throw StationError(otherwise, std::string("--memory ") + nameOf(*options_.memory) +
-                                      " does not go with a copying feed: " + reason);
+    throw StationError(otherwise,
+                       optionFor(*options_.memory) + " does not go with a copying feed: " + reason);
   }
   reasonToCopy_ = reason;
 }
@@ -91,7 +93,11 @@ void FrameFeed::begin(FrameFormat& format, bool hasOwnMemory) {
         std::make_unique<lumora::FramePool>(places_, lumora::FramePool::Layout(), reportFallback);
     place_ = hasOwnMemory ? "the camera" : pool_->reserve(format.width, format.height);
     if (place_.empty()) {
-      copyBecause(places_.back() + ": " + std::strerror(errno), ExitCode::Pipeline);
+      const std::string reason = places_.back() + ": " + std::strerror(errno);
+      if (options_.memory) {
+        throw StationError(ExitCode::Pipeline, optionFor(*options_.memory) + ": " + reason);
+      }
+      copyBecause(reason, ExitCode::Pipeline);
     }
   }
   format.isPlain = !isZeroCopy();
