@@ -100,8 +100,8 @@ Simulation simulationOf(Platform platform) {
 void requirePlatform(const GstVideoBackend& backend) {
   if (!backend.available()) {
     throw StationError(ExitCode::NoPlatform,
-                       "this machine offers no hardware video platform (media-station inspect "
-                       "lists what is missing; --board nvidia or --board imx simulates one)");
+                       "this machine offers no hardware video platform (media-station doctor says "
+                       "what to do; --board nvidia or --board imx simulates one)");
   }
 }
 

@@ -211,6 +211,7 @@ const std::vector<Model>& models() {
        false,
        false,
        finishConverter},
+      otherEncoder("v4l2h264enc"),
       otherEncoder("imxvpuenc_h264"),
       otherEncoder("omxh264enc"),
   };
