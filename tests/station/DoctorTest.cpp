@@ -86,8 +86,8 @@ TEST(Doctor, KnowsTheTrapsOfBoards) {
        "http: the pictures come back green", "the fault is in nvvideoconvert;"},
       {"imxvideoconvert_g2d=black", "imxvideoconvert_g2d,vpuenc_h264", 4,
        "http: the pictures come back black", "the fault is in imxvideoconvert_g2d;"},
-      {"board=cma:2000", "vpuenc_h264", 0, nullptr, "more contiguous memory"},
-      {"board=root-only", "vpuenc_h264", 0, nullptr, "only root may open /dev/dma_heap/root-only"},
+      {"board=root-only,board=cma:2000", "vpuenc_h264", 0, nullptr,
+       R"(MODE=\"0660\"","give the kernel more contiguous memory)"},
       {"", "v4l2h264enc,imxvpuenc_h264,omxh264enc", 3, nullptr,
        "omxh264enc is of boards with Open"},
   };
