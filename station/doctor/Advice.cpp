@@ -43,8 +43,8 @@ class Advice {
 
   void adviseOnAccess() {
     for (const auto& device : board_.devices) {
-      if (device["remedy"] != "") {
-        add(device["remedy"]);
+      if (const std::string remedy = device["remedy"]; !remedy.empty()) {
+        add(remedy);
       }
     }
   }

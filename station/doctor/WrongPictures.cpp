@@ -60,6 +60,7 @@ std::vector<std::string> adviseOnWrongPictures(const Diagnosis& board) {
     }
   }
   std::vector<std::string> lines;
+  lines.reserve(uses.size());
   for (const auto& [fault, names] : uses) {
     lines.push_back(fault.first + " (" + names + "): " + causeOf(board, fault.second));
   }
