@@ -3,7 +3,7 @@
 #include <memory>
 
 #include <gst/gst.h>
-#include <lumora/FrameExport.h>
+#include <media_backend/GstVideoBackend.h>  // finds the picture library's handle
 
 namespace media_backend {
 

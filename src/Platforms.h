@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include <gst/gst.h>
-#include <lumora/FrameExport.h>
 #include <media_backend/GstVideoBackend.h>
 
 #include "Description.h"

@@ -21,8 +21,9 @@ struct Level {
 
 // The begin of a sequence header (AV1 Bitstream & Decoding Process Specification, 5.5).
 Level readLevel(std::string_view header) {
-  GstBitReader reader = GST_BIT_READER_INIT(reinterpret_cast<const guint8*>(header.data()),
-                                            static_cast<guint>(header.size()));
+  GstBitReader reader;
+  gst_bit_reader_init(&reader, reinterpret_cast<const guint8*>(header.data()),
+                      static_cast<guint>(header.size()));
   const auto take = [&](guint bits) {
     guint32 value = 0;
     return gst_bit_reader_get_bits_uint32(&reader, &value, bits) != FALSE ? value : 0;
