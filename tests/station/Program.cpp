@@ -12,6 +12,14 @@ std::string nextLine(GDataInputStream* stream) {
   return line != nullptr ? line : "";
 }
 
+// What has been read beyond the last line.
+std::string buffered(GDataInputStream* stream) {
+  gsize count = 0;
+  const void* const bytes =
+      g_buffered_input_stream_peek_buffer(G_BUFFERED_INPUT_STREAM(stream), &count);
+  return {static_cast<const char*>(bytes), count};
+}
+
 }  // namespace
 
 Program::Program(const std::vector<std::string>& arguments) {
@@ -65,7 +73,8 @@ Result Program::wait() {
   g_subprocess_communicate_utf8(process_, nullptr, nullptr, &out, &err, nullptr);
   const int exitCode =
       g_subprocess_get_if_exited(process_) ? g_subprocess_get_exit_status(process_) : -1;
-  return {exitCode, out != nullptr ? out : "", err != nullptr ? err : ""};
+  return {exitCode, buffered(out_) + (out != nullptr ? out : ""),
+          buffered(err_) + (err != nullptr ? err : "")};
 }
 
 Result run(const std::vector<std::string>& arguments) {
