@@ -71,6 +71,7 @@ debian_package(station media-station video
 what libmedia-backend makes of a board, which may be a simulated one.")
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "${same_version}, glib-networking")  # TLS
 set(CPACK_DEBIAN_STATION_PACKAGE_RECOMMENDS "${board_plugins}")
+set(CPACK_DEBIAN_STATION_PACKAGE_SUGGESTS "gstreamer1.0-alsa, gstreamer1.0-pulseaudio")  # for --mic
 
 install(FILES "${packaging}/media-station@.service" DESTINATION lib/systemd/system COMPONENT station)
 
