@@ -153,7 +153,7 @@ void RtspServer::addCamera() {
   gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);  // takes it
 }
 
-// Binds the sockets of RTP over UDP to --address as well.
+// Binds the sockets of RTP over UDP to the address of --bind as well.
 void RtspServer::restrictPorts(GstRTSPMediaFactory* factory) const {
   g_autoptr(GInetAddress) address = g_inet_address_new_from_string(options_.address.c_str());
   if (g_inet_address_get_is_any(address)) {
