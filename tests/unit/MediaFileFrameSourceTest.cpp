@@ -225,33 +225,49 @@ TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
 // stream.
 TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
   static std::atomic<bool> isBusy;
+  static std::atomic<GstElement*> sink;  // once it holds its lock
   const MediaFileFrameSourceConfig config = clip();
-  // Twice, as the start may get to the sink between the last buffer and the end.
-  for (const auto& [frames, most] : {std::pair("-1", "1"), {"1", "100"}, {"1", "100"}}) {
-    SCOPED_TRACE(frames);
+  const std::pair<const char*, const char*> rows[] = {{"-1", "1"}, {"1", "100"}};
+  for (const auto* row = std::begin(rows); row != std::end(rows);) {
+    SCOPED_TRACE(row->first);
     const std::string description =
         "filesrc name=simu_file_src ! fakesink async=false videotestsrc num-buffers=1 "
-        "! identity sleep-time=100000 ! fakesink videotestsrc num-buffers=" +
-        std::string(frames) +
+        "! identity name=gate signal-handoffs=true ! fakesink videotestsrc num-buffers=" +
+        std::string(row->first) +
         " ! video/x-raw,format=UYVY,width=192,height=64 ! rtpvrawpay chunks-per-frame=1 ! queue "
         "! appsink name=simu_file_sink async=false emit-signals=true max-buffers=" +
-        most;
+        row->second;
     isBusy = true;
+    sink = nullptr;
     g_otherDescription = description.c_str();
     g_onParsed = [] {
       g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
-      const auto stayBusy = +[](GstElement*) {
+      g_autoptr(GstElement) gate = gst_bin_get_by_name(GST_BIN(g_pipeline), "gate");
+      const auto stayBusy = +[](GstElement* held) {
+        sink = held;
         while (isBusy) {
           std::this_thread::sleep_for(1ms);
         }
         return GST_FLOW_OK;
       };
+      const auto holdStart = +[] {
+        while (sink == nullptr) {
+          std::this_thread::sleep_for(1ms);
+        }
+      };
       g_signal_connect(element, "new-preroll", G_CALLBACK(stayBusy), nullptr);
+      g_signal_connect(gate, "handoff", G_CALLBACK(holdStart), nullptr);
     };
     EXPECT_EQ(next(config, 0ms), kNoFrame);
     EXPECT_EQ(error_, "");
+    while (sink == nullptr || GST_STATE_PENDING(sink.load()) != GST_STATE_PLAYING) {
+      std::this_thread::sleep_for(1ms);
+    }
+    std::this_thread::sleep_for(20ms);  // the start now waits for the lock
     isBusy = false;
     std::this_thread::sleep_for(100ms);
+    // The start may get the lock between the last buffer and the end: then once more.
+    row += GST_STATE(g_pipeline) == GST_STATE_PLAYING ? 0 : 1;
     source_.stop();
     g_onParsed = nullptr;
     g_otherDescription = nullptr;
