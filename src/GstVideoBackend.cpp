@@ -171,8 +171,8 @@ std::string GstVideoBackend::transportEncoderChain(const EncoderConfig& config,
          << "  ! " << h26xParser(h265);
     text.optional(" config-interval=", configInterval) << " ";
   } else if (config.codec == Codec::Av1) {
-    text << "  ! nvv4l2av1enc name=encoder ";
-    traits->writeTransport(text, config);
+    text << "  ! nvv4l2av1enc name=encoder ";  // of this vendor, whatever the platform
+    traitsOf(Platform::Nvidia)->writeTransport(text, config);
     text << " "
          << "  ! av1parse name=parser "
          << "  ! " << kAv1Caps;

@@ -68,15 +68,19 @@ TEST_F(Descriptions, HoldTextsOfAnyLength) {
 }
 
 TEST_F(Descriptions, TransportEncoder) {
+  Profile imxWithAv1 = imxProfile();
+  imxWithAv1.hasAv1 = true;
+  const char* const av1 =
+      "  ! nvv4l2av1enc name=encoder maxperf-enable=1            iframeinterval=30 "
+      "idrinterval=30 control-rate=1            bitrate=4000000            preset-level=1   ! "
+      "av1parse name=parser   ! video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu ";
   const std::tuple<Profile, EncoderConfig, const char*, const char*> rows[] = {
       {nvidiaProfile(), EncoderConfig{Codec::H265, 999, -1, -2147483647 - 1, 4294967295, 60}, "",
        "  ! nvv4l2h265enc name=encoder maxperf-enable=1            iframeinterval=4294967295 "
        "idrinterval=60 control-rate=-1            bitrate=999            "
        "preset-level=-2147483648   ! h265parse "},
-      {nvidiaProfile(), config(Codec::Av1), "-1",
-       "  ! nvv4l2av1enc name=encoder maxperf-enable=1            iframeinterval=30 "
-       "idrinterval=30 control-rate=1            bitrate=4000000            preset-level=1   ! "
-       "av1parse name=parser   ! video/x-av1,parsed=true,stream-format=obu-stream,alignment=tu "},
+      {nvidiaProfile(), config(Codec::Av1), "-1", av1},
+      {imxWithAv1, config(Codec::Av1), "-1", av1},
       {imxProfile(), config(Codec::H264), "-1",
        "  ! vpuenc_h264 name=encoder gop-size=30 bitrate=4000   ! h264parse config-interval=-1 "},
       {imxProfile(), EncoderConfig{Codec::H265, 4294966999, 0, 2, 60, 4294967295}, nullptr,
