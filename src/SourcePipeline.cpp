@@ -31,6 +31,16 @@ bool isDecoder(GstElement* element) {
          gst_element_factory_list_is_type(factory, GST_ELEMENT_FACTORY_TYPE_DECODER) != FALSE;
 }
 
+// Drops messages that report() would skip: it takes them only after the frames, and a camera that
+// loses frames posts one for each loss.
+GstBusSyncReply keepWatched(GstBus* /*bus*/, GstMessage* message, gpointer watched) {
+  if ((GST_MESSAGE_TYPE(message) & GPOINTER_TO_INT(watched)) != 0) {
+    return GST_BUS_PASS;
+  }
+  gst_message_unref(message);
+  return GST_BUS_DROP;
+}
+
 // Drops further data at `pad` and waits until the element has processed earlier data, for which it
 // holds the pad's stream lock. `deadline` (monotonic clock, microseconds) ends the wait for an
 // element that blocks until the pipeline stops, as on a sink's clock.
@@ -92,6 +102,8 @@ bool SourcePipeline::build(const Config& config, std::string& error) {
     error = traits_.createFailed;
     return false;
   }
+  g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_.get());
+  gst_bus_set_sync_handler(bus, keepWatched, GINT_TO_POINTER(traits_.watched), nullptr);
   source_.reset(gst_bin_get_by_name(GST_BIN(pipeline_.get()), traits_.sourceName));
   if (source_ == nullptr) {
     error = traits_.sourceMissing;

@@ -212,20 +212,49 @@ TEST_F(MediaFile, WaitsForTheReasonOfAFailedStart) {
       }).detach();
       return GST_BUS_DROP;
     };
-    g_autoptr(GstBus) bus = gst_element_get_bus(g_pipeline);
-    gst_bus_set_sync_handler(bus, postLate, nullptr, nullptr);
+    const auto onLocation = +[](GstElement*, GParamSpec*, gpointer handler) {
+      g_autoptr(GstBus) bus = gst_element_get_bus(g_pipeline);
+      gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+      gst_bus_set_sync_handler(bus, reinterpret_cast<GstBusSyncHandler>(handler), nullptr, nullptr);
+    };
+    g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_src");
+    g_signal_connect(source, "notify::location", G_CALLBACK(onLocation),
+                     reinterpret_cast<gpointer>(postLate));
   };
   EXPECT_EQ(next(config), kNoFrame);
   EXPECT_THAT(error_, HasSubstr("Erroring out on state change as requested"));
   g_onParsed = nullptr;
 }
 
+std::atomic<bool> g_isSinkBusy;
+std::atomic<GstElement*> g_busySink;  // holds its lock for its first sample
+
+// Holds the start at "gate" until the sink has its first sample, and the sink while it is busy.
+void holdStartAndSink() {
+  g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
+  g_autoptr(GstElement) gate = gst_bin_get_by_name(GST_BIN(g_pipeline), "gate");
+  const auto stayBusy = +[](GstElement* element) {
+    g_busySink = element;
+    while (g_isSinkBusy) {
+      std::this_thread::sleep_for(1ms);
+    }
+    return GST_FLOW_OK;
+  };
+  const auto hold = +[] {
+    while (g_busySink == nullptr) {
+      std::this_thread::sleep_for(1ms);
+    }
+  };
+  g_isSinkBusy = true;
+  g_busySink = nullptr;
+  g_signal_connect(sink, "new-preroll", G_CALLBACK(stayBusy), nullptr);
+  g_signal_connect(gate, "handoff", G_CALLBACK(hold), nullptr);
+}
+
 // A start on a busy machine waits for the sink's lock. The sink holds it and waits until its
 // samples are taken: in the middle of a buffer list for which it has no room, or at the end of the
 // stream.
 TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
-  static std::atomic<bool> isBusy;
-  static std::atomic<GstElement*> sink;  // once it holds its lock
   const MediaFileFrameSourceConfig config = clip();
   const std::pair<const char*, const char*> rows[] = {{"-1", "1"}, {"1", "100"}};
   for (const auto* row = std::begin(rows); row != std::end(rows);) {
@@ -237,34 +266,15 @@ TEST_F(MediaFile, StopsInTheMiddleOfItsStart) {
         " ! video/x-raw,format=UYVY,width=192,height=64 ! rtpvrawpay chunks-per-frame=1 ! queue "
         "! appsink name=simu_file_sink async=false emit-signals=true max-buffers=" +
         row->second;
-    isBusy = true;
-    sink = nullptr;
     g_otherDescription = description.c_str();
-    g_onParsed = [] {
-      g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(g_pipeline), "simu_file_sink");
-      g_autoptr(GstElement) gate = gst_bin_get_by_name(GST_BIN(g_pipeline), "gate");
-      const auto stayBusy = +[](GstElement* held) {
-        sink = held;
-        while (isBusy) {
-          std::this_thread::sleep_for(1ms);
-        }
-        return GST_FLOW_OK;
-      };
-      const auto holdStart = +[] {
-        while (sink == nullptr) {
-          std::this_thread::sleep_for(1ms);
-        }
-      };
-      g_signal_connect(element, "new-preroll", G_CALLBACK(stayBusy), nullptr);
-      g_signal_connect(gate, "handoff", G_CALLBACK(holdStart), nullptr);
-    };
+    g_onParsed = holdStartAndSink;
     EXPECT_EQ(next(config, 0ms), kNoFrame);
     EXPECT_EQ(error_, "");
-    while (sink == nullptr || GST_STATE_PENDING(sink.load()) != GST_STATE_PLAYING) {
+    while (g_busySink == nullptr || GST_STATE_PENDING(g_busySink.load()) != GST_STATE_PLAYING) {
       std::this_thread::sleep_for(1ms);
     }
     std::this_thread::sleep_for(20ms);  // the start now waits for the lock
-    isBusy = false;
+    g_isSinkBusy = false;
     std::this_thread::sleep_for(100ms);
     // The start may get the lock between the last buffer and the end: then once more.
     row += GST_STATE(g_pipeline) == GST_STATE_PLAYING ? 0 : 1;
