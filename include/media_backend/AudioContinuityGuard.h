@@ -30,7 +30,8 @@ struct EncodedAudioFrame {
 // track without gap or overlap. Fallback frames have the format of the last received frame; a
 // format that Opus does not encode yields none.
 //
-// The guard has no thread and no timer: the caller passes "now".
+// The guard has no thread and no timer: the caller passes "now", as steady_clock::now() gives it,
+// which prime() reads itself.
 // Errors: an operation that cannot lock throws std::system_error before anything changes;
 // allocation failures propagate and leave timeline and queue as they were.
 // Threads: any thread may call any operation; one mutex, held throughout, serialises them. The

@@ -110,8 +110,9 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // Ownership: the caller owns the buffer. One reference to `keepAlive` (may be empty) lives until
   // GStreamer frees the buffer (i.MX) or its memory (NVIDIA), and is released on the thread that
   // does so. The host keeps `handle.fd`; the buffer owns a duplicate.
-  // Errors: null if there is no platform, the layout is not that of an NV12 frame inside the
-  // buffer, or memory or descriptors run out; then nothing is kept.
+  // Errors: null if there is no platform, the layout is not that of an NV12 frame inside the buffer
+  // (i.MX), prepareStreamingFrameMemory() fails (NVIDIA), or memory or descriptors run out; then
+  // nothing is kept.
   GstBuffer* wrapFrame(const lumora::FrameExportHandle& handle,
                        std::shared_ptr<void> keepAlive) const noexcept;
 
@@ -145,9 +146,10 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
   // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps and
   // never block. The muxer waits for the stream that is furthest behind, and the queues of the
-  // others drop their oldest buffers meanwhile: video holds 1 frame, KLV 8 packets, audio 64. A
-  // stream that comes too early loses its own buffers, one that comes too late costs those of the
-  // others. Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux".
+  // others drop their oldest buffers meanwhile. They hold up to 1 s: KLV of at most 8 packets,
+  // audio of 64; encoded video of 200 pictures or 10 MB, and before the encoder 1 frame. A stream
+  // that comes too early loses its own buffers, one that comes too late costs those of the others.
+  // Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux".
   // appsrc lacks "max-buffers" there: with KLV or audio, parsing reports
   // GST_PARSE_ERROR_NO_SUCH_PROPERTY and still returns the pipeline, unless errors are fatal. Empty
   // unless the codec is H264 or H265 and the profile supports it.

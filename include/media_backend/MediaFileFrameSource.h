@@ -39,14 +39,15 @@ class MEDIA_BACKEND_API MediaFileFrameSource {
   MediaFileFrameSource(const MediaFileFrameSource&) = delete;
   MediaFileFrameSource& operator=(const MediaFileFrameSource&) = delete;
 
-  // Returns the next frame, waiting up to `timeout` for it (negative: not at all). At the end of a
-  // looping file, a call may restart the file twice and wait twice.
+  // Returns the next frame, waiting up to `timeout` for it (negative: not at all). A start takes up
+  // to 0.5 s on top, 1.5 s if it fails, and a restart as much again for the teardown. At the end of
+  // a looping file, a call may restart the file twice and wait twice.
   //
   // The caller owns the picture. Empty with an empty `error`: no frame now, without a failure
   // (timeout, or the end of a file that does not loop). Empty with a message in `error`: failure;
   // the pipeline is torn down, unless only one sample could not be converted.
-  // Throws std::filesystem::filesystem_error if the path's status cannot be read, std::bad_alloc if
-  // memory runs out; the pipeline is torn down then, too.
+  // Throws std::filesystem::filesystem_error if the path's status cannot be read; nothing changes
+  // then. Throws std::bad_alloc if memory runs out; the pipeline is torn down then, too.
   std::shared_ptr<lumora::LumoraPicture> capture(const MediaFileFrameSourceConfig& config,
                                                  std::chrono::nanoseconds timeout,
                                                  std::string& error);
