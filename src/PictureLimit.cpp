@@ -1,17 +1,11 @@
 #include "PictureLimit.h"
 
-#include <cstdint>
-
 #include <gst/allocators/gstdmabuf.h>
 
 #include "gst/GstPtr.h"
 
 namespace media_backend {
 namespace {
-
-// A small file can declare any number of pixels, and GLib aborts the process if allocating them
-// fails.
-constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 8192;
 
 // Whether `caps` declare pictures of more than kMaxPixels.
 bool areHuge(const GstCaps* caps, int& width, int& height) {

@@ -11,9 +11,12 @@ namespace {
 
 using media_backend::gst_source::even_dimension;
 
+// Beyond every picture, and within an unsigned int.
+constexpr double kMaxSide = 2e9;
+
 // Converts one dimension to the other, in a shape where `from` corresponds to `to`.
 unsigned int inShape(unsigned int pixels, unsigned int to, unsigned int from) {
-  const double exact = static_cast<double>(pixels) * to / from;
+  const double exact = std::min(static_cast<double>(pixels) * to / from, kMaxSide);
   return std::max(2U, 2 * static_cast<unsigned int>(std::lround(exact / 2)));
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <string>
 
+#include "PictureLimit.h"
 #include "camera/MediaFormat.h"
 
 namespace station {
@@ -23,6 +24,11 @@ MediaFile::MediaFile(const CameraOptions& options) : Camera(options) {
   const bool isLying = quarters_ % 2 != 0;
   const Size own = isLying ? Size{file.height, file.width} : Size{file.width, file.height};
   const Size frame = frameSize(own, {options.width, options.height});
+  // A file can declare pixels of any shape.
+  if (static_cast<std::int64_t>(frame.width) * frame.height > media_backend::kMaxPixels) {
+    failSource("pictures of " + std::to_string(frame.width) + " x " + std::to_string(frame.height) +
+               " are too large: " + options.source);
+  }
   const bool fills = options.stretch || options.width == 0 || options.height == 0;
   const Size picture = fills ? frame : sizeWithin(frame, own);
   config_.path = options.source;

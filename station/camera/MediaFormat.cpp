@@ -1,5 +1,7 @@
 #include "camera/MediaFormat.h"
 
+#include <algorithm>
+
 #include <gst/video/video.h>
 #include <media_backend/GstNv12Sample.h>
 
@@ -197,9 +199,10 @@ std::optional<MediaFormat> readMediaFormat(const std::string& path) {
     return std::nullopt;
   }
   MediaFormat format;
-  format.width = static_cast<unsigned int>(gst_util_uint64_scale_round(
-      static_cast<guint64>(info.width), static_cast<guint64>(info.par_n),
-      static_cast<guint64>(info.par_d)));
+  const guint64 width = gst_util_uint64_scale_round(static_cast<guint64>(info.width),
+                                                    static_cast<guint64>(info.par_n),
+                                                    static_cast<guint64>(info.par_d));
+  format.width = static_cast<unsigned int>(std::clamp<guint64>(width, 1, G_MAXINT));
   format.height = static_cast<unsigned int>(info.height);
   format.rate = {info.fps_n, info.fps_d};
   if (!isPlausible(format.rate)) {

@@ -117,6 +117,7 @@ TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
   const std::string image = folder_ / "image.png";
   ffmpeg("color=red:size=4x4", {"-frames:v", "1", image});
   ffmpeg("color=red:size=16x16,format=rgb24,crop=1:16", {"-frames:v", "1", folder_ / "thin.png"});
+  ffmpeg("color=red:size=512x8192,setsar=30/1", {"-frames:v", "1", folder_ / "wide.mkv"});
   ffmpeg("sine=duration=1", {folder_ / "tone.wav", folder_ / "tone.ogg"});
   std::ofstream(folder_ / "empty") << "";
   const std::tuple<std::string, std::string, int, std::string> rows[] = {
@@ -127,6 +128,8 @@ TEST_F(Grab, FailuresAreTheLibrarysOwnLine) {
       {folder_ / "empty", folder_ / "a.png", 5, "source failed: Stream contains no data. (Can't "},
       {folder_ / "thin.png", folder_ / "a.png", 5,
        "source failed: still image is too small: " + folder_ / "thin.png"},
+      {folder_ / "wide.mkv", folder_ / "a.png", 5,
+       "source failed: pictures of 15360 x 8192 are too large: " + folder_ / "wide.mkv"},
       {image, folder_ / "a.gif", 2, "grab writes .png, .jpg and .nv12, not "},
       {image, "/nowhere/a.png", 6, "cannot write /nowhere/a.png: "},
   };
