@@ -145,7 +145,7 @@ gchar* Recorder::onSegment(GstElement* /*sink*/, guint /*fragment*/, GstSample* 
                              std::chrono::nanoseconds(elapsed));
   const std::filesystem::path path = segmentPath(recorder->settings_.folder, time);
   if (recorder->settings_.segments != nullptr) {
-    recorder->settings_.segments->begin(path);
+    recorder->settings_.segments->begin(path, time);
   }
   const std::lock_guard lock(recorder->mutex_);
   recorder->segmentName_ = path.filename().string();

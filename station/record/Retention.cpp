@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <optional>
 #include <system_error>
+#include <tuple>
 #include <utility>
-#include <vector>
 
 #include "base/Callback.h"
 #include "record/SegmentFiles.h"
@@ -19,12 +18,19 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds kLook{1};
 constexpr int kLooksPerScan = 10;
 
+using Hours = std::chrono::duration<double, std::ratio<3600>>;
+
 }  // namespace
 
 struct Retention::Segment {
+  std::optional<Clock::time_point> begin;  // nothing for one of another recording
   SegmentName name;
   fs::path path;
   std::uint64_t bytes;
+
+  bool operator<(const Segment& other) const {
+    return std::tie(begin, name) < std::tie(other.begin, other.name);
+  }
 };
 
 Retention::Retention(fs::path folder, const Settings& settings, std::uint64_t reserve)
@@ -42,15 +48,17 @@ Retention::~Retention() {
   thread_.join();
 }
 
-void Retention::begin(const fs::path& segment) {
+void Retention::begin(const fs::path& segment, std::chrono::system_clock::time_point start) {
   const std::lock_guard lock(mutex_);
-  open_.insert(segment);
+  const Clock::time_point now = Clock::now();
+  own_[segment] = {now, std::nullopt};
+  offset_ = start.time_since_epoch() - now.time_since_epoch();
 }
 
 void Retention::close(const fs::path& segment) {
   {
     const std::lock_guard lock(mutex_);
-    open_.erase(segment);
+    own_[segment].end = Clock::now();
     isDue_ = true;
   }
   wake_.notify_one();
@@ -79,9 +87,10 @@ bool Retention::isDiskShort() const {
   return !error && space.available < freeBytes_;
 }
 
-void Retention::deleteOldest() {
+// In the order of their age. Forgets the recording's own that are gone.
+std::vector<Retention::Segment> Retention::scan() {
+  const Clock::time_point begin = Clock::now();
   std::vector<Segment> segments;
-  std::uint64_t total = 0;
   std::error_code error;  // the recording itself reports a folder that is gone
   for (fs::directory_iterator entry(folder_, error), end; !error && entry != end;
        entry.increment(error)) {
@@ -89,21 +98,54 @@ void Retention::deleteOldest() {
     std::error_code gone;
     if (name && entry->symlink_status(gone).type() == fs::file_type::regular) {
       const std::uint64_t bytes = entry->file_size(gone);
-      segments.push_back({*name, entry->path(), gone ? 0 : bytes});
-      total += segments.back().bytes;
+      segments.push_back({std::nullopt, *name, entry->path(), gone ? 0 : bytes});
     }
   }
-  std::sort(segments.begin(), segments.end(),
-            [](const Segment& a, const Segment& b) { return a.name < b.name; });
+  const std::lock_guard lock(mutex_);
+  std::map<fs::path, Own> there;
+  for (Segment& segment : segments) {
+    const auto own = own_.find(segment.path);
+    if (own != own_.end()) {
+      segment.begin = own->second.begin;
+      there.insert(*own);
+    }
+  }
+  for (const auto& [path, own] : own_) {
+    if (!own.end || *own.end >= begin) {  // the scan may have missed it
+      there.emplace(path, own);
+    }
+  }
+  own_ = std::move(there);
+  std::sort(segments.begin(), segments.end());
+  return segments;
+}
+
+// Names before this one are too old: by the recording's own names, so none before its first.
+std::string Retention::oldestName() const {
+  const std::lock_guard lock(mutex_);
+  if (!offset_) {
+    return {};
+  }
+  using SystemClock = std::chrono::system_clock;
+  return segmentStem(SystemClock::time_point(std::chrono::duration_cast<SystemClock::duration>(
+      Clock::now().time_since_epoch() + *offset_ - Hours(settings_.hours))));
+}
+
+void Retention::deleteOldest() {
+  std::vector<Segment> segments = scan();
+  std::uint64_t total = 0;
+  for (const Segment& segment : segments) {
+    total += segment.bytes;
+  }
   if (!segments.empty()) {
     segments.pop_back();
   }
-  const auto age = std::chrono::duration<double, std::ratio<3600>>(settings_.hours);
-  const std::string oldest =
-      segmentStem(std::chrono::system_clock::now() -
-                  std::chrono::duration_cast<std::chrono::system_clock::duration>(age));
+  const std::string oldest = oldestName();
+  const Clock::time_point now = Clock::now();
   for (const Segment& segment : segments) {
-    const bool isOld = settings_.hours > 0 && segment.name.stem < oldest;
+    const bool isOlder =
+        segment.begin ? now - *segment.begin > Hours(settings_.hours) : segment.name.stem < oldest;
+    const bool isOld = settings_.hours > 0 && isOlder;
     const bool isTooMuch = settings_.bytes > 0 && total > settings_.bytes;
     if (!isOld && !isTooMuch && !isDiskShort()) {
       return;
@@ -117,7 +159,8 @@ void Retention::deleteOldest() {
 bool Retention::remove(const Segment& segment) {
   {
     const std::lock_guard lock(mutex_);
-    if (open_.count(segment.path) != 0) {
+    const auto own = own_.find(segment.path);
+    if (own != own_.end() && !own->second.end) {
       return false;
     }
   }

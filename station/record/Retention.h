@@ -1,19 +1,25 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace station {
 
 // Deletes the oldest segment files of a folder, on a thread of its own, so that a recording stays
 // within limits. Never the newest, never one that is being written, and nothing else in the folder.
-// Age and order are those of the names, which say when a segment begins.
+//
+// The segments of the recording itself are as old as the monotonic clock says, and newer than all
+// others, whose names say when they began. So a step of the system's clock deletes nothing.
 //
 // Threads: any.
 class Retention {
@@ -33,18 +39,25 @@ class Retention {
   Retention(const Retention&) = delete;
   Retention& operator=(const Retention&) = delete;
 
-  // A segment that is about to be written, and its end.
-  void begin(const std::filesystem::path& segment);
+  // A segment that is about to be written, named after `start`, and its end.
+  void begin(const std::filesystem::path& segment, std::chrono::system_clock::time_point start);
   void close(const std::filesystem::path& segment);
 
   std::uint64_t deleted() const { return deleted_; }
 
  private:
+  using Clock = std::chrono::steady_clock;
+  struct Own {
+    Clock::time_point begin;
+    std::optional<Clock::time_point> end;  // nothing while it is written
+  };
   struct Segment;
 
   void run();
   bool isDiskShort() const;
   void deleteOldest();
+  std::vector<Segment> scan();
+  std::string oldestName() const;
   bool remove(const Segment& segment);
 
   const std::filesystem::path folder_;
@@ -53,9 +66,10 @@ class Retention {
   std::atomic<std::uint64_t> deleted_{0};
   std::set<std::string> stuck_;  // names of those that cannot be deleted; the thread's own
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable wake_;
-  std::set<std::filesystem::path> open_;
+  std::map<std::filesystem::path, Own> own_;        // the recording's, while their files exist
+  std::optional<std::chrono::nanoseconds> offset_;  // of its names, from the monotonic clock
   bool isDue_ = true;
   bool isOver_ = false;
   std::thread thread_;

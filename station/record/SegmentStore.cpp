@@ -18,9 +18,10 @@ SegmentStore::SegmentStore(const std::filesystem::path& folder, const SegmentOpt
   metrics_.emplace("segments", [this] { return figures(); });
 }
 
-void SegmentStore::begin(const std::filesystem::path& segment) {
+void SegmentStore::begin(const std::filesystem::path& segment,
+                         std::chrono::system_clock::time_point start) {
   if (retention_) {
-    retention_->begin(segment);
+    retention_->begin(segment, start);
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -20,8 +21,8 @@ class SegmentStore {
   SegmentStore(const std::filesystem::path& folder, const SegmentOptions& options,
                std::uint32_t bitRate);
 
-  // A segment that is about to be written, and its end.
-  void begin(const std::filesystem::path& segment);
+  // A segment that is about to be written, named after `start`, and its end.
+  void begin(const std::filesystem::path& segment, std::chrono::system_clock::time_point start);
   void close(const std::filesystem::path& segment);
 
  private:
