@@ -35,14 +35,14 @@ std::string lossText(const char* track, const PacketTrack::Counts& packets) {
 }  // namespace
 
 Recording::Recording(const GstVideoBackend& backend, LiveCamera& camera, AudioFeed& audio,
-                     const RecordOptions& options, std::function<void()> onEnd)
+                     SegmentHook& hook, const RecordOptions& options, std::function<void()> onEnd)
     : backend_(backend),
       options_(options),
       rate_(camera.format().rate),
       limit_(frameLimit(options, rate_)),
       onEnd_(std::move(onEnd)),
       audio_(audio),
-      segments_(options.folder, options.segments, options.recorder.encoder.bitrateBps),
+      segments_(options.folder, options.segments, options.recorder.encoder.bitrateBps, hook),
       settings_{options.recorder.encoder,
                 options.recorder.segmentSeconds,
                 options.recorder.klv,

@@ -23,10 +23,10 @@ namespace station {
 // Threads: one thread at a time, beside the camera's.
 class Recording {
  public:
-  // Starts the recorder and subscribes. Camera and audio outlive the recording. `onEnd` is
+  // Starts the recorder and subscribes. Camera, audio and hook outlive the recording. `onEnd` is
   // called on the camera's thread after the last frame of the duration. Throws StationError.
   Recording(const media_backend::GstVideoBackend& backend, LiveCamera& camera, AudioFeed& audio,
-            const RecordOptions& options, std::function<void()> onEnd);
+            SegmentHook& hook, const RecordOptions& options, std::function<void()> onEnd);
 
   // Takes no more frames, completes the last segment and prints the summary. Throws StationError.
   void finish();

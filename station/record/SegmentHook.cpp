@@ -50,22 +50,25 @@ std::vector<std::string> SegmentHook::parse(const std::string& command) {
   return {words, words + g_strv_length(words)};
 }
 
-SegmentHook::SegmentHook(std::vector<std::string> words)
-    : words_(std::move(words)), thread_([this] { callGuarded([this] { run(); }); }) {}
-
 SegmentHook::~SegmentHook() {
   {
     const std::lock_guard lock(mutex_);
     isOver_ = true;
   }
   wake_.notify_one();
-  thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
-void SegmentHook::push(const std::filesystem::path& segment) {
+void SegmentHook::push(const std::vector<std::string>& words,
+                       const std::filesystem::path& segment) {
   {
     const std::lock_guard lock(mutex_);
-    segments_.push_back(segment);
+    calls_.push_back({words, segment});
+    if (!thread_.joinable()) {
+      thread_ = std::thread([this] { callGuarded([this] { run(); }); });
+    }
   }
   wake_.notify_one();
 }
@@ -73,26 +76,26 @@ void SegmentHook::push(const std::filesystem::path& segment) {
 void SegmentHook::run() {
   std::unique_lock lock(mutex_);
   while (true) {
-    wake_.wait(lock, [this] { return isOver_ || !segments_.empty(); });
-    if (segments_.empty()) {
+    wake_.wait(lock, [this] { return isOver_ || !calls_.empty(); });
+    if (calls_.empty()) {
       return;
     }
-    const std::filesystem::path segment = std::move(segments_.front());
-    segments_.pop_front();
+    const Call call = std::move(calls_.front());
+    calls_.pop_front();
     lock.unlock();
-    call(segment);
+    carryOut(call);
     lock.lock();
   }
 }
 
-void SegmentHook::call(const std::filesystem::path& segment) {
-  std::vector<std::string> words = words_;
-  words.push_back(segment.string());
+void SegmentHook::carryOut(const Call& call) {
+  std::vector<std::string> words = call.words;
+  words.push_back(call.segment.string());
   const std::string problem =
-      std::filesystem::exists(segment) ? runProgram(words) : "deleted before its turn";
+      std::filesystem::exists(call.segment) ? runProgram(words) : "deleted before its turn";
   if (!problem.empty()) {
     ++failures_;
-    std::fprintf(stderr, "on-segment: %s: %s\n", segment.c_str(), problem.c_str());
+    std::fprintf(stderr, "on-segment: %s: %s\n", call.segment.c_str(), problem.c_str());
   }
 }
 

@@ -12,9 +12,9 @@
 
 namespace station {
 
-// Runs a program for every finished segment, without a shell, one after the other, on a thread of
-// its own. Each runs in a process group of its own, so Ctrl-C does not reach it, with its output on
-// standard error. A failure is logged.
+// Runs programs for finished segments, without a shell, one after the other, on a thread of its
+// own. Each runs in a process group of its own, so Ctrl-C does not reach it, with its output on
+// standard error. A failure is logged. It outlives recordings, so that none waits for a program.
 //
 // Threads: any.
 class SegmentHook {
@@ -23,28 +23,32 @@ class SegmentHook {
   // a program that is there.
   static std::vector<std::string> parse(const std::string& command);
 
-  explicit SegmentHook(std::vector<std::string> words);
+  SegmentHook() = default;
   // Waits for the programs of all segments.
   ~SegmentHook();
   SegmentHook(const SegmentHook&) = delete;
   SegmentHook& operator=(const SegmentHook&) = delete;
 
-  // Runs the program with the segment's path as one more argument, when its turn comes.
-  void push(const std::filesystem::path& segment);
+  // Runs the program of these words, with the segment's path as one more, when its turn comes.
+  void push(const std::vector<std::string>& words, const std::filesystem::path& segment);
 
   std::uint64_t failures() const { return failures_; }
 
  private:
-  void run();
-  void call(const std::filesystem::path& segment);
+  struct Call {
+    std::vector<std::string> words;
+    std::filesystem::path segment;
+  };
 
-  const std::vector<std::string> words_;
+  void run();
+  void carryOut(const Call& call);
+
   std::atomic<std::uint64_t> failures_{0};
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::deque<std::filesystem::path> segments_;
+  std::deque<Call> calls_;
   bool isOver_ = false;
-  std::thread thread_;
+  std::thread thread_;  // since the first call
 };
 
 }  // namespace station

@@ -8,12 +8,10 @@ constexpr std::uint64_t kReserveSeconds = 4;
 }  // namespace
 
 SegmentStore::SegmentStore(const std::filesystem::path& folder, const SegmentOptions& options,
-                           std::uint32_t bitRate) {
+                           std::uint32_t bitRate, SegmentHook& hook)
+    : command_(options.command), hook_(hook) {
   if (options.keep.isWanted()) {
     retention_.emplace(folder, options.keep, kReserveSeconds * bitRate / 8);
-  }
-  if (!options.command.empty()) {
-    hook_.emplace(options.command);
   }
   metrics_.emplace("segments", [this] { return figures(); });
 }
@@ -26,8 +24,8 @@ void SegmentStore::begin(const std::filesystem::path& segment,
 }
 
 void SegmentStore::close(const std::filesystem::path& segment) {
-  if (hook_) {
-    hook_->push(segment);
+  if (!command_.empty()) {
+    hook_.push(command_, segment);
   }
   if (retention_) {
     retention_->close(segment);
@@ -41,9 +39,9 @@ Metrics::Figures SegmentStore::figures() const {
     figures.push_back(
         {"deleted", kCounter, "Segments deleted to keep the limits.", retention_->deleted()});
   }
-  if (hook_) {
+  if (!command_.empty()) {
     figures.push_back(
-        {"failed_commands", kCounter, "Failures of the command for a segment.", hook_->failures()});
+        {"failed_commands", kCounter, "Failures of the command for a segment.", hook_.failures()});
   }
   return figures;
 }

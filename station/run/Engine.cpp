@@ -9,6 +9,7 @@
 #include "camera/CallSource.h"
 #include "camera/LiveCamera.h"
 #include "camera/ReconnectingCamera.h"
+#include "record/SegmentHook.h"
 #include "run/Annotator.h"
 #include "run/Outputs.h"
 #include "run/Service.h"
@@ -78,7 +79,7 @@ class Engine {
         openCamera(backend_, options_->camera), [this] { loop_.cameraChanged(); },
         annotation(*options_));
     watchSignals();
-    Outputs outputs(options_, backend_, camera, loop_);
+    Outputs outputs(options_, backend_, camera, loop_, hook_);
     outputs_ = &outputs;
     if (options_->record || !isQuiet(*options_)) {
       std::fprintf(stderr, "%s\n", camera.format().feed.c_str());
@@ -156,6 +157,7 @@ class Engine {
   const GstVideoBackend& backend_;
   const ReadOptions readAgain_;
   MainLoop loop_;
+  SegmentHook hook_;  // the end of the program waits for it, and nothing else
   bool isWatching_ = false;
   bool isComplete_ = true;
   Outputs* outputs_ = nullptr;  // of the running camera

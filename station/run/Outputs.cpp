@@ -35,10 +35,11 @@ void noteUnusedBitRate(const EngineOptions& options, const GstVideoBackend& back
 }  // namespace
 
 Outputs::Outputs(const Options& options, const GstVideoBackend& backend, LiveCamera& camera,
-                 MainLoop& loop)
+                 MainLoop& loop, SegmentHook& hook)
     : backend_(backend),
       camera_(camera),
       loop_(loop),
+      hook_(hook),
       options_(options),
       microphone_(options->audio.microphone) {
   start();
@@ -59,7 +60,7 @@ void Outputs::start() {
     startHttp();
   }
   if (options_->record && !recording_) {
-    recording_.emplace(backend_, camera_, *recordedAudio_, *options_->record,
+    recording_.emplace(backend_, camera_, *recordedAudio_, hook_, *options_->record,
                        [this] { loop_.end(); });
   }
 }

@@ -11,6 +11,7 @@
 #include "http/Server.h"
 #include "record/AudioFeed.h"
 #include "record/Recording.h"
+#include "record/SegmentHook.h"
 #include "rtsp/Server.h"
 #include "run/Engine.h"
 #include "serve/MainLoop.h"
@@ -26,7 +27,7 @@ class Outputs {
 
   // Starts them. Throws StationError. The other arguments outlive them.
   Outputs(const Options& options, const media_backend::GstVideoBackend& backend, LiveCamera& camera,
-          MainLoop& loop);
+          MainLoop& loop, SegmentHook& hook);
 
   // Ends the outputs whose options have changed, and starts them again. Throws StationError.
   void change(const Options& options);
@@ -45,6 +46,7 @@ class Outputs {
   const media_backend::GstVideoBackend& backend_;
   LiveCamera& camera_;
   MainLoop& loop_;
+  SegmentHook& hook_;
   Options options_;
   bool isComplete_ = true;
   SharedMicrophone microphone_;

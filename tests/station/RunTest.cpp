@@ -90,16 +90,27 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   }
 }
 
+// A program that waits for `go`, up to a minute, and then says what it was called with.
+std::string makeUpload(const TempFolder& folder, const std::string& go) {
+  const std::string path = folder / "upload";
+  std::ofstream(path) << "#!/bin/sh\nfor i in $(seq 300); do\n[ ! -e " << go
+                      << " ] || exec echo uploaded $1\nsleep 0.2\ndone\n";
+  fs::permissions(path, fs::perms::owner_all);
+  return path;
+}
+
 // The recording changes, then the server, and then the recording goes on after a loss of the
-// camera.
+// camera. Nothing waits for the upload of the first segment.
 TEST(Run, ReadsItsOptionsAgain) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
   const std::string config = folder / "camera.toml";
+  const std::string go = folder / "go";
+  const std::string upload = makeUpload(folder, go);
   makeClip(clip, "320x180", 30, 60);
   const auto write = [&](const std::string& record, const std::string& path) {
     std::ofstream(config) << "source = \"" << clip << "\"\nboard = \"imx\"\nrecord = \""
-                          << folder / record
+                          << folder / record << "\"\non-segment = \"" << upload
                           << "\"\naudio-silence = true\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
                           << path << "\"\n";
   };
@@ -129,6 +140,7 @@ TEST(Run, ReadsItsOptionsAgain) {
                          "; waiting for it to come back");
   fs::rename(folder / "away.mkv", clip);
   awaitTwoIn(folder / "after");
+  std::ofstream(go).flush();
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 9) << result.err;
@@ -136,6 +148,8 @@ TEST(Run, ReadsItsOptionsAgain) {
   for (const char* const name : {"before", "after"}) {
     const fs::path segment = *fs::directory_iterator(folder / name);
     EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
+    EXPECT_NE(result.err.find("uploaded " + segment.string() + "\n"), std::string::npos)
+        << result.err;
   }
 }
 
