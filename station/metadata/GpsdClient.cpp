@@ -8,7 +8,6 @@
 #include "base/Callback.h"
 #include "base/StationError.h"
 #include "metadata/Geometry.h"
-#include "metadata/TelemetryStream.h"
 
 namespace station {
 namespace {
@@ -50,9 +49,9 @@ Telemetry::Sample sampleOf(const gps_data_t& data) {
   return sample;
 }
 
-Telemetry::Time timeOf(const gps_data_t& data) {
+std::optional<Telemetry::Time> timeOf(const gps_data_t& data) {
   if ((data.set & TIME_SET) == 0) {
-    return std::chrono::system_clock::now();
+    return std::nullopt;
   }
   return Telemetry::Time(std::chrono::seconds(data.fix.time.tv_sec) +
                          std::chrono::nanoseconds(data.fix.time.tv_nsec));
@@ -67,7 +66,7 @@ void GpsdClient::Close::operator()(gps_data_t* data) const {
 }
 
 GpsdClient::GpsdClient(const std::string& place, std::chrono::nanoseconds timeout)
-    : telemetry_(timeout, TelemetryStream::kCapacity),
+    : LiveTelemetry(timeout),
       host_(place.substr(0, place.find(':'))),
       port_(place.find(':') == std::string::npos ? DEFAULT_GPSD_PORT
                                                  : place.substr(place.find(':') + 1)) {
@@ -81,10 +80,6 @@ GpsdClient::GpsdClient(const std::string& place, std::chrono::nanoseconds timeou
 GpsdClient::~GpsdClient() {
   stopping_ = true;
   thread_.join();
-}
-
-void GpsdClient::annotate(lumora::LumoraPicture& picture, Time time) {
-  telemetry_.writeTo(picture, time);
 }
 
 void GpsdClient::connect() {
@@ -119,7 +114,7 @@ void GpsdClient::read() {
   if (gps_read(&data, nullptr, 0) < 0) {
     connection_.reset();
   } else if ((data.set & (MODE_SET | SATELLITE_SET | ATTITUDE_SET)) != 0) {
-    telemetry_.add(timeOf(data), sampleOf(data));
+    add(timeOf(data), sampleOf(data));
   }
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "metadata/Telemetry.h"
+#include "metadata/LiveTelemetry.h"
 
 struct gps_data_t;
 
@@ -13,15 +13,13 @@ namespace station {
 
 // Position, velocity, attitude and number of visible satellites from gpsd. A connection that is
 // lost is made anew every second.
-class GpsdClient : public MetadataSource {
+class GpsdClient : public LiveTelemetry {
  public:
   // Connects to "HOST" or "HOST:PORT". Throws StationError (Source).
   GpsdClient(const std::string& place, std::chrono::nanoseconds timeout);
   ~GpsdClient() override;
   GpsdClient(const GpsdClient&) = delete;
   GpsdClient& operator=(const GpsdClient&) = delete;
-
-  void annotate(lumora::LumoraPicture& picture, Time time) override;
 
  private:
   struct Close {
@@ -32,7 +30,6 @@ class GpsdClient : public MetadataSource {
   void run();
   void read();
 
-  Telemetry telemetry_;
   std::string host_;
   std::string port_;
   std::unique_ptr<gps_data_t, Close> connection_;  // null while there is none

@@ -18,7 +18,8 @@ class MetadataSource {
   MetadataSource(const MetadataSource&) = delete;
   MetadataSource& operator=(const MetadataSource&) = delete;
 
-  // Writes what is known at `time`, the picture's time of capture, into its header. Does not wait.
+  // Writes what is known of the picture into its header, when it has just been captured. Does not
+  // wait. `time`: that of capture, which continues when the system's clock is set.
   virtual void annotate(lumora::LumoraPicture& picture, Time time) = 0;
 };
 

@@ -17,6 +17,7 @@ namespace {
 
 using std::chrono::duration_cast;
 using std::chrono::microseconds;
+using std::chrono::system_clock;
 
 struct SeiFormat {
   const char* mediaType;
@@ -36,16 +37,21 @@ const SeiFormat kSeiFormats[] = {
      [](std::uint8_t header) { return (header >> 1 & 0x3F) < 32; }},
 };
 
-// Whether NTP or PTP disciplines the kernel's clock.
-bool isClockSynchronised() {
+// Frames are encoded within this after their capture.
+constexpr std::chrono::seconds kMostDelay{2};
+
+// Whether NTP or PTP disciplines the kernel's clock, and the time of a new frame is by it: a
+// camera's times go on as they began when the clock is set.
+bool isSynchronised(system_clock::time_point time) {
   timex state{};
-  return adjtimex(&state) != TIME_ERROR;
+  return adjtimex(&state) != TIME_ERROR &&
+         std::chrono::abs(system_clock::now() - time) < kMostDelay;
 }
 
 // The standard puts 0xFF after each two bytes of the time, so that no start code can occur in it.
-Bytes messageOf(const SeiFormat& format, std::chrono::system_clock::time_point time) {
+Bytes messageOf(const SeiFormat& format, system_clock::time_point time) {
   Bytes message = format.begin;
-  message.push_back(isClockSynchronised() ? 0x1F : 0x9F);
+  message.push_back(isSynchronised(time) ? 0x1F : 0x9F);
   const auto count = duration_cast<microseconds>(time.time_since_epoch()).count();
   for (int shift = 48; shift >= 0; shift -= 16) {
     appendNumber(message, static_cast<std::uint64_t>(count) >> shift, 2);

@@ -47,6 +47,7 @@ void Telemetry::add(Time time, const Sample& sample) {
       entry = *value->second;
     }
     Track& track = tracks_[key->name];
+    track.erase(track.upper_bound(time + timeout_), track.end());
     track.insert_or_assign(time, entry);
     if (track.size() > capacity_) {
       track.erase(track.begin());

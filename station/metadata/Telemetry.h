@@ -19,7 +19,9 @@ namespace station {
 // Values of metadata keys over time.
 //
 // Between two samples, a value is interpolated as KeyKind says. After the last one it stays until
-// the timeout; then it is unknown.
+// the timeout; then it is unknown. Samples come about in the order of their times: one that is
+// older than others by more than the timeout replaces them, as the clock of its times has been set
+// back.
 //
 // Threads: any, for add() and writeTo().
 class Telemetry {

@@ -1,9 +1,10 @@
 #include "metadata/TelemetryFile.h"
 
-#include <algorithm>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <stdexcept>
+#include <utility>
 
 #include "base/StationError.h"
 #include "metadata/TelemetryLine.h"
@@ -15,15 +16,15 @@ TelemetryFile::TelemetryFile(const std::string& path, std::chrono::nanoseconds t
   std::ifstream file(path);
   std::string text;
   std::size_t number = 0;
+  std::multimap<Time, Telemetry::Sample> samples;  // lines may be in any order
   while (std::getline(file, text)) {
     ++number;
     try {
-      const TelemetryLine line = TelemetryLine::parse(text);
+      TelemetryLine line = TelemetryLine::parse(text);
       if (!line.time) {
         throw std::invalid_argument("no time");
       }
-      begin_ = std::min(begin_, *line.time);
-      telemetry_.add(*line.time, line.sample);
+      samples.emplace(*line.time, std::move(line.sample));
     } catch (const std::invalid_argument& error) {
       throw StationError(ExitCode::Source,
                          path + ", line " + std::to_string(number) + ": " + error.what());
@@ -31,6 +32,10 @@ TelemetryFile::TelemetryFile(const std::string& path, std::chrono::nanoseconds t
   }
   if (!file.eof() || number == 0) {
     throw StationError(ExitCode::Source, "cannot read telemetry: " + path);
+  }
+  begin_ = samples.begin()->first;
+  for (const auto& [time, sample] : samples) {
+    telemetry_.add(time, sample);
   }
 }
 

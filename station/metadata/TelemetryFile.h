@@ -17,7 +17,7 @@ class TelemetryFile : public MetadataSource {
 
  private:
   Telemetry telemetry_;
-  Time begin_ = Time::max();                       // of the file
+  Time begin_;                                     // of the file
   std::optional<std::chrono::nanoseconds> delay_;  // from the file's times to the pictures'
 };
 

@@ -33,7 +33,7 @@ bool isDatagram(int fd) {
 }  // namespace
 
 TelemetryStream::TelemetryStream(int input, std::chrono::nanoseconds timeout)
-    : telemetry_(timeout, kCapacity),
+    : LiveTelemetry(timeout),
       input_(input),
       wakeUp_(eventfd(0, EFD_CLOEXEC)),
       thread_([this] { callGuarded([this] { run(); }); }) {}
@@ -41,10 +41,6 @@ TelemetryStream::TelemetryStream(int input, std::chrono::nanoseconds timeout)
 TelemetryStream::~TelemetryStream() {
   eventfd_write(wakeUp_.get(), 1);
   thread_.join();
-}
-
-void TelemetryStream::annotate(lumora::LumoraPicture& picture, Time time) {
-  telemetry_.writeTo(picture, time);
 }
 
 int TelemetryStream::openStandardInput() {
@@ -101,7 +97,7 @@ void TelemetryStream::run() {
     std::size_t begin = 0;
     for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos;
          begin = end + 1) {
-      add(text.substr(begin, end - begin));
+      receive(text.substr(begin, end - begin));
     }
     text.erase(0, begin);
     if (text.size() > kLongestLine) {
@@ -110,13 +106,13 @@ void TelemetryStream::run() {
   }
 }
 
-void TelemetryStream::add(const std::string& line) {
+void TelemetryStream::receive(const std::string& line) {
   if (line.empty()) {
     return;
   }
   try {
     const TelemetryLine parsed = TelemetryLine::parse(line);
-    telemetry_.add(parsed.time.value_or(std::chrono::system_clock::now()), parsed.sample);
+    add(parsed.time, parsed.sample);
   } catch (const std::invalid_argument& error) {
     if (++refused_ <= kMostComplaints) {
       std::fprintf(stderr, "telemetry: a line is ignored: %s\n", error.what());

@@ -131,6 +131,11 @@ TEST(Telemetry, InterpolatesAndForgets) {
   }
   EXPECT_EQ(std::get<std::int64_t>(*at(100900)->metadata(Keys::kNavSatCount)), 4);
   EXPECT_EQ(at(101000)->metadata(Keys::kCameraName), nullptr);
+  // The sender's clock is set back; its lines of before do not come again.
+  telemetry.add(station::Telemetry::Time(std::chrono::seconds(97)),
+                {{Keys::kSensorAltM, station::Telemetry::Value(30.0)}});
+  EXPECT_EQ(std::get<double>(*at(99000)->metadata(Keys::kSensorAltM)), 30);
+  EXPECT_EQ(at(100000)->metadata(Keys::kSensorAltM), nullptr);
   // On the sphere: north of the parallel between two points of it.
   EXPECT_GT(std::get<double>(*at(100500)->metadata(Keys::kSensorLatDeg)), 10.0002);
 }
@@ -199,7 +204,8 @@ void expectValues(const std::string& telemetry, const std::function<void()>& tel
        ++i) {
     tell();
     std::this_thread::sleep_for(kInterval);
-    source->annotate(*picture, std::chrono::system_clock::now());
+    // The clock has been set since the camera began, by which it counts the times of its frames.
+    source->annotate(*picture, std::chrono::system_clock::now() - std::chrono::hours(1));
   }
   EXPECT_NEAR(number(Keys::kSensorLatDeg), 47.5, 1e-6) << telemetry;
   EXPECT_NEAR(number(Keys::kSensorLonDeg), 8.25, 1e-6) << telemetry;
