@@ -14,7 +14,8 @@ using nlohmann::json;
 using std::chrono::duration_cast;
 using Clock = std::chrono::system_clock;
 
-constexpr std::int64_t kLatestSeconds = 9000000000;  // fits the clock's nanoseconds
+// Within the clock's nanoseconds, as are differences of two times.
+constexpr std::int64_t kLatestSeconds = 9000000000;
 
 [[noreturn]] void refuse(const std::string& name, const char* expected) {
   throw std::invalid_argument(name + " is not " + expected);
@@ -23,7 +24,7 @@ constexpr std::int64_t kLatestSeconds = 9000000000;  // fits the clock's nanosec
 Telemetry::Time timeOf(const json& value) {
   if (value.is_number()) {
     const auto seconds = value.get<double>();
-    if (!(std::abs(seconds) < static_cast<double>(kLatestSeconds))) {
+    if (!(seconds >= 0 && seconds < static_cast<double>(kLatestSeconds))) {
       refuse("time", "in seconds since 1970");
     }
     return Telemetry::Time(
@@ -33,8 +34,9 @@ Telemetry::Time timeOf(const json& value) {
     g_autoptr(GTimeZone) utc = g_time_zone_new_utc();
     g_autoptr(GDateTime) time =
         g_date_time_new_from_iso8601(value.get_ref<const std::string&>().c_str(), utc);
-    if (time != nullptr && std::abs(g_date_time_to_unix(time)) < kLatestSeconds) {
-      return Telemetry::Time(std::chrono::seconds(g_date_time_to_unix(time)) +
+    const std::int64_t seconds = time != nullptr ? g_date_time_to_unix(time) : -1;
+    if (seconds >= 0 && seconds < kLatestSeconds) {
+      return Telemetry::Time(std::chrono::seconds(seconds) +
                              std::chrono::microseconds(g_date_time_get_microsecond(time)));
     }
   }

@@ -142,7 +142,8 @@ TEST(Telemetry, InterpolatesAndForgets) {
 
 TEST(Telemetry, RefusesLinesThatSayNothing) {
   for (const char* const line :
-       {"", "[]", "{", R"({"time": "noon"})", R"({"time": 1e300})", R"({"yaw_deg": "north"})",
+       {"", "[]", "{", R"({"time": "noon"})", R"({"time": 1e300})", R"({"time": -1})",
+        R"({"time": "1969-12-31T23:59:59Z"})", R"({"yaw_deg": "north"})",
         R"({"nav_sat_count": 1.5})", R"({"sensor_lat_deg": 1})", R"({"laser_range_enabled": 1})"}) {
     EXPECT_THROW(station::TelemetryLine::parse(line), std::invalid_argument) << line;
   }
