@@ -59,6 +59,11 @@ LiveCamera::Annotate annotation(const EngineOptions& options) {
   };
 }
 
+void sayThatOldOptionsApply(const StationError& problem) {
+  std::fprintf(stderr, "cannot carry out the new options, the old ones apply again: %s\n",
+               problem.what());
+}
+
 bool isQuiet(const EngineOptions& options) {
   return (!options.rtsp || options.rtsp->quiet) && (!options.http || options.http->quiet);
 }
@@ -72,8 +77,25 @@ class Engine {
     check(*options_, backend_);
   }
 
-  // Runs a camera and its outputs. Returns whether to run again, with the options that were read.
+  // Runs a camera and its outputs. Returns whether to run again: with the options that were read,
+  // or with those of before if they do not start.
   bool run() {
+    try {
+      return runCamera();
+    } catch (const StationError& error) {
+      if (before_ == nullptr) {
+        throw;
+      }
+      sayThatOldOptionsApply(error);
+      options_ = std::exchange(before_, nullptr);
+      return true;
+    }
+  }
+
+  bool isComplete() const { return isComplete_; }
+
+ private:
+  bool runCamera() {
     next_.reset();
     LiveCamera camera(
         openCamera(backend_, options_->camera), [this] { loop_.cameraChanged(); },
@@ -84,6 +106,7 @@ class Engine {
     if (options_->record || !isQuiet(*options_)) {
       std::fprintf(stderr, "%s\n", camera.format().feed.c_str());
     }
+    before_.reset();
     camera.start();
     startService();
     try {
@@ -100,13 +123,10 @@ class Engine {
     if (next_ == nullptr) {
       return false;
     }
-    options_ = next_;
+    before_ = std::exchange(options_, next_);
     return true;
   }
 
-  bool isComplete() const { return isComplete_; }
-
- private:
   void watchSignals() {
     if (!isWatching_) {
       isWatching_ = true;
@@ -147,13 +167,17 @@ class Engine {
       loop_.end();
       return;
     }
-    outputs_->change(options);
-    options_ = options;
+    if (const std::optional<StationError> problem = outputs_->change(options)) {
+      sayThatOldOptionsApply(*problem);
+    } else {
+      options_ = options;
+    }
     service_->endReload();
   }
 
   Options options_;
-  Options next_;  // null, unless the camera has to begin again
+  Options next_;    // null, unless the camera has to begin again
+  Options before_;  // null, unless it begins again with others
   const GstVideoBackend& backend_;
   const ReadOptions readAgain_;
   MainLoop loop_;

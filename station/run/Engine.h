@@ -43,8 +43,9 @@ using ReadOptions = std::function<std::shared_ptr<const EngineOptions>()>;
 
 // Runs the camera and the outputs until Ctrl-C, a failure, the end of the recording's duration or
 // of a file that does not loop. SIGHUP calls `readAgain`, if there is one: outputs whose options
-// have changed end and begin again, and all of them if the camera's have. Throws StationError;
-// segments are complete after a failure of the source.
+// have changed end and begin again, and all of them if the camera's have. What does not begin goes
+// on with the options of before. Throws StationError; segments are complete after a failure of the
+// source.
 void runEngine(std::shared_ptr<const EngineOptions> options, const ReadOptions& readAgain = {});
 
 }  // namespace station

@@ -80,7 +80,21 @@ void Outputs::startHttp() {
 }
 
 // Ends outputs before it starts any: one may take over the address of another.
-void Outputs::change(const Options& options) {
+std::optional<StationError> Outputs::change(const Options& options) {
+  const Options before = options_;
+  adopt(options);
+  try {
+    start();
+  } catch (const StationError& error) {
+    adopt(before);
+    start();
+    return error;
+  }
+  return std::nullopt;
+}
+
+// Ends the outputs whose options change.
+void Outputs::adopt(const Options& options) {
   const EngineOptions::Texts& before = options_->texts;
   const EngineOptions::Texts& now = options->texts;
   if (before.record != now.record) {
@@ -93,7 +107,6 @@ void Outputs::change(const Options& options) {
     http_.reset();
   }
   options_ = options;
-  start();
 }
 
 void Outputs::finish() {

@@ -7,6 +7,7 @@
 
 #include "audio/LiveAudio.h"
 #include "audio/SharedMicrophone.h"
+#include "base/StationError.h"
 #include "camera/LiveCamera.h"
 #include "http/Server.h"
 #include "record/AudioFeed.h"
@@ -29,8 +30,9 @@ class Outputs {
   Outputs(const Options& options, const media_backend::GstVideoBackend& backend, LiveCamera& camera,
           MainLoop& loop, SegmentHook& hook);
 
-  // Ends the outputs whose options have changed, and starts them again. Throws StationError.
-  void change(const Options& options);
+  // Ends the outputs whose options have changed, and starts them again: with the options of before
+  // if they do not start, and returns why. Throws StationError if that fails, too.
+  std::optional<StationError> change(const Options& options);
 
   // Completes the recording, and prints its summary. Throws StationError.
   void finish();
@@ -39,6 +41,7 @@ class Outputs {
   bool isComplete() const { return isComplete_; }
 
  private:
+  void adopt(const Options& options);
   void start();
   void startRtsp();
   void startHttp();

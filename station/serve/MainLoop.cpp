@@ -24,7 +24,7 @@ void MainLoop::watchSignals(std::function<void()> onHangUp) {
   onHangUp_ = std::move(onHangUp);
   signals_ = g_unix_fd_add(watchStopSignals(onHangUp_ == nullptr), G_IO_IN, onSignal, this);
   if (onHangUp_) {
-    hangUps_ = g_unix_signal_add(SIGHUP, guarded<MainLoop::onHangUp>, this);
+    hangUps_ = g_unix_signal_add(SIGHUP, MainLoop::onHangUp, this);
   }
 }
 
@@ -56,7 +56,7 @@ void MainLoop::fail(const StationError& error) {
 gboolean MainLoop::onHangUp(gpointer self) {
   const auto* const loop = static_cast<MainLoop*>(self);
   if (loop->camera_ != nullptr) {
-    loop->onHangUp_();
+    callGuarded(loop->onHangUp_);
   }
   return G_SOURCE_CONTINUE;
 }

@@ -30,9 +30,9 @@ int brightness(const std::string& image) {
   return std::stoi("0" + mean.out.substr(mean.out.find_first_not_of(' ')));
 }
 
-std::set<fs::path> awaitTwoIn(const std::string& folder) {
+std::set<fs::path> awaitIn(const std::string& folder, std::size_t count) {
   std::set<fs::path> files;
-  for (int looks = 0; files.size() < 2 && looks < 300; ++looks) {
+  for (int looks = 0; files.size() < count && looks < 300; ++looks) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     files = {fs::directory_iterator(folder), {}};
   }
@@ -67,7 +67,7 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const std::string before = utcNow();
   fs::rename(folder / "other.mkv", clip);
   program.awaitErrorLine("camera is back");
-  const std::set<fs::path> segments = awaitTwoIn(folder / "out");
+  const std::set<fs::path> segments = awaitIn(folder / "out", 2);
   run({"curl", "-sSf", "-o", snapshot, url + "/snapshot.jpg"});
   EXPECT_GT(brightness(snapshot), 70);
   const std::string after = utcNow();
@@ -99,8 +99,9 @@ std::string makeUpload(const TempFolder& folder, const std::string& go) {
   return path;
 }
 
-// The recording changes, then the server, and then the recording goes on after a loss of the
-// camera. Nothing waits for the upload of the first segment.
+// The recording changes, then the server. Options that do not work follow, for an output and for
+// the camera, and then the recording goes on after a loss of the camera. Nothing waits for the
+// upload of the first segment.
 TEST(Run, ReadsItsOptionsAgain) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
@@ -108,8 +109,9 @@ TEST(Run, ReadsItsOptionsAgain) {
   const std::string go = folder / "go";
   const std::string upload = makeUpload(folder, go);
   makeClip(clip, "320x180", 30, 60);
-  const auto write = [&](const std::string& record, const std::string& path) {
-    std::ofstream(config) << "source = \"" << clip << "\"\nboard = \"imx\"\nrecord = \""
+  const auto write = [&](const std::string& record, const std::string& path,
+                         const char* source = "clip.mkv") {
+    std::ofstream(config) << "source = \"" << folder / source << "\"\nboard = \"imx\"\nrecord = \""
                           << folder / record << "\"\non-segment = \"" << upload
                           << "\"\naudio-silence = true\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
                           << path << "\"\n";
@@ -135,16 +137,29 @@ TEST(Run, ReadsItsOptionsAgain) {
   write("after", "/moved");
   program.signal(SIGHUP);
   program.awaitErrorLine("options read again");
+  const std::string refusal = "cannot carry out the new options, the old ones apply again: ";
+  write("clip.mkv/never", "/never");
+  program.signal(SIGHUP);
+  program.awaitErrorLine(refusal + "cannot write to output folder " + (folder / "clip.mkv/never") +
+                         ": Not a directory");
+  awaitIn(folder / "after", 2);
+  write("after", "/moved", "never.mkv");
+  program.signal(SIGHUP);
+  program.awaitErrorLine(refusal +
+                         "source failed: media file does not exist: " + (folder / "never.mkv"));
+  awaitIn(folder / "after", 3);
   fs::rename(clip, folder / "away.mkv");
   program.awaitErrorLine("camera lost: source failed: media file does not exist: " + clip +
                          "; waiting for it to come back");
   fs::rename(folder / "away.mkv", clip);
-  awaitTwoIn(folder / "after");
+  awaitIn(folder / "after", 4);
   std::ofstream(go).flush();
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 9) << result.err;
   EXPECT_FALSE(fs::exists(folder / "never"));
+  const std::string served = result.out.substr(result.out.rfind("rtsp://"));
+  EXPECT_NE(served.find("/moved "), std::string::npos) << result.out;
   for (const char* const name : {"before", "after"}) {
     const fs::path segment = *fs::directory_iterator(folder / name);
     EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
