@@ -24,17 +24,18 @@ void set(Telemetry::Sample& sample, const std::string& key, double value) {
   }
 }
 
-// What is known without a fix is unknown.
+// What is new. libgps keeps the last fix when it reads other messages.
 Telemetry::Sample sampleOf(const gps_data_t& data) {
   Telemetry::Sample sample;
   const gps_fix_t& fix = data.fix;
-  if (fix.mode >= MODE_2D && std::isfinite(fix.latitude) && std::isfinite(fix.longitude)) {
+  const int mode = (data.set & MODE_SET) != 0 ? fix.mode : MODE_NOT_SEEN;
+  if (mode >= MODE_2D && std::isfinite(fix.latitude) && std::isfinite(fix.longitude)) {
     set(sample, Keys::kSensorLatDeg, fix.latitude);
     set(sample, Keys::kSensorLonDeg, fix.longitude);
     set(sample, Keys::kVelocityNorthMps, fix.speed * std::cos(fix.track * kRadians));
     set(sample, Keys::kVelocityEastMps, fix.speed * std::sin(fix.track * kRadians));
   }
-  if (fix.mode >= MODE_3D) {
+  if (mode >= MODE_3D) {
     set(sample, Keys::kSensorAltM, fix.altMSL);
     set(sample, Keys::kVelocityDownMps, -fix.climb);
   }

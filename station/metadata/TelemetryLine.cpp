@@ -11,8 +11,6 @@ namespace station {
 namespace {
 
 using nlohmann::json;
-using std::chrono::duration_cast;
-using Clock = std::chrono::system_clock;
 
 // Within the clock's nanoseconds, as are differences of two times.
 constexpr std::int64_t kLatestSeconds = 9000000000;

@@ -178,10 +178,11 @@ void sendTo(int port, const std::vector<std::string>& datagrams) {
 constexpr std::chrono::milliseconds kInterval{50};
 constexpr int kPatience = 600;  // intervals
 
-std::unique_ptr<station::MetadataSource> openSource(const std::string& telemetry) {
+std::unique_ptr<station::MetadataSource> openSource(const std::string& telemetry,
+                                                    double timeoutSeconds = 60) {
   station::MetadataOptions options;
   options.telemetry = telemetry;
-  options.timeoutSeconds = 60;
+  options.timeoutSeconds = timeoutSeconds;
   for (int i = 0; i < kPatience; ++i) {
     try {
       return options.open();
@@ -193,8 +194,8 @@ std::unique_ptr<station::MetadataSource> openSource(const std::string& telemetry
 }
 
 // Every source reports this: 500 m above the sea, moving east at 19.4 knots.
-void expectValues(const std::string& telemetry, const std::function<void()>& tell) {
-  const auto source = openSource(telemetry);
+void expectValues(station::MetadataSource& source, const std::string& telemetry,
+                  const std::function<void()>& tell) {
   const auto picture = blankPicture();
   const auto number = [&picture](const std::string& key) {
     const auto* const value = picture->metadata(key);
@@ -206,7 +207,7 @@ void expectValues(const std::string& telemetry, const std::function<void()>& tel
     tell();
     std::this_thread::sleep_for(kInterval);
     // The clock has been set since the camera began, by which it counts the times of its frames.
-    source->annotate(*picture, std::chrono::system_clock::now() - std::chrono::hours(1));
+    source.annotate(*picture, std::chrono::system_clock::now() - std::chrono::hours(1));
   }
   EXPECT_NEAR(number(Keys::kSensorLatDeg), 47.5, 1e-6) << telemetry;
   EXPECT_NEAR(number(Keys::kSensorLonDeg), 8.25, 1e-6) << telemetry;
@@ -224,7 +225,7 @@ TEST(TelemetrySources, StandardInputAndUdp) {
       R"({"sensor_lat_deg": 47.5, "sensor_lon_deg": 8.25, "velocity_north_mps": 0.0})";
   const std::string rest = R"({"velocity_east_mps": 9.98, "sensor_alt_m": 500})";
   const int port = freePort(SOCK_DGRAM);
-  expectValues("udp:" + std::to_string(port), [&] {
+  expectValues(*openSource("udp:" + std::to_string(port)), "udp", [&] {
     sendTo(port, {count, "nothing", position + "\n" + rest});
   });
   int ends[2];
@@ -233,7 +234,7 @@ TEST(TelemetrySources, StandardInputAndUdp) {
   const station::UniqueFd writeEnd(ends[1]);
   const station::UniqueFd input(dup(STDIN_FILENO));
   dup2(readEnd.get(), STDIN_FILENO);
-  expectValues("-", [&] {
+  expectValues(*openSource("-"), "-", [&] {
     for (const std::string& piece :
          {count.substr(0, 9), count.substr(9) + "\nnothing\n" + position, "\n" + rest + "\n"}) {
       EXPECT_EQ(write(writeEnd.get(), piece.data(), piece.size()),
@@ -261,23 +262,39 @@ TEST(TelemetrySources, Gpsd) {
   if (gpsd == nullptr) {
     GTEST_SKIP() << "no gpsd: it is not asked";
   }
-  g_autoptr(GDateTime) now = g_date_time_new_now_utc();
-  g_autofree gchar* time = g_date_time_format(now, "%H%M%S.00");
-  g_autofree gchar* date = g_date_time_format(now, "%d%m%y");
   const std::string place = ",4730.0000,N,00815.0000,E,";
-  std::vector<std::string> sentences = {
-      std::string("GPRMC,") + time + ",A" + place + "019.4,090.0," + date + ",,,A",
-      std::string("GPGGA,") + time + place + "1,02,0.9,500.0,M,47.0,M,,",
-      "GPGSV,1,1,02,01,40,083,46,02,17,308,41"};
-  for (std::string& sentence : sentences) {
-    unsigned int sum = 0;
-    for (const char letter : sentence) {
-      sum ^= static_cast<unsigned char>(letter);
+  const std::string satellites = "GPGSV,1,1,02,01,40,083,46,02,17,308,41";
+  const auto tell = [device](std::vector<std::string> sentences) {
+    for (std::string& sentence : sentences) {
+      unsigned int sum = 0;
+      for (const char letter : sentence) {
+        sum ^= static_cast<unsigned char>(letter);
+      }
+      g_autofree gchar* end = g_strdup_printf("*%02X\r\n", sum);
+      sentence = "$" + sentence + end;
     }
-    g_autofree gchar* end = g_strdup_printf("*%02X\r\n", sum);
-    sentence = "$" + sentence + end;
+    sendTo(device, sentences);
+  };
+  const auto source = openSource("gpsd:127.0.0.1:" + port, 2);
+  expectValues(*source, "gpsd", [&] {
+    g_autoptr(GDateTime) now = g_date_time_new_now_utc();
+    g_autofree gchar* time = g_date_time_format(now, "%H%M%S.00");
+    g_autofree gchar* date = g_date_time_format(now, "%d%m%y");
+    tell({std::string("GPRMC,") + time + ",A" + place + "019.4,090.0," + date + ",,,A",
+          std::string("GPGGA,") + time + place + "1,08,0.9,500.0,M,47.0,M,,", satellites});
+  });
+  // Without a new fix, the position becomes unknown, and the satellites do not.
+  auto picture = blankPicture();
+  for (int i = 0; i < kPatience && (picture->metadata(Keys::kNavSatCount) == nullptr ||
+                                    picture->metadata(Keys::kSensorLatDeg) != nullptr);
+       ++i) {
+    tell({satellites});
+    std::this_thread::sleep_for(kInterval);
+    picture = blankPicture();
+    source->annotate(*picture, {});
   }
-  expectValues("gpsd:127.0.0.1:" + port, [&] { sendTo(device, sentences); });
+  EXPECT_EQ(picture->metadata(Keys::kSensorLatDeg), nullptr);
+  EXPECT_NE(picture->metadata(Keys::kNavSatCount), nullptr);
 }
 
 }  // namespace
