@@ -1,6 +1,5 @@
 #include "audio/AudioTrack.h"
 
-#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -20,8 +19,10 @@ std::uint64_t onTimeline(std::chrono::nanoseconds time) {
   return kStartNs + static_cast<std::uint64_t>(time.count());
 }
 
-void append(AudioTrack::Frames& frames, AudioTrack::Frames more) {
-  std::move(more.begin(), more.end(), std::back_inserter(frames));
+void append(AudioTrack::Frames& frames, std::deque<EncodedAudioFrame> more, bool areFallback) {
+  for (EncodedAudioFrame& frame : more) {
+    frames.push_back({std::move(frame), areFallback});
+  }
 }
 
 }  // namespace
@@ -84,23 +85,25 @@ void AudioTrack::fillLocked(std::uint64_t untilNs, TimePoint now) {
   if (untilNs < endNs_) {
     return;
   }
-  append(ready_, guard_.drainReceived());
-  Frames fallback;
+  append(ready_, guard_.drainReceived(), false);
   if (endNs_ == kStartNs) {
-    fallback = guard_.makeFallbackUntil(kStartNs, 1, now);
+    addFallbackLocked(guard_.makeFallbackUntil(kStartNs, 1, now));
   }
-  append(fallback, guard_.makeFallbackUntil(untilNs, kNoLimit, now));
+  addFallbackLocked(guard_.makeFallbackUntil(untilNs, kNoLimit, now));
+}
+
+void AudioTrack::addFallbackLocked(std::deque<EncodedAudioFrame> fallback) {
   if (!fallback.empty()) {
     endNs_ = fallback.back().ptsNs + fallback.back().durationNs;
     statistics_.fallback += fallback.size();
-    append(ready_, std::move(fallback));
+    append(ready_, std::move(fallback), true);
   }
 }
 
 AudioTrack::Frames AudioTrack::handOverLocked() {
-  append(ready_, guard_.drainReceived());
+  append(ready_, guard_.drainReceived(), false);
   Frames frames = std::exchange(ready_, {});
-  for (EncodedAudioFrame& frame : frames) {
+  for (Frame& frame : frames) {
     frame.ptsNs -= kStartNs;
   }
   return frames;

@@ -20,7 +20,11 @@ namespace station {
 class AudioTrack {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
-  using Frames = std::deque<media_backend::EncodedAudioFrame>;
+
+  struct Frame : media_backend::EncodedAudioFrame {
+    bool isFallback;
+  };
+  using Frames = std::deque<Frame>;
 
   struct Settings {
     media_backend::AudioContinuityGuard::FallbackMode fallback =
@@ -50,6 +54,7 @@ class AudioTrack {
 
  private:
   void fillLocked(std::uint64_t untilNs, TimePoint now);
+  void addFallbackLocked(std::deque<media_backend::EncodedAudioFrame> fallback);
   Frames handOverLocked();
 
   mutable std::mutex mutex_;

@@ -89,9 +89,11 @@ AudioTrack::Statistics AudioFeed::statistics() const {
   AudioTrack::Statistics all = earlier_;
   if (track_) {
     const AudioTrack::Statistics now = track_->statistics();
-    all.received += now.received - early_.size();
+    const auto earlyFallback = static_cast<std::uint64_t>(std::count_if(
+        early_.begin(), early_.end(), [](const auto& frame) { return frame.isFallback; }));
+    all.received += now.received - (early_.size() - earlyFallback);
     all.late += now.late;
-    all.fallback += now.fallback;
+    all.fallback += now.fallback - earlyFallback;
   }
   return all;
 }
