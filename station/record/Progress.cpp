@@ -5,13 +5,21 @@
 #include <unistd.h>
 
 namespace station {
+namespace {
+
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""s;
+
+constexpr std::chrono::seconds kLogInterval{60};
+
+}  // namespace
 
 Progress::Progress() : onTerminal_(isatty(STDERR_FILENO) != 0) {}
 
 void Progress::print(const Recorder::Statistics& statistics, const std::string& segment,
                      std::chrono::nanoseconds recorded) {
-  due_ = std::chrono::steady_clock::now() +
-         (onTerminal_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
+  const std::chrono::seconds lineInterval(recorded < kLogInterval ? 1s : kLogInterval);
+  due_ = std::chrono::steady_clock::now() + (onTerminal_ ? 200ms : lineInterval);
   const auto tenths = recorded.count() / 100000000;
   std::fprintf(stderr, "%s%02lld:%02lld.%lld  %llu frames  %llu dropped  segment %llu %s  %s%s",
                onTerminal_ ? "\r\033[K" : "", static_cast<long long>(tenths / 600),

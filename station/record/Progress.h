@@ -8,7 +8,7 @@
 namespace station {
 
 // Progress of a recording on standard error: on a terminal one line, updated several times a
-// second, elsewhere a line every second.
+// second, elsewhere a line every second, and after a minute one every minute.
 class Progress {
  public:
   Progress();
