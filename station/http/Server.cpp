@@ -18,7 +18,8 @@ using media_backend::GstVideoBackend;
 using Codec = GstVideoBackend::Codec;
 
 constexpr std::chrono::seconds kIdle{30};
-constexpr guint kRequestSeconds = 10;  // from a request's first byte to its last
+// From a connection's begin, before TLS, to the last byte of its only request.
+constexpr guint kRequestSeconds = 10;
 // A browser takes a few connections: for the page, its stream and its status.
 constexpr unsigned int kConnectionsPerClient = 2;
 constexpr unsigned int kMoreConnections = 16;
@@ -124,6 +125,7 @@ void HttpServer::accept(GSocketConnection* connection) {
   soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
 }
 
+// At once for a new connection: libsoup takes the filtered stream for one that needs no handshake.
 void HttpServer::onRequestStarted(SoupServer* /*server*/, SoupServerMessage* message,
                                   gpointer /*self*/) {
   addProtectiveHeaders(message);
