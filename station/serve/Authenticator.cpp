@@ -55,11 +55,11 @@ Authenticator::Authenticator(Credentials credentials, Protocol protocol, bool is
 
 Authenticator::Verdict Authenticator::check(const Request& request) {
   const std::lock_guard lock(mutex_);
-  const Answer answer = judge(request);
   const std::string guesser = guesserOf(request.address);
+  const bool mayGuess = !guesses_.isReached(guesser);
+  const Answer answer = judge(request, mayGuess);
   // Guesses of others behind the same address do not disturb a client that knows the password.
-  if (answer.result != Result::NoPassword && !isProven(answer.proof) &&
-      guesses_.isReached(guesser)) {
+  if (answer.result != Result::NoPassword && !isProven(answer.proof) && !mayGuess) {
     Client::refuse(request.socket, ClientEvent::Password, "too many wrong passwords");
     return {false, {}};
   }
@@ -76,7 +76,7 @@ Authenticator::Verdict Authenticator::check(const Request& request) {
           challenges(request.address, answer.result == Result::Stale)};
 }
 
-Authenticator::Answer Authenticator::judge(const Request& request) const {
+Authenticator::Answer Authenticator::judge(const Request& request, bool mayGuess) const {
   if (request.authorization == nullptr) {
     return {Result::NoPassword, ""};
   }
@@ -87,9 +87,10 @@ Authenticator::Answer Authenticator::judge(const Request& request) const {
   if (base64 == nullptr) {
     return {Result::NoPassword, ""};
   }
-  const std::string proof = md5(base64 + request.address);  // spares the slow hash
-  return {isProven(proof) || credentials_.matchBasic(base64) ? Result::Admitted : Result::Wrong,
-          proof};
+  // The slow hash is computed neither for a proof nor for a guess that is refused anyway.
+  const std::string proof = md5(base64 + request.address);
+  const bool isRight = isProven(proof) || (mayGuess && credentials_.matchBasic(base64));
+  return {isRight ? Result::Admitted : Result::Wrong, proof};
 }
 
 Authenticator::Answer Authenticator::judgeDigest(const Request& request,

@@ -55,7 +55,7 @@ class Authenticator {
 
   static constexpr std::size_t kMaxProofs = 1024;
 
-  Answer judge(const Request& request) const;
+  Answer judge(const Request& request, bool mayGuess) const;
   Answer judgeDigest(const Request& request, const char* parameters) const;
   bool isOwnNonce(const std::string& nonce, const std::string& address) const;
   bool isProven(const std::string& proof) const;

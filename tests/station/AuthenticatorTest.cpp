@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <fstream>
 
 #include "base/StationError.h"
@@ -69,6 +70,28 @@ TEST(Authenticator, TakesSlowHashesUnderTlsOnly) {
                                Authenticator::Protocol::Rtsp, false),
                  station::StationError);
   }
+}
+
+// Nobody keeps the server busy with hashes; who came in before goes on.
+TEST(Authenticator, GuessesBeyondTheLimitCostNoSlowHash) {
+  const TempFolder folder;
+  std::ofstream(folder / "users") << kSlow[0];
+  Authenticator authenticator(station::Credentials::fromOption(folder / "users"),
+                              Authenticator::Protocol::Http, true);
+  const auto check = [&authenticator](const char* authorization) {
+    return authenticator.check({nullptr, "192.0.2.7", authorization, "GET", nullptr});
+  };
+  EXPECT_TRUE(check("Basic dGhleTpzZWNyZXQ=").isAdmitted);
+  const auto timeOf = [&check](int guesses, std::size_t challenges) {
+    const std::clock_t begin = std::clock();
+    for (int i = 0; i < guesses; ++i) {
+      EXPECT_EQ(check("Basic dGhleTpzZWNyZXQx").challenges.size(), challenges);
+    }
+    return std::clock() - begin;
+  };
+  const std::clock_t allowed = timeOf(10, 1);
+  EXPECT_LT(timeOf(40, 0), allowed);
+  EXPECT_TRUE(check("Basic dGhleTpzZWNyZXQ=").isAdmitted);
 }
 
 }  // namespace
