@@ -5,6 +5,7 @@
 
 #include "base/Callback.h"
 #include "rtsp/NullTcpTransport.h"
+#include "rtsp/Sessions.h"
 #include "serve/Client.h"
 
 namespace station {
@@ -26,13 +27,6 @@ bool lasts(std::optional<steady_clock::time_point>& since, bool condition,
     since = now;
   }
   return since && now - *since >= duration;
-}
-
-bool hasSession(GstRTSPClient* client) {
-  GList* const sessions = gst_rtsp_client_session_filter(client, nullptr, nullptr);
-  const bool any = sessions != nullptr;
-  g_list_free_full(sessions, g_object_unref);
-  return any;
 }
 
 // Whether its stream has dropped it; true for a moment during its TEARDOWN, too.

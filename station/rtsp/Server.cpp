@@ -23,26 +23,33 @@ constexpr unsigned int kAnsweredConnections = 16;  // that are answered with 503
 constexpr guint16 kFirstUdpPort = 16384;
 constexpr guint16 kLastUdpPort = 32767;
 
-// Workaround for rtsp-client.c of gst-rtsp-server, still needed with 1.28.8: a second SETUP of a
-// stream in a session replaces its transport. send_func() may be using it, whereupon get_data_seq()
-// asserts, or the stream counts it for the other protocol after a PLAY that failed; either way the
-// process ends.
-GstRTSPStatusCode onSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*unused*/) {
-  GList* const all = context->session != nullptr
-                         ? gst_rtsp_session_filter(context->session, nullptr, nullptr)
-                         : nullptr;
-  bool isSetUp = false;
+// Whether the stream has a transport in the session.
+bool isSetUp(GstRTSPSession* session, GstRTSPStream* stream) {
+  GList* const all = gst_rtsp_session_filter(session, nullptr, nullptr);
+  bool found = false;
   for (const GList* item = all; item != nullptr; item = item->next) {
     auto* const media = GST_RTSP_SESSION_MEDIA(item->data);
     const guint streams = gst_rtsp_media_n_streams(gst_rtsp_session_media_get_media(media));
     for (guint i = 0; i < streams; ++i) {
       GstRTSPStreamTransport* const transport = gst_rtsp_session_media_get_transport(media, i);
-      isSetUp = isSetUp || (transport != nullptr &&
-                            gst_rtsp_stream_transport_get_stream(transport) == context->stream);
+      found = found ||
+              (transport != nullptr && gst_rtsp_stream_transport_get_stream(transport) == stream);
     }
   }
   g_list_free_full(all, g_object_unref);
-  return isSetUp ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
+  return found;
+}
+
+// Refuses a second session, which others would lack.
+//
+// Workaround for rtsp-client.c of gst-rtsp-server, still needed with 1.28.8: a second SETUP of a
+// stream in a session replaces its transport. send_func() may be using it, whereupon get_data_seq()
+// asserts, or the stream counts it for the other protocol after a PLAY that failed; either way the
+// process ends.
+GstRTSPStatusCode onSetup(GstRTSPClient* client, GstRTSPContext* context, gpointer /*unused*/) {
+  const bool isRefused =
+      context->session != nullptr ? isSetUp(context->session, context->stream) : hasSession(client);
+  return isRefused ? GST_RTSP_STS_METHOD_NOT_VALID_IN_THIS_STATE : GST_RTSP_STS_OK;
 }
 
 // The library logs each unknown part of a Transport header as a warning, so a single request can

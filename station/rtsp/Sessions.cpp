@@ -46,4 +46,11 @@ void touchSessions(GstRTSPSessionPool* pool, const std::string& owner) {
   g_list_free(gst_rtsp_session_pool_filter(pool, touchIfOwned, &prefix));
 }
 
+bool hasSession(GstRTSPClient* client) {
+  GList* const sessions = gst_rtsp_client_session_filter(client, nullptr, nullptr);
+  const bool any = sessions != nullptr;
+  g_list_free_full(sessions, g_object_unref);
+  return any;
+}
+
 }  // namespace station

@@ -15,4 +15,9 @@ GstRTSPSessionPool* newSessionPool(unsigned int maxSessions);
 // Threads: any.
 void touchSessions(GstRTSPSessionPool* pool, const std::string& owner);
 
+// Whether the client has a session that has not ended.
+//
+// Threads: any.
+bool hasSession(GstRTSPClient* client);
+
 }  // namespace station
