@@ -6,6 +6,7 @@
 
 #include "base/Board.h"
 #include "base/Pipelines.h"
+#include "base/StopSignal.h"
 #include "camera/CallSource.h"
 #include "camera/LiveCamera.h"
 #include "camera/ReconnectingCamera.h"
@@ -120,7 +121,7 @@ class Engine {
     }
     outputs.finish();
     isComplete_ = isComplete_ && outputs.isComplete();
-    if (next_ == nullptr) {
+    if (next_ == nullptr || isStopRequested()) {
       return false;
     }
     before_ = std::exchange(options_, next_);
