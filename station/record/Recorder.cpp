@@ -69,9 +69,10 @@ Recorder::Recorder(const media_backend::GstVideoBackend& backend, const Settings
 
 // Workaround for splitmuxsink of GStreamer 1.22: set to NULL before its first GOP is complete, it
 // may leave SPLITMUX_OUTPUT_STATE_STOPPED when the muxer, which has stopped, refuses caps; the KLV
-// stream then waits without end. EOS first avoids that.
+// stream then waits without end. EOS first avoids that; without a frame, it would make an empty
+// segment.
 Recorder::~Recorder() {
-  if (GST_STATE(pipeline_.get()) == GST_STATE_NULL) {
+  if (GST_STATE(pipeline_.get()) == GST_STATE_NULL || pushed_ == 0) {
     return;
   }
   gst_app_src_end_of_stream(GST_APP_SRC(video_.get()));

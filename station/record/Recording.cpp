@@ -63,7 +63,7 @@ void Recording::record(const CameraFrame& frame) {
   }
   if (frame.hasSignal) {
     write(frame);
-  } else if (recorder_) {
+  } else if (recorder_ && first_) {
     completeRecorder();
     ++interruptions_;
   }
@@ -115,7 +115,7 @@ void Recording::completeRecorder() {
 
 void Recording::finish() {
   subscription_.reset();
-  if (recorder_) {
+  if (recorder_ && first_) {
     completeRecorder();
   }
   audio_.printSummary();

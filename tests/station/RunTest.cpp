@@ -102,7 +102,7 @@ std::string makeUpload(const TempFolder& folder, const std::string& go) {
 }
 
 // The recording changes, then the server. Options that do not work follow, for an output and for
-// the camera, and then the recording goes on after a loss of the camera. Nothing waits for the
+// the camera, and then two recordings begin while the camera is lost. Nothing waits for the
 // upload of the first segment. It ends while it reads that the camera changes.
 TEST(Run, ReadsItsOptionsAgain) {
   const TempFolder folder;
@@ -153,8 +153,13 @@ TEST(Run, ReadsItsOptionsAgain) {
   fs::rename(clip, folder / "away.mkv");
   program.awaitErrorLine("camera lost: source failed: media file does not exist: " + clip +
                          "; waiting for it to come back");
+  for (const char* const record : {"idle", "last"}) {
+    write(record, "/moved");
+    program.signal(SIGHUP);
+    program.awaitErrorLine("options read again");
+  }
   fs::rename(folder / "away.mkv", clip);
-  awaitIn(folder / "after", 4);
+  awaitIn(folder / "last", 1);
   std::ofstream(go).flush();
   ASSERT_FALSE(HasFailure()) << "nobody may read any more";
   fs::remove(config);
@@ -174,9 +179,11 @@ TEST(Run, ReadsItsOptionsAgain) {
   const Result result = program.wait();
   EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 9) << result.err;
   EXPECT_FALSE(fs::exists(folder / "never"));
+  EXPECT_TRUE(fs::is_empty(folder / "idle"));
   EXPECT_NE(last.find("/moved "), std::string::npos) << last;
-  for (const char* const name : {"before", "after"}) {
+  for (const char* const name : {"before", "last"}) {
     const fs::path segment = *fs::directory_iterator(folder / name);
+    EXPECT_EQ(awaitIn(folder / name, 1).size(), 1U);
     EXPECT_EQ(run({"ffprobe", "-v", "error", "-count_frames", segment}).err, "");
     EXPECT_NE(result.err.find("uploaded " + segment.string() + "\n"), std::string::npos)
         << result.err;
