@@ -115,6 +115,7 @@ void Outputs::finish() {
     isComplete_ = isComplete_ && recording_->isComplete();
     recording_.reset();
   }
+  recordedAudio_.reset();
 }
 
 }  // namespace station

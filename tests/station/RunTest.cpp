@@ -41,6 +41,11 @@ std::set<fs::path> awaitIn(const std::string& folder, std::size_t count) {
   return files;
 }
 
+std::string openMicrophones(const Program& program) {
+  return run({"sh", "-c", "grep -lx microphone:src /proc/" + program.id() + "/task/*/comm | wc -l"})
+      .out;
+}
+
 // A file that vanishes, and is replaced by one of another size and frame rate. Recording and server
 // hear one microphone.
 TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
@@ -79,10 +84,7 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   EXPECT_GT(frames(), seen);
   const std::string status = run({"curl", "-sSf", url + "/status.json"}).out;
   EXPECT_NE(status.find("\"losses\": 1\n"), std::string::npos) << status;
-  EXPECT_EQ(
-      run({"sh", "-c", "grep -lx microphone:src /proc/" + program.id() + "/task/*/comm | wc -l"})
-          .out,
-      "1\n");
+  EXPECT_EQ(openMicrophones(program), "1\n");
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_EQ(result.exitCode, 9) << result.err;
@@ -103,7 +105,8 @@ std::string makeUpload(const TempFolder& folder, const std::string& go) {
 
 // The recording changes, then the server. Options that do not work follow, for an output and for
 // the camera, and then two recordings begin while the camera is lost. Nothing waits for the
-// upload of the first segment. It ends while it reads that the camera changes.
+// upload of the first segment. Without a recording, the microphone is closed. It ends while it
+// reads that the camera changes.
 TEST(Run, ReadsItsOptionsAgain) {
   const TempFolder folder;
   const std::string clip = folder / "clip.mkv";
@@ -114,8 +117,9 @@ TEST(Run, ReadsItsOptionsAgain) {
   const auto write = [&](const std::string& record, const std::string& path,
                          const char* source = "clip.mkv") {
     std::ofstream(config) << "source = \"" << folder / source << "\"\nboard = \"imx\"\nrecord = \""
-                          << folder / record << "\"\non-segment = \"" << upload
-                          << "\"\naudio-silence = true\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
+                          << (record.empty() ? "" : folder / record) << "\"\non-segment = \""
+                          << upload
+                          << "\"\nmic = \"test\"\nrtsp = true\nrtsp-port = 0\nrtsp-path = \""
                           << path << "\"\n";
   };
   write("before", "/camera");
@@ -160,6 +164,13 @@ TEST(Run, ReadsItsOptionsAgain) {
   }
   fs::rename(folder / "away.mkv", clip);
   awaitIn(folder / "last", 1);
+  EXPECT_EQ(openMicrophones(program), "1\n");
+  write("", "/moved");
+  program.signal(SIGHUP);
+  for (int looks = 0; openMicrophones(program) != "0\n" && looks < 100; ++looks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(openMicrophones(program), "0\n");
   std::ofstream(go).flush();
   ASSERT_FALSE(HasFailure()) << "nobody may read any more";
   fs::remove(config);
