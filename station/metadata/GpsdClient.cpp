@@ -1,9 +1,16 @@
 #include "metadata/GpsdClient.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include <gps.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include "base/Callback.h"
 #include "base/StationError.h"
@@ -14,8 +21,13 @@ namespace {
 
 using Keys = lumora::LumoraPicture::BaseMetadata::Keys;
 
-constexpr int kGpsdWaitUs = 200000;
-constexpr std::chrono::seconds kRetryInterval{1};
+constexpr std::string_view kWatch = "?WATCH={\"enable\":true,\"json\":true};\n";
+constexpr guint16 kDefaultPort = 2947;
+constexpr guint kConnectTimeoutS = 10;
+constexpr int kRetryIntervalMs = 1000;
+constexpr std::size_t kLongestLine = 65536;  // bytes
+constexpr std::pair<int, int> kKeepalive[] = {
+    {TCP_KEEPIDLE, 10}, {TCP_KEEPINTVL, 5}, {TCP_KEEPCNT, 2}};
 
 // A value that gpsd does not know is not a number.
 void set(Telemetry::Sample& sample, const std::string& key, double value) {
@@ -54,68 +66,88 @@ std::optional<Telemetry::Time> timeOf(const gps_data_t& data) {
   if ((data.set & TIME_SET) == 0) {
     return std::nullopt;
   }
-  return Telemetry::Time(std::chrono::seconds(data.fix.time.tv_sec) +
+  const auto whole = std::clamp<std::int64_t>(data.fix.time.tv_sec, 0, Telemetry::kLatestSeconds);
+  return Telemetry::Time(std::chrono::seconds(whole) +
                          std::chrono::nanoseconds(data.fix.time.tv_nsec));
 }
 
 }  // namespace
 
-void GpsdClient::Close::operator()(gps_data_t* data) const {
-  gps_stream(data, WATCH_DISABLE, nullptr);
-  gps_close(data);
-  delete data;
-}
-
+// libgps would wait for minutes for a host that does not answer, and without end for one that
+// vanishes. So the connection is GIO's, and libgps only reads the messages.
 GpsdClient::GpsdClient(const std::string& place, std::chrono::nanoseconds timeout)
     : LiveTelemetry(timeout),
-      host_(place.substr(0, place.find(':'))),
-      port_(place.find(':') == std::string::npos ? DEFAULT_GPSD_PORT
-                                                 : place.substr(place.find(':') + 1)) {
+      place_(place),
+      stopping_(g_cancellable_new()),
+      data_(std::make_unique<gps_data_t>()) {
   connect();
   if (connection_ == nullptr) {
-    throw StationError(ExitCode::Source, "no gpsd at " + host_ + ", port " + port_);
+    throw StationError(ExitCode::Source, "no gpsd at " + place_);
   }
   thread_ = std::thread([this] { callGuarded([this] { run(); }); });
 }
 
 GpsdClient::~GpsdClient() {
-  stopping_ = true;
+  g_cancellable_cancel(stopping_.get());
   thread_.join();
 }
 
 void GpsdClient::connect() {
-  auto data = std::make_unique<gps_data_t>();
-  if (gps_open(host_.c_str(), port_.c_str(), data.get()) == 0) {
-    connection_.reset(data.release());
-    gps_stream(connection_.get(), WATCH_ENABLE | WATCH_JSON, nullptr);
+  g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_socket_client_set_enable_proxy(client, FALSE);
+  g_socket_client_set_timeout(client, kConnectTimeoutS);
+  connection_.reset(g_socket_client_connect_to_host(client, place_.c_str(), kDefaultPort,
+                                                    stopping_.get(), nullptr));
+  text_.clear();
+  if (connection_ == nullptr) {
+    return;
   }
+  GSocket* const socket = g_socket_connection_get_socket(connection_.get());
+  g_socket_set_timeout(socket, 0);  // gpsd is silent without a receiver
+  g_socket_set_keepalive(socket, TRUE);
+  for (const auto& [option, value] : kKeepalive) {
+    g_socket_set_option(socket, IPPROTO_TCP, option, value, nullptr);
+  }
+  g_socket_send(socket, kWatch.data(), kWatch.size(), stopping_.get(), nullptr);
 }
 
 void GpsdClient::run() {
-  auto retry = std::chrono::steady_clock::now();
-  while (!stopping_) {
+  while (!g_cancellable_is_cancelled(stopping_.get())) {
     if (connection_ != nullptr) {
       read();
-      retry = std::chrono::steady_clock::now() + kRetryInterval;
-    } else if (std::chrono::steady_clock::now() >= retry) {
-      connect();
-      retry = std::chrono::steady_clock::now() + kRetryInterval;
-    } else {
-      std::this_thread::sleep_for(std::chrono::microseconds(kGpsdWaitUs));
+      continue;
     }
+    GPollFD stop{};
+    const bool isWatched = g_cancellable_make_pollfd(stopping_.get(), &stop) != FALSE;
+    g_poll(&stop, isWatched ? 1 : 0, kRetryIntervalMs);
+    if (isWatched) {
+      g_cancellable_release_fd(stopping_.get());
+    }
+    connect();
   }
 }
 
 void GpsdClient::read() {
-  gps_data_t& data = *connection_;
-  if (!gps_waiting(&data, kGpsdWaitUs)) {
+  std::array<char, 4096> bytes{};
+  const gssize count = g_socket_receive(g_socket_connection_get_socket(connection_.get()),
+                                        bytes.data(), bytes.size(), stopping_.get(), nullptr);
+  if (count <= 0 || text_.size() > kLongestLine) {
+    connection_.reset();
     return;
   }
-  data.set = 0;
-  if (gps_read(&data, nullptr, 0) < 0) {
-    connection_.reset();
-  } else if ((data.set & (MODE_SET | SATELLITE_SET | ATTITUDE_SET)) != 0) {
-    add(timeOf(data), sampleOf(data));
+  text_.append(bytes.data(), static_cast<std::size_t>(count));
+  std::size_t begin = 0;
+  for (std::size_t end = 0; (end = text_.find('\n', begin)) != std::string::npos; begin = end + 1) {
+    parse(text_.substr(begin, end - begin));
+  }
+  text_.erase(0, begin);
+}
+
+void GpsdClient::parse(std::string line) {
+  data_->set = 0;
+  gps_unpack(line.data(), data_.get());
+  if ((data_->set & (MODE_SET | SATELLITE_SET | ATTITUDE_SET)) != 0) {
+    add(timeOf(*data_), sampleOf(*data_));
   }
 }
 

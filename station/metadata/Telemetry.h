@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -27,6 +28,8 @@ namespace station {
 class Telemetry {
  public:
   using Time = MetadataSource::Time;
+  // Of a time since 1970, so that differences of times fit into the clock's nanoseconds.
+  static constexpr std::int64_t kLatestSeconds = 9'000'000'000;
   using Value = lumora::LumoraPicture::MetadataValue;
   // Values of one time by their keys; an empty value makes the key unknown from then on. A sample
   // with a latitude has the longitude, too.

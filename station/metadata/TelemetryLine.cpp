@@ -12,9 +12,6 @@ namespace {
 
 using nlohmann::json;
 
-// Within the clock's nanoseconds, as are differences of two times.
-constexpr std::int64_t kLatestSeconds = 9000000000;
-
 [[noreturn]] void refuse(const std::string& name, const char* expected) {
   throw std::invalid_argument(name + " is not " + expected);
 }
@@ -22,7 +19,7 @@ constexpr std::int64_t kLatestSeconds = 9000000000;
 Telemetry::Time timeOf(const json& value) {
   if (value.is_number()) {
     const auto seconds = value.get<double>();
-    if (!(seconds >= 0 && seconds < static_cast<double>(kLatestSeconds))) {
+    if (!(seconds >= 0 && seconds < static_cast<double>(Telemetry::kLatestSeconds))) {
       refuse("time", "in seconds since 1970");
     }
     return Telemetry::Time(
@@ -33,7 +30,7 @@ Telemetry::Time timeOf(const json& value) {
     g_autoptr(GDateTime) time =
         g_date_time_new_from_iso8601(value.get_ref<const std::string&>().c_str(), utc);
     const std::int64_t seconds = time != nullptr ? g_date_time_to_unix(time) : -1;
-    if (seconds >= 0 && seconds < kLatestSeconds) {
+    if (seconds >= 0 && seconds < Telemetry::kLatestSeconds) {
       return Telemetry::Time(std::chrono::seconds(seconds) +
                              std::chrono::microseconds(g_date_time_get_microsecond(time)));
     }

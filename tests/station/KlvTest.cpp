@@ -161,7 +161,7 @@ TEST_F(Klv, RefusesWhatItCannotUse) {
   const Row rows[] = {
       {{"--telemetry", folder_ / "none"}, 5, "cannot read telemetry"},
       {{"--telemetry", folder_ / "bad.jsonl"}, 5, "bad.jsonl, line 2: no time"},
-      {{"--telemetry", "gpsd:127.0.0.1:1"}, 5, "no gpsd at 127.0.0.1, port 1"},
+      {{"--telemetry", "gpsd:127.0.0.1:1"}, 5, "no gpsd at 127.0.0.1:1"},
       {{"--telemetry", "udp:here"}, 2, "udp:PORT"},
       {{"--security", "secret"}, 2, "unclassified:CHE:CHE"},
       {{"--mission", std::string(128, 'm')}, 2, "longer than 127 bytes"},
