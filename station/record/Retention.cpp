@@ -70,7 +70,7 @@ void Retention::run() {
     const bool isOver = isOver_;
     const bool isDue = std::exchange(isDue_, false) || looks % kLooksPerScan == 0;
     lock.unlock();
-    if (isDue || isDiskShort()) {
+    if (isDue || shortage() > 0) {
       deleteOldest();
     }
     lock.lock();
@@ -81,10 +81,11 @@ void Retention::run() {
   }
 }
 
-bool Retention::isDiskShort() const {
+// Bytes that the disk lacks.
+std::uint64_t Retention::shortage() const {
   std::error_code error;
   const fs::space_info space = fs::space(folder_, error);
-  return !error && space.available < freeBytes_;
+  return error || space.available >= freeBytes_ ? 0 : freeBytes_ - space.available;
 }
 
 // In the order of their age. Forgets the recording's own that are gone.
@@ -131,6 +132,8 @@ std::string Retention::oldestName() const {
       Clock::now().time_since_epoch() + *offset_ - Hours(settings_.hours))));
 }
 
+// The space of a deleted file may come back later: when the file system gets to it, or when a
+// reader closes the file. The next look then tells whether it was enough.
 void Retention::deleteOldest() {
   std::vector<Segment> segments = scan();
   std::uint64_t total = 0;
@@ -140,6 +143,7 @@ void Retention::deleteOldest() {
   if (!segments.empty()) {
     segments.pop_back();
   }
+  std::uint64_t missing = shortage();
   const std::string oldest = oldestName();
   const Clock::time_point now = Clock::now();
   for (const Segment& segment : segments) {
@@ -147,11 +151,12 @@ void Retention::deleteOldest() {
         segment.begin ? now - *segment.begin > Hours(settings_.hours) : segment.name.stem < oldest;
     const bool isOld = settings_.hours > 0 && isOlder;
     const bool isTooMuch = settings_.bytes > 0 && total > settings_.bytes;
-    if (!isOld && !isTooMuch && !isDiskShort()) {
+    if (!isOld && !isTooMuch && missing == 0) {
       return;
     }
     if (remove(segment)) {
       total -= segment.bytes;
+      missing -= std::min(missing, segment.bytes);
     }
   }
 }

@@ -54,7 +54,7 @@ class Retention {
   struct Segment;
 
   void run();
-  bool isDiskShort() const;
+  std::uint64_t shortage() const;
   void deleteOldest();
   std::vector<Segment> scan();
   std::string oldestName() const;

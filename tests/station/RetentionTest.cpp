@@ -1,11 +1,17 @@
-// Which segments are deleted, whatever the clock does.
+// Which segments are deleted, whatever clock and disk do.
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
+#include <vector>
+
+#include <sys/mount.h>
 
 #include "record/Retention.h"
 #include "record/SegmentFiles.h"
@@ -78,6 +84,27 @@ TEST(Retention, KeepsTheRecordingAfterAStepOfTheClock) {
       EXPECT_EQ(left.count(station::segmentStem(time)), 1U);
     }
   }
+}
+
+// The space of files that somebody reads comes back when they are closed.
+TEST(Retention, DeletesNoMoreThanTheDiskLacks) {
+  const TempFolder folder;
+  if (mount("none", folder.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "a small file system can only be mounted as root: " << std::strerror(errno);
+  }
+  std::vector<std::ifstream> readers;
+  for (int i = 0; i < 10; ++i) {
+    const fs::path path = station::segmentPath(folder.path(), Folder::Time(std::chrono::hours(i)));
+    std::ofstream(path) << std::string(64000, 'x');
+    readers.emplace_back(path);
+  }
+  const std::uint64_t free = fs::space(folder.path()).available;
+  { const Retention retention(folder.path(), {0, 0, free + 100000}, 0); }
+  const auto left = std::distance(fs::directory_iterator(folder.path()), {});
+  EXPECT_LE(left, 8);
+  EXPECT_GE(left, 4) << "one look deletes two";
+  readers.clear();
+  umount(folder.path().c_str());
 }
 
 }  // namespace
