@@ -7,7 +7,6 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 
@@ -20,24 +19,6 @@ namespace {
 // Of the kernel, which doubles it, for a client that does not read.
 constexpr int kSendBufferBytes = 256 * 1024;
 constexpr int kBacklog = 128;
-constexpr unsigned int kOtherDescriptors = 128;  // of the process, beside connections
-
-// Without a free descriptor, GLib retries accept(), and logs the failure, without a pause.
-void reserveDescriptors(unsigned int connections) {
-  const rlim_t wanted = rlim_t{connections} + kOtherDescriptors;
-  struct rlimit limit {};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_cur >= wanted) {
-    return;
-  }
-  limit.rlim_cur = wanted;
-  if (wanted > limit.rlim_max || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    throw StationError(ExitCode::Usage, "so many clients take up to " + std::to_string(wanted) +
-                                            " open files, but the system allows " +
-                                            std::to_string(limit.rlim_max) +
-                                            ": lower --max-clients or raise the limit (ulimit -n)");
-  }
-}
 
 // This machine's first one of that family that is not only its own, or `any`.
 GstPtr<GInetAddress> reachableAddress(GInetAddress* any) {
@@ -87,9 +68,9 @@ Listener::Listener(const std::string& name, const std::string& address, std::uin
                    const Limits& limits, Accept accept)
     : limits_(limits),
       accept_(std::move(accept)),
+      reserved_(limits.connections),
       clients_(std::make_shared<ClientSettings>(limits.quiet, limits.idle)),
       service_(g_socket_service_new()) {
-  reserveDescriptors(limits.connections);
   if (!adoptSocket(name)) {
     listen(address, port);
   }

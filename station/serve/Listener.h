@@ -11,6 +11,7 @@
 
 #include "base/Handles.h"
 #include "serve/Client.h"
+#include "serve/ReservedDescriptors.h"
 #include "serve/Timer.h"
 
 namespace station {
@@ -30,10 +31,10 @@ class Listener {
   using Accept = std::function<void(GSocketConnection* connection)>;
 
   // Listens on the socket that systemd has passed under `name`, if there is one; otherwise on a
-  // numeric address, on any free port if `port` is 0. Raises the process's limit of
-  // open files if it is too low for the connections. Throws StationError: Usage for something that
-  // is not an address, a passed socket that is not of TCP, or more connections than the system
-  // allows, Address for an address that is taken or not this machine's.
+  // numeric address, on any free port if `port` is 0. Reserves descriptors for the connections.
+  // Throws StationError: Usage for something that is not an address, a passed socket that is not of
+  // TCP, or more connections than the system allows, Address for an address that is taken or not
+  // this machine's.
   Listener(const std::string& name, const std::string& address, std::uint16_t port,
            const Limits& limits, Accept accept);
   ~Listener();
@@ -58,6 +59,7 @@ class Listener {
 
   const Limits limits_;
   const Accept accept_;
+  const ReservedDescriptors reserved_;
   const std::shared_ptr<ClientSettings> clients_;
   std::optional<Timer> minutes_;
   const GstPtr<GSocketService> service_;

@@ -47,6 +47,14 @@ TEST(Serve, FailuresAreOneLine) {
   const Result path = run(station({"serve", "rtsp", clip, "--board", "imx", "--path", "door"}));
   EXPECT_EQ(path.exitCode, 2);
   EXPECT_NE(path.err.find("--path: the path has to begin with /"), std::string::npos) << path.err;
+  // Each server alone has enough descriptors for its clients.
+  Words limited = {"sh", "-c", "ulimit -n 1024 && exec \"$0\" \"$@\""};
+  const Words both = station({"run", clip, "--board", "imx", "--rtsp", "--rtsp-port", "0", "--http",
+                              "--http-port", "0", "--max-clients", "350"});
+  limited.insert(limited.end(), both.begin(), both.end());
+  const Result many = run(limited);
+  EXPECT_EQ(many.exitCode, 2);
+  EXPECT_NE(many.err.find("media-station: so many clients take"), std::string::npos) << many.err;
   for (const std::string kind : {"rtsp", "http"}) {
     for (const auto& [arguments, exitCode, text] : rows) {
       const Result result = run(station({"serve", kind, "--board", "imx"}, arguments));
