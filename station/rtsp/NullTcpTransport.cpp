@@ -1,5 +1,6 @@
 #include "rtsp/NullTcpTransport.h"
 
+#include <mutex>
 #include <string>
 
 namespace station {
@@ -58,7 +59,10 @@ void addNullTransport(GstRTSPStream* stream) {
   g_object_set_data(G_OBJECT(stream), kTransportKey, null);
 }
 
+// The library would attach a transport twice, for two threads that see none.
 void updateNullTransport(GstRTSPStream* stream) {
+  static std::mutex updating;
+  const std::lock_guard lock(updating);
   GstRTSPStreamTransport* const null = nullOf(stream);
   Transports transports{null};
   // Returns a list of those that note() picks: none.
