@@ -27,8 +27,8 @@ void append(AudioTrack::Frames& frames, std::deque<EncodedAudioFrame> more, bool
 
 }  // namespace
 
-AudioTrack::AudioTrack(const Settings& settings)
-    : endNs_(kStartNs), metrics_("audio", [this] {
+AudioTrack::AudioTrack(const Settings& settings, const char* part)
+    : endNs_(kStartNs), metrics_(part, [this] {
         constexpr auto kCounter = Metrics::Kind::Counter;
         const Statistics now = statistics();
         return Metrics::Figures{

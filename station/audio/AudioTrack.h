@@ -11,8 +11,8 @@
 
 namespace station {
 
-// Continuous audio track of a recording, from time 0: received packets, and the guard's fallback
-// frames in the gaps.
+// Continuous audio track of a recording or for servers, from time 0: received packets, and the
+// guard's fallback frames in the gaps.
 //
 // Packets older than what take() has returned are dropped as late. A jump in PTS means loss, and
 // the gap is filled at once; without packets, take() fills after the watchdog. Times are
@@ -39,7 +39,8 @@ class AudioTrack {
     std::uint64_t fallback;
   };
 
-  explicit AudioTrack(const Settings& settings);
+  // `part`: of Metrics, under which it publishes its statistics.
+  AudioTrack(const Settings& settings, const char* part);
 
   void receive(media_backend::EncodedAudioFrame packet, TimePoint now);
 

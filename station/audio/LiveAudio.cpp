@@ -42,7 +42,7 @@ void LiveAudio::run() {
 }
 
 void LiveAudio::play() {
-  AudioTrack track(options_.track);
+  AudioTrack track(options_.track, "audio");
   std::optional<MicrophoneTrack> microphone;
   if (options_.hasMicrophone()) {
     try {

@@ -29,7 +29,7 @@ void AudioFeed::open() {
     packets_ = readOpusFile(options_.file);
   }
   if (options_.isWanted()) {
-    track_.emplace(options_.track);
+    track_.emplace(options_.track, "recorded_audio");
   }
 }
 

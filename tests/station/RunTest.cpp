@@ -85,6 +85,14 @@ TEST(Run, KeepsViewersOfALostCameraAndBeginsANewSegment) {
   const std::string status = run({"curl", "-sSf", url + "/status.json"}).out;
   EXPECT_NE(status.find("\"losses\": 1\n"), std::string::npos) << status;
   EXPECT_EQ(openMicrophones(program), "1\n");
+  // Prometheus takes each name once. Both tracks have figures.
+  const std::string names =
+      run({"sh", "-c", "curl -sSf " + url + "/metrics | sed -n 's/^# HELP //p' | cut -d' ' -f1"})
+          .out;
+  EXPECT_EQ(run({"sh", "-c", "printf %s \"$0\" | sort | uniq -d", names}).out, "");
+  for (const char* const part : {"audio", "recorded_audio"}) {
+    EXPECT_NE(names.find("station_" + std::string(part) + "_received"), std::string::npos) << names;
+  }
   program.signal(SIGINT);
   const Result result = program.wait();
   EXPECT_EQ(result.exitCode, 9) << result.err;
