@@ -121,6 +121,14 @@ TEST_F(ServeHttpPage, StaysAtTheLiveEdgeAndSaysHowFarBehindTheCamera) {
     EXPECT_GT(watched["sound"], 0) << watched;
   }
   EXPECT_LT(std::abs(after["delay"].get<double>() - before["delay"].get<double>()), 1000) << after;
+  // After a part that cannot be decoded, the page begins again.
+  EXPECT_EQ(
+      browser.evaluate("const broken = player;"
+                       "broken.queue.push(new Uint8Array(1000).fill(255));"
+                       "setInterval(() => {"
+                       "  if (player && player !== broken && video.currentTime > 0) done(true);"
+                       "}, 50);"),
+      true);
   server.stop();
 }
 

@@ -33,6 +33,7 @@ class LivePlayer {
     this.buffer.addEventListener("updateend", () => this.append());
     const reader = response.body.getReader();
     for (let part = await reader.read(); !part.done; part = await reader.read()) {
+      if (this.source.readyState !== "open") throw new Error("it cannot be decoded");
       this.queue.push(part.value);
       this.append();
     }
