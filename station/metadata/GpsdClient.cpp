@@ -25,7 +25,7 @@ constexpr std::string_view kWatch = "?WATCH={\"enable\":true,\"json\":true};\n";
 constexpr guint16 kDefaultPort = 2947;
 constexpr guint kConnectTimeoutS = 10;
 constexpr int kRetryIntervalMs = 1000;
-constexpr std::size_t kLongestLine = 65536;  // bytes
+constexpr std::size_t kLongestMessage = 65536;  // bytes
 constexpr std::pair<int, int> kKeepalive[] = {
     {TCP_KEEPIDLE, 10}, {TCP_KEEPINTVL, 5}, {TCP_KEEPCNT, 2}};
 
@@ -131,7 +131,7 @@ void GpsdClient::read() {
   std::array<char, 4096> bytes{};
   const gssize count = g_socket_receive(g_socket_connection_get_socket(connection_.get()),
                                         bytes.data(), bytes.size(), stopping_.get(), nullptr);
-  if (count <= 0 || text_.size() > kLongestLine) {
+  if (count <= 0 || text_.size() > kLongestMessage) {
     connection_.reset();
     return;
   }
