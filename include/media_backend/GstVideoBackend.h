@@ -145,14 +145,17 @@ class MEDIA_BACKEND_API GstVideoBackend {
   // After parsing, the host finds by name: "mysrc" (video, caps by setInputCaps), "klvsrc" (KLV,
   // only `withKlv`), "audiosrc" (Opus, mono at 48000 Hz, only `withAudio`), "enc", "vparse", and
   // "sink", the splitmuxsink whose location it has to set. Sources take buffers with timestamps and
-  // never block. The muxer waits for the stream that is furthest behind, and the queues of the
-  // others drop their oldest buffers meanwhile. They hold up to 1 s: KLV of at most 8 packets,
-  // audio of 64; encoded video of 200 pictures or 10 MB, and before the encoder 1 frame. A stream
-  // that comes too early loses its own buffers, one that comes too late costs those of the others.
-  // Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux".
-  // appsrc lacks "max-buffers" there: with KLV or audio, parsing reports
-  // GST_PARSE_ERROR_NO_SUCH_PROPERTY and still returns the pipeline, unless errors are fatal. Empty
-  // unless the codec is H264 or H265 and the profile supports it.
+  // never block. The muxer waits for the stream that is furthest behind. The others queue up to
+  // 1 s meanwhile, at most 8 packets of KLV, 64 of audio, and 200 pictures or 10 MB of encoded
+  // video; then KLV and audio drop their oldest packets, and video its oldest frame before the
+  // encoder. A stream that comes too early loses its own buffers, one that comes too late costs
+  // those of the others.
+  //
+  // Before GStreamer 1.20, splitmuxsink ignores muxer-factory: append " muxer=mpegtsmux". appsrc
+  // lacks "max-buffers" there: with KLV or audio, parsing reports
+  // GST_PARSE_ERROR_NO_SUCH_PROPERTY and still returns the pipeline, unless errors are fatal.
+  //
+  // Empty unless the codec is H264 or H265 and the profile supports it.
   std::string recorderPipeline(const EncoderConfig& config, unsigned int segmentSeconds,
                                bool withKlv, bool withAudio) const;
 

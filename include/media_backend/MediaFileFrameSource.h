@@ -39,9 +39,9 @@ class MEDIA_BACKEND_API MediaFileFrameSource {
   MediaFileFrameSource(const MediaFileFrameSource&) = delete;
   MediaFileFrameSource& operator=(const MediaFileFrameSource&) = delete;
 
-  // Returns the next frame, waiting up to `timeout` for it (negative: not at all). A start takes up
-  // to 0.5 s on top, 1.5 s if it fails, and a restart as much again for the teardown. At the end of
-  // a looping file, a call may restart the file twice and wait twice.
+  // Returns the next frame, waiting up to `timeout` for it (negative: not at all). A start
+  // waits up to 0.5 s more for the pipeline, 1.5 s if it fails, and the teardown before a restart
+  // up to 1 s. At the end of a looping file, a call may restart the file twice and wait twice.
   //
   // The caller owns the picture. Empty with an empty `error`: no frame now, without a failure
   // (timeout, or the end of a file that does not loop). Empty with a message in `error`: failure;

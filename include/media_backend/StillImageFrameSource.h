@@ -24,8 +24,8 @@ class MEDIA_BACKEND_API StillImageFrameSource {
   // dropped, 16 bits become 8.
   //
   // Returns a picture that the caller owns; empty with a message in `error` if there is no such
-  // file, it cannot be decoded, also for lack of memory, it has less than 2 rows or columns, or the
-  // picture library makes no picture of it. `error` is cleared otherwise.
+  // file, it cannot be decoded or is too large for the memory, it has less than 2 rows or columns,
+  // or the picture library makes no picture of it. `error` is cleared otherwise.
   // Throws std::filesystem::filesystem_error if the path's status cannot be read, std::bad_alloc if
   // memory runs out outside of the decoder.
   std::shared_ptr<lumora::LumoraPicture> load(const StillImageFrameSourceConfig& config,

@@ -36,8 +36,8 @@ class MEDIA_BACKEND_API V4l2FrameSource {
   V4l2FrameSource& operator=(const V4l2FrameSource&) = delete;
 
   // Returns the newest frame that no call has returned yet, waiting up to `timeout` for it
-  // (negative: not at all). A start takes up to 0.5 s on top, 1.5 s if it fails, and a restart up
-  // to 1 s more for the teardown.
+  // (negative: not at all). A start waits up to 0.5 s more for the pipeline, 1.5 s if it fails,
+  // and the teardown before a restart up to 1 s.
   //
   // The caller owns the picture. Empty with an empty `error`: no frame now, without a failure.
   // Empty with a message in `error`: failure; the pipeline is torn down, unless only one sample
